@@ -1,0 +1,15 @@
+#include "AppMigrator/VXAppMigrator.h"
+
+namespace vx {
+
+const char* const kContainerPathKey = "ContainerPath";
+const char* const kBundlePathKey = "BundlePath";
+const char* const kSecondBundlePathKey = "SecondBundlePath";
+const char* const kBundleIdentifierKey = "BundleIdentifier";
+const char* const kContainerTypeKey = "ContainerType";
+const char* const kContainerTypeApp = "App";
+const char* const kContainerTypeVPNBundle = "VPNBundle";
+const char* const kMigrationMarkerName = "com.tarsel.velotrix.container_migrator.plist";
+const char* const kStrayNoticeFileName = "WhereDidMyApplicationsGo.txt";
+
+}  // namespace vx

@@ -1,0 +1,92 @@
+// The application-migration plug-in: brings every application container of the old layout
+// into the current layout, one container at a time, resumably. The plug-in makes no
+// InstallerError of its own: it logs each failure where it arises, returns false or skips,
+// and the run goes on with the next container.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/MigratorPlugin.h"
+#include "support/FileURL.h"
+#include "support/PlistValue.h"
+
+namespace vx {
+
+class BundleHandle;
+
+// The record of one old container: "ContainerPath", "BundlePath", "BundleIdentifier",
+// "ContainerType" ("App" or "VPNBundle") and optionally "SecondBundlePath".
+using ContainerInfo = PlistDictionary;
+
+extern const char* const kContainerPathKey;        // "ContainerPath"
+extern const char* const kBundlePathKey;           // "BundlePath"
+extern const char* const kSecondBundlePathKey;     // "SecondBundlePath"
+extern const char* const kBundleIdentifierKey;     // "BundleIdentifier"
+extern const char* const kContainerTypeKey;        // "ContainerType"
+extern const char* const kContainerTypeApp;        // "App"
+extern const char* const kContainerTypeVPNBundle;  // "VPNBundle"
+extern const char* const kMigrationMarkerName;  // "com.tarsel.velotrix.container_migrator.plist"
+extern const char* const kStrayNoticeFileName;  // "WhereDidMyApplicationsGo.txt"
+
+class VXAppMigrator : public MigratorPlugin {
+ public:
+  // Reads the old layout's state; nothing when the old container root exists but cannot
+  // be listed.
+  static std::unique_ptr<VXAppMigrator> create();
+
+  std::string dataClassName() const override;
+  bool performMigration() override;
+  float estimatedDuration() const override;
+  float migrationProgress() const override;
+
+  // --- Container introspection --------------------------------------------------------
+  std::optional<ContainerInfo> _introspectContainer(const FileURL& container,
+                                                    bool* orderResultEarly);
+  std::optional<std::string> _bundleIdentifierForBundle(const FileURL& bundle);
+
+  // --- Migration marker ---------------------------------------------------------------
+  bool _writeMigrationMarker(const ContainerInfo& info);
+  std::optional<ContainerInfo> _loadAndValidateMigrationMarkerAtURL(const FileURL& marker);
+
+  // --- Per-container migration --------------------------------------------------------
+  bool _migrateContainerWithInfo(const ContainerInfo& info);
+
+  // --- Re-installation and data moves -------------------------------------------------
+  bool _stageAndInstallBundleAtURL(const FileURL& bundle, const std::string& identifier,
+                                   const std::optional<FileURL>& vpnPlugin,
+                                   const FileURL& container);
+  bool _stageAndInstallPlaceholderForBundleAtURL(const FileURL& bundle,
+                                                 const std::string& identifier,
+                                                 const FileURL& container);
+  bool _writeIconForBundle(const BundleHandle& bundle, const FileURL& destination);
+  bool _migrateDataContainerForIdentifier(const std::string& identifier, const FileURL& from,
+                                          const FileURL& to);
+  bool _containerHasMissedItems(const FileURL& container, const std::string& identifier);
+  bool _migrateGroupContainersForIdentifier(const std::string& identifier);
+  bool _moveAllItemsInGroupContainerURL(const FileURL& source, const FileURL& destination);
+
+  // --- Safe harbors -------------------------------------------------------------------
+  bool _migrateSafeHarbors();
+
+  // Read-only views for the host's report and for tests.
+  const std::optional<std::vector<FileURL>>& itemsToMigrate() const { return _itemsToMigrate; }
+  uint64_t countItemsMigrated() const { return _countItemsMigrated.load(); }
+  const std::optional<PlistDictionary>& groupContainerMap() const { return _groupContainerMap; }
+  const std::optional<PlistDictionary>& harborMap() const { return _harborMap; }
+
+ private:
+  VXAppMigrator() = default;
+
+  // Written by the run only; read by the host's progress queries from another thread.
+  std::atomic<uint64_t> _countItemsMigrated{0};
+  std::optional<std::vector<FileURL>> _itemsToMigrate;
+  std::optional<PlistDictionary> _groupContainerMap;
+  std::optional<PlistDictionary> _harborMap;
+};
+
+}  // namespace vx

@@ -1,0 +1,116 @@
+// The file-system layer of the whole system: every removal, creation, copy, move, listing
+// and test of a file goes through the shared VXFileManager. It keeps no mutable state, so
+// any thread may call it. Nothing throws: an operation returns a success flag or an absent
+// result and writes an InstallerError to its optional out-parameter only on failure.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/FileURL.h"
+#include "support/InstallerError.h"
+
+namespace vx {
+
+// One entry of a physical tree walk, as the walk's visitor sees it.
+struct TraversalEntry {
+  enum class Kind {
+    DirectoryPre,    // a directory, before its contents
+    DirectoryPost,   // the same directory, after its contents
+    File,
+    Symlink,
+    DanglingSymlink,
+    UnreadableDirectory,
+    Cycle,
+    Error,           // the walker could not read the entry; `error` says why
+    NoStat,          // status unavailable
+    Other,
+  };
+  std::string path;
+  Kind kind = Kind::Other;
+  int error = 0;
+  mode_t mode = 0;  // file type and permission bits, as lstat gives them
+  uid_t uid = 0;
+  gid_t gid = 0;
+};
+
+class VXFileManager {
+ public:
+  using TraversalVisitor = std::function<bool(const TraversalEntry& entry, ErrorRef* error)>;
+  using ProtectionClassPredicate = std::function<bool(int32_t currentClass)>;
+
+  // The shared instance, created once under a once-only guard; never destroyed.
+  static VXFileManager& defaultManager();
+
+  // --- Core file operations ---------------------------------------------------------
+  bool removeItemAtURL(const std::optional<FileURL>& url, ErrorRef* error) const;
+  // `protectionClass` -1 leaves the class unchanged.
+  bool createDirectoryAtURL(const FileURL& url, bool withIntermediateDirectories, mode_t mode,
+                            int32_t protectionClass, ErrorRef* error) const;
+  bool createDirectoryAtURL(const FileURL& url, bool withIntermediateDirectories, mode_t mode,
+                            ErrorRef* error) const;
+  bool _copyItemAtURL(const FileURL& source, const FileURL& destination, bool failIfSrcMissing,
+                      ErrorRef* error) const;
+  bool _moveItemAtURL(const FileURL& source, const FileURL& destination, bool failIfSrcMissing,
+                      ErrorRef* error) const;
+  bool copyItemAtURL(const FileURL& source, const FileURL& destination, ErrorRef* error) const;
+  bool copyItemIfExistsAtURL(const FileURL& source, const FileURL& destination,
+                             ErrorRef* error) const;
+  bool moveItemAtURL(const FileURL& source, const FileURL& destination, ErrorRef* error) const;
+  bool moveItemIfExistsAtURL(const FileURL& source, const FileURL& destination,
+                             ErrorRef* error) const;
+  std::optional<FileURL> createTemporaryDirectoryInDirectoryURL(const FileURL& parent,
+                                                                ErrorRef* error) const;
+  std::optional<std::vector<FileURL>> urlsForItemsInDirectoryAtURL(const FileURL& directory,
+                                                                   bool ignoringSymlinks,
+                                                                   ErrorRef* error) const;
+  bool createSymbolicLinkAtURL(const FileURL& url, const FileURL& destination,
+                               ErrorRef* error) const;
+  std::optional<FileURL> destinationOfSymbolicLinkAtURL(const FileURL& url,
+                                                        ErrorRef* error) const;
+  bool itemExistsAtURL(const FileURL& url) const;
+  bool itemDoesNotExistAtURL(const FileURL& url) const;
+
+  // --- Tree traversal and ownership normalisation -----------------------------------
+  bool _traverseDirectory(const FileURL& root, ErrorRef* error,
+                          const TraversalVisitor& visitor) const;
+  bool standardizeOwnershipAndValidateSymlinksAtURL(const FileURL& root, uid_t uid, gid_t gid,
+                                                    ErrorRef* error) const;
+
+  // --- Path containment and symlink validation --------------------------------------
+  std::optional<FileURL> realPathForURL(const std::optional<FileURL>& suspicious,
+                                        const std::optional<FileURL>& base) const;
+  std::optional<FileURL> _realPathForURL(const FileURL& url,
+                                         bool allowNonExistentPathComponents) const;
+  std::optional<FileURL> _realPathWhatExistsInPath(const std::string& path) const;
+  bool _validateSymlink(const std::optional<std::string>& path, int64_t startingDepth,
+                        int64_t* endingDepth) const;
+
+  // --- Bundle attributes and data protection ----------------------------------------
+  bool markBundleAsPlaceholder(const FileURL& bundle, ErrorRef* error) const;
+  bool bundleAtURLIsPlaceholder(const FileURL& bundle) const;
+  bool setInstallType(uint64_t installType, const FileURL& bundle, ErrorRef* error) const;
+  std::optional<uint64_t> installTypeForBundle(const FileURL& bundle, ErrorRef* error) const;
+  bool dataProtectionClassOfItemAtURL(const FileURL& url, int32_t* protectionClass,
+                                      ErrorRef* error) const;
+  bool setDataProtectionClassOfItemAtURL(const FileURL& url, int32_t protectionClass,
+                                         const ProtectionClassPredicate& predicate,
+                                         ErrorRef* error) const;
+
+  // --- Store data capture -----------------------------------------------------------
+  bool captureStoreDataFromDirectory(const FileURL& source, const FileURL& destination,
+                                     bool doCopy, bool failureIsFatal, ErrorRef* error) const;
+
+  // --- Disk usage -------------------------------------------------------------------
+  uint64_t diskUsageForURL(const FileURL& root) const;
+
+ private:
+  VXFileManager() = default;
+};
+
+}  // namespace vx

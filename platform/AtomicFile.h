@@ -1,0 +1,24 @@
+// Whole-file reads and crash-safe whole-file writes.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace vx {
+
+// Writes `bytes` to a temporary file in the target's directory, fsyncs it, renames it over
+// the target and fsyncs the directory: after a crash the target holds the old content or
+// the new, never a part. On failure returns false with the errno in `error`; the temporary
+// file is removed and the target is untouched.
+bool WriteFileAtomically(const std::string& path, std::span<const uint8_t> bytes, int* error,
+                         mode_t mode = 0644);
+
+// Reads a regular file whole; nullopt with the errno in `error` on failure.
+std::optional<std::vector<uint8_t>> ReadFileContents(const std::string& path, int* error);
+
+}  // namespace vx

@@ -1,0 +1,40 @@
+// The recursive remover. Removes a file, a symbolic link (never followed) or a whole
+// directory tree, iteratively and relative to directory descriptors, with no depth limit.
+// An item that cannot be removed is reported through the error callback and the remover
+// goes on with the rest.
+#pragma once
+
+#include <memory>
+
+namespace vx {
+
+struct PurgeTreeState;
+
+enum class PurgeTreeDecision { Proceed, Stop };
+
+// Called for each item that could not be removed; `path` is the item's full path.
+using PurgeTreeErrorCallback = PurgeTreeDecision (*)(PurgeTreeState* state, const char* path,
+                                                     void* context);
+
+enum class PurgeTreeOption { ErrorCallback, ErrorContext };
+
+PurgeTreeState* purgetree_state_alloc();
+void purgetree_state_free(PurgeTreeState* state);
+// Sets the callback (value: a PurgeTreeErrorCallback) or the context handed to it.
+// Returns 0, or -1 with errno EINVAL for an unknown option.
+int purgetree_state_set(PurgeTreeState* state, PurgeTreeOption option, const void* value);
+// Inside the callback: the error number of the failure being reported. Returns 0, or -1
+// with errno EINVAL when no failure is being reported.
+int purgetree_state_get_error(const PurgeTreeState* state, int* error);
+
+struct PurgeTreeStateDeleter {
+  void operator()(PurgeTreeState* state) const { purgetree_state_free(state); }
+};
+using PurgeTreeStateHandle = std::unique_ptr<PurgeTreeState, PurgeTreeStateDeleter>;
+
+// Returns 0 when everything is gone, else -1 with errno: ENOENT when nothing was at `path`,
+// otherwise the number of the first failure (each of which also went to the callback).
+// Without `recursive` a non-empty directory fails with ENOTEMPTY.
+int purgetree(const char* path, PurgeTreeState* state, bool recursive);
+
+}  // namespace vx

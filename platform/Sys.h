@@ -1,0 +1,51 @@
+// The system calls that change the file system, each behind the fault seam. Code of the
+// platform layer and the file manager makes such calls only through these wrappers, so that
+// no mutation escapes fault injection. They behave exactly as the calls they wrap (-1 and
+// errno on failure).
+#pragma once
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstddef>
+
+namespace vx::sys {
+
+int Mkdir(const char* path, mode_t mode);
+int Mkdirat(int dirfd, const char* name, mode_t mode);
+char* Mkdtemp(char* templ);
+int Mkostemp(char* templ, int flags);
+int Rename(const char* from, const char* to);
+int Renameat(int fromDirfd, const char* from, int toDirfd, const char* to);
+int Unlink(const char* path);
+int Unlinkat(int dirfd, const char* name, int flags);
+int Rmdir(const char* path);
+// Counts as a mutation only when it may create, truncate or open for writing.
+int Open(const char* path, int flags, mode_t mode = 0);
+int Openat(int dirfd, const char* name, int flags, mode_t mode = 0);
+ssize_t Write(int fd, const void* buffer, size_t size);
+int Ftruncate(int fd, off_t length);
+int Fsync(int fd);
+int Lsetxattr(const char* path, const char* name, const void* value, size_t size, int flags);
+int Fsetxattr(int fd, const char* name, const void* value, size_t size, int flags);
+int Lremovexattr(const char* path, const char* name);
+int Symlink(const char* target, const char* linkPath);
+int Symlinkat(const char* target, int dirfd, const char* name);
+int Link(const char* existing, const char* newPath);
+int Lchown(const char* path, uid_t uid, gid_t gid);
+int Fchown(int fd, uid_t uid, gid_t gid);
+int Fchownat(int dirfd, const char* name, uid_t uid, gid_t gid, int flags);
+int Fchmod(int fd, mode_t mode);
+int Utimensat(int dirfd, const char* path, const struct timespec times[2], int flags);
+int Futimens(int fd, const struct timespec times[2]);
+// Shares the source's blocks with the destination (FICLONE); EOPNOTSUPP and EXDEV say that
+// the file system cannot.
+int CloneFile(int destinationFd, int sourceFd);
+ssize_t CopyFileRange(int sourceFd, off_t* sourceOffset, int destinationFd,
+                      off_t* destinationOffset, size_t length);
+
+// Writes the whole buffer, retrying short writes and EINTR; false with errno on failure.
+bool WriteAll(int fd, const void* buffer, size_t size);
+
+}  // namespace vx::sys

@@ -1,0 +1,145 @@
+// The shared types everything else prints and stores: locations, property lists, the
+// formatter and the two error makers.
+#include <gtest/gtest.h>
+
+#include "platform/InstallerLog.h"
+#include "platform/PlistFile.h"
+#include "support/ErrorMakers.h"
+#include "support/FileURL.h"
+#include "support/Format.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+
+namespace vx {
+namespace {
+
+TEST(FileURLTest, ComponentsExtensionsAndDirectoryKind) {
+  FileURL dir = FileURL::fileURLWithPath("/private/var//mobile/", true);
+  EXPECT_EQ(dir.path(), "/private/var/mobile");
+  EXPECT_EQ(dir.absoluteString(), "/private/var/mobile/");
+  EXPECT_EQ(dir.pathComponents(), (std::vector<std::string>{"/", "private", "var", "mobile"}));
+
+  FileURL app = dir.URLByAppendingPathComponent("Foo.app", true);
+  EXPECT_EQ(app.pathExtension(), "app");
+  EXPECT_EQ(app.lastPathComponent(), "Foo.app");
+  EXPECT_EQ(FileURL::fileURLWithPath("/x/.hidden").pathExtension(), "");
+  EXPECT_EQ(FileURL::fileURLWithPath("/x/a.tar.gz").pathExtension(), "gz");
+
+  // Equality is by text and kind: a file and a directory location of one path differ.
+  EXPECT_NE(FileURL::fileURLWithPath("/a", true), FileURL::fileURLWithPath("/a", false));
+  EXPECT_EQ(FileURL::fileURLWithPathComponents({"/", "a", "b"}), FileURL::fileURLWithPath("/a/b"));
+  EXPECT_EQ(FileURL::fileURLWithPath("/").pathComponents(), (std::vector<std::string>{"/"}));
+  EXPECT_EQ(FileURL::fileURLWithPath("/a/b").URLByDeletingLastPathComponent().path(), "/a");
+}
+
+TEST(FormatTest, ConversionsOfTheSystemsMessages) {
+  EXPECT_EQ(Format("%d|%u|%ld|%lu|%llu|%zd|%zu", -3, 7u, -9L, 10UL, 11ULL, ssize_t{-12}, size_t{13}),
+            "-3|7|-9|10|11|-12|13");
+  EXPECT_EQ(Format("error 0x%08X (%d)", -536870206, -536870206), "error 0xE00002C2 (-536870206)");
+  EXPECT_EQ(Format("100%% of %s", "it"), "100% of it");
+  EXPECT_EQ(Format("%@ and %@", FileURL::fileURLWithPath("/a/b", true), nullptr),
+            "/a/b and (null)");
+  std::optional<FileURL> none;
+  EXPECT_EQ(Format("secondary %@", none), "secondary (null)");
+  // A text value prints as itself, other values in property-list notation.
+  PlistDictionary d{{"Key", PlistValue("two words")}, {"N", PlistValue(5)}};
+  EXPECT_EQ(Format("%@ %@", PlistValue("plain"), d), "plain {Key = \"two words\"; N = 5;}");
+  // Missing arguments and unknown conversions never read out of bounds.
+  EXPECT_EQ(Format("%s %q"), "(null) %q");
+}
+
+TEST(ErrorMakersTest, CreateErrorHoldsExactlyMessageFunctionAndLine) {
+  test::LogCapture log;
+  ErrorRef e = _CreateError("-[VXFileManager removeItemAtURL:error:]", 42, VXPOSIXErrorDomain, 14,
+                            "nil url passed to %s", "-removeItemAtURL:error:");
+  EXPECT_EQ(e->domain(), "POSIXErrorDomain");
+  EXPECT_EQ(e->code(), 14);
+  EXPECT_EQ(e->userInfo().size(), 3u);
+  EXPECT_EQ(*e->localizedDescription(), "nil url passed to -removeItemAtURL:error:");
+  EXPECT_EQ(*e->userInfo().at(VXFunctionNameErrorKey).string(),
+            "-[VXFileManager removeItemAtURL:error:]");
+  EXPECT_EQ(e->userInfo().at(VXSourceFileLineErrorKey).int64Value(), 42);
+  EXPECT_TRUE(log.records().empty());
+}
+
+TEST(ErrorMakersTest, CreateAndLogErrorOrderOfUserInfoAndLogLine) {
+  test::LogCapture log;
+  ErrorRef cause = PosixCause(17);
+  PlistDictionary given{{VXLocalizedDescriptionKey, PlistValue("old")},
+                        {VXFunctionNameErrorKey, PlistValue("spoofed")},
+                        {VXPathArgumentErrorKey, PlistValue("/t/temp.XXXXXX")}};
+  ErrorRef e = _CreateAndLogError("fn", 7, VXInstallerErrorDomain, 4, cause, &given,
+                                  "Failed to create temp dir at path %s", "/t/temp.XXXXXX");
+  EXPECT_EQ(*e->localizedDescription(), "Failed to create temp dir at path /t/temp.XXXXXX");
+  EXPECT_EQ(*e->userInfo().at(VXFunctionNameErrorKey).string(), "fn");
+  EXPECT_EQ(*e->userInfo().at(VXPathArgumentErrorKey).string(), "/t/temp.XXXXXX");
+  EXPECT_EQ(e->underlyingError(), cause);
+  ASSERT_EQ(log.records().size(), 1u);
+  EXPECT_EQ(log.records()[0].level, 3);
+  EXPECT_EQ(log.records()[0].function, "fn");
+  EXPECT_EQ(log.records()[0].message,
+            "7: Failed to create temp dir at path /t/temp.XXXXXX (" + Describe(*cause) + ")");
+
+  // Without a cause the line has no parenthesis; without a format nothing is logged and
+  // there is no description.
+  log.clear();
+  ErrorRef plain = _CreateAndLogError("fn", 8, VXInstallerErrorDomain, 70, nullptr, nullptr,
+                                      "invalid symlink at %s", "/a");
+  EXPECT_EQ(log.messages(), (std::vector<std::string>{"8: invalid symlink at /a"}));
+  ErrorRef silent = _CreateAndLogError("fn", 9, VXInstallerErrorDomain, 24, nullptr, nullptr, nullptr);
+  EXPECT_EQ(silent->localizedDescription(), nullptr);
+  EXPECT_EQ(log.records().size(), 1u);
+}
+
+TEST(InstallerLogTest, ThresholdRules) {
+  LogHandle* saved = gLogHandle;
+  gLogHandle = nullptr;
+  EXPECT_TRUE(InstallerLogEnabled(3));
+  EXPECT_TRUE(InstallerLogEnabled(5));
+  EXPECT_FALSE(InstallerLogEnabled(7));
+  LogHandle quiet{3};
+  gLogHandle = &quiet;
+  EXPECT_FALSE(InstallerLogEnabled(5));
+  LogHandle verbose{7};
+  gLogHandle = &verbose;
+  EXPECT_TRUE(InstallerLogEnabled(7));
+  // The arguments of a suppressed line are never computed.
+  gLogHandle = &quiet;
+  int evaluated = 0;
+  VX_INSTALLER_LOG(5, "fn", "%d", ++evaluated);
+  EXPECT_EQ(evaluated, 0);
+  gLogHandle = saved;
+}
+
+TEST(PlistFileTest, RoundTripsBothEncodingsAndRefusesNonDictionaries) {
+  test::TempDir dir;
+  PlistDictionary record{
+      {"Text", PlistValue("a<b&c")},   {"Negative", PlistValue(-5)},
+      {"Big", PlistValue(1ULL << 40)}, {"Flag", PlistValue(true)},
+      {"Real", PlistValue(2.5)},       {"Bytes", PlistValue(PlistData{0, 1, 255})},
+      {"List", PlistValue(PlistArray{PlistValue("x"), PlistValue(PlistDictionary{})})},
+      {"When", PlistValue(PlistDate{1700000000.0})}};
+  for (PlistFormat format : {PlistFormat::XML, PlistFormat::Binary}) {
+    const std::string path = dir / "r.plist";
+    ASSERT_TRUE(WritePropertyListFile(path, PlistValue(record), format));
+    auto back = ReadPropertyListDictionary(path);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(*back, record);
+  }
+  test::WriteFile(dir / "empty.plist", "");
+  EXPECT_FALSE(ReadPropertyListFile(dir / "empty.plist"));
+  test::WriteFile(dir / "garbage.plist", "not a property list at all");
+  EXPECT_FALSE(ReadPropertyListFile(dir / "garbage.plist"));
+  ASSERT_TRUE(WritePropertyListFile(dir / "array.plist", PlistValue(PlistArray{PlistValue(1)})));
+  EXPECT_TRUE(ReadPropertyListFile(dir / "array.plist"));
+  EXPECT_FALSE(ReadPropertyListDictionary(dir / "array.plist"));
+  EXPECT_FALSE(ReadPropertyListDictionary(dir / "missing.plist"));
+  // A write into a directory that does not exist fails and reports why.
+  int error = 0;
+  EXPECT_FALSE(WritePropertyListFile(dir / "no/such/dir/x.plist", PlistValue(record),
+                                     PlistFormat::XML, &error));
+  EXPECT_EQ(error, ENOENT);
+}
+
+}  // namespace
+}  // namespace vx
