@@ -1,0 +1,71 @@
+// The application workspace: which applications are installed, their containers, and
+// installation. Its state lives on disk under the device root and nowhere else; the file
+// system is its database, so a second process (or a run after a crash) sees exactly what
+// the first left.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "support/FileURL.h"
+#include "support/InstallerError.h"
+#include "support/PlistValue.h"
+
+namespace vx {
+
+// Install option keys and values.
+extern const char* const InstallTypeKey;          // "InstallType"
+extern const char* const PackageTypeKey;          // "PackageType"
+extern const char* const PackageTypeCustomer;     // "Customer"
+extern const char* const PackageTypePlaceholder;  // "Placeholder"
+extern const char* const StoreMetadataKey;        // "StoreMetadata"
+// Progress report entries.
+extern const char* const kInstallProgressPercentKey;         // "PercentComplete"
+extern const char* const kInstallProgressStatusKey;          // "Status"
+extern const char* const kInstallProgressErrorKey;           // "Error"
+extern const char* const kInstallProgressErrorDescriptionKey;  // "ErrorDescription"
+extern const char* const kInstallProgressErrorDetailKey;     // "ErrorDetail"
+extern const char* const kApplicationAlreadyInstalledError;  // "ApplicationAlreadyInstalled"
+
+// A dictionary of text keys the workspace sends while it installs.
+using InstallProgressReport = PlistDictionary;
+using InstallProgressCallback = std::function<void(const InstallProgressReport& report)>;
+
+// What the workspace knows of one installed (or built-in) bundle.
+class BundleProxy {
+ public:
+  std::string bundleIdentifier;
+  std::string bundleType;  // "User", "Placeholder", "System", "VPNPlugin"
+  std::optional<FileURL> bundleURL;
+  std::optional<FileURL> bundleContainerURL;
+  std::optional<FileURL> dataContainerURL;
+  // Group identifier to the group's container; nullopt when they could not be had.
+  std::optional<std::map<std::string, FileURL>> groupContainerURLs;
+  bool foundBackingBundle = false;
+};
+
+class AppWorkspace {
+ public:
+  virtual ~AppWorkspace() = default;
+
+  // The workspace of the device under the device root, made on first use.
+  static AppWorkspace& defaultWorkspace();
+  // Replaces the default workspace (tests substitute their own); returns the previous one.
+  static AppWorkspace* setDefaultWorkspaceForTesting(AppWorkspace* workspace);
+
+  virtual bool applicationIsInstalled(const std::string& identifier) = 0;
+  // Nothing when no bundle of that identifier is known.
+  virtual std::optional<BundleProxy> bundleProxyForIdentifier(const std::string& identifier) = 0;
+  // Installs from `location` synchronously; every progress call happens before it returns.
+  virtual bool installApplication(const FileURL& location, const PlistDictionary& options,
+                                  ErrorRef* error, const InstallProgressCallback& progress) = 0;
+  bool installApplication(const FileURL& location, const PlistDictionary& options,
+                          ErrorRef* error) {
+    return installApplication(location, options, error, nullptr);
+  }
+};
+
+}  // namespace vx
