@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "support/FileURL.h"
 #include "support/InstallerError.h"
@@ -39,6 +40,7 @@ class BundleProxy {
  public:
   std::string bundleIdentifier;
   std::string bundleType;  // "User", "Placeholder", "System", "VPNPlugin"
+  std::optional<std::string> bundleVersion;  // "KBBundleVersion" as text, when the bundle has one
   std::optional<FileURL> bundleURL;
   std::optional<FileURL> bundleContainerURL;
   std::optional<FileURL> dataContainerURL;
@@ -59,6 +61,9 @@ class AppWorkspace {
   virtual bool applicationIsInstalled(const std::string& identifier) = 0;
   // Nothing when no bundle of that identifier is known.
   virtual std::optional<BundleProxy> bundleProxyForIdentifier(const std::string& identifier) = 0;
+  // Every identifier the workspace knows (installed and built-in), sorted. A workspace that
+  // cannot enumerate answers none.
+  virtual std::vector<std::string> installedBundleIdentifiers() { return {}; }
   // Installs from `location` synchronously; every progress call happens before it returns.
   virtual bool installApplication(const FileURL& location, const PlistDictionary& options,
                                   ErrorRef* error, const InstallProgressCallback& progress) = 0;

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string_view>
+#include <vector>
 
 #include "platform/Sys.h"
 #include "platform/UniqueFd.h"
@@ -23,11 +25,34 @@ std::string NameOf(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+constexpr size_t kTempSuffixLength = 7;  // ".XXXXXX"
+
+// A write cut off by a crash leaves its temporary file behind. It is ours, named after the
+// target, so the next write of the same target removes it: otherwise it would be a stray
+// entry, for instance in an old container that must be empty before it can go.
+void RemoveStaleTemporaries(const std::string& directory, const std::string& name) {
+  UniqueDir dir(::opendir(directory.c_str()));
+  if (!dir) return;
+  const std::string prefix = "." + name + ".";
+  std::vector<std::string> stale;
+  while (const dirent* entry = ::readdir(dir.get())) {
+    const std::string_view entryName(entry->d_name);
+    if (entryName.size() == prefix.size() + kTempSuffixLength - 1 &&
+        entryName.substr(0, prefix.size()) == prefix && entry->d_type != DT_DIR) {
+      stale.emplace_back(entryName);
+    }
+  }
+  for (const std::string& entryName : stale) {
+    sys::Unlinkat(::dirfd(dir.get()), entryName.c_str(), 0);
+  }
+}
+
 }  // namespace
 
 bool WriteFileAtomically(const std::string& path, std::span<const uint8_t> bytes, int* error,
                          mode_t mode) {
   const std::string directory = DirectoryOf(path);
+  RemoveStaleTemporaries(directory, NameOf(path));
   std::string temp = directory + "/." + NameOf(path) + ".XXXXXX";
   UniqueFd fd(sys::Mkostemp(temp.data(), O_CLOEXEC));
   if (!fd) {

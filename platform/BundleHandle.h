@@ -2,6 +2,7 @@
 // gives is the current content of its files.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <set>
@@ -18,25 +19,39 @@ extern const char* const kKBBundleIdentifierKey;    // "KBBundleIdentifier"
 
 class BundleHandle {
  public:
-  // Nothing when `bundle` is not a directory with a readable "Info.plist" dictionary.
+  // Nothing when `bundle` is not a directory holding a readable "Info.plist" property list.
+  // A list whose top level is not a dictionary still opens: such a bundle has no
+  // information dictionary, and its filtered read gives the top level as it is.
   static std::unique_ptr<BundleHandle> open(const FileURL& bundle);
+  ~BundleHandle();
+  BundleHandle(const BundleHandle&) = delete;
+  BundleHandle& operator=(const BundleHandle&) = delete;
 
   const FileURL& bundleURL() const { return bundleURL_; }
-  // The whole information dictionary, including "KBBundleInfoPlistURL".
-  const PlistDictionary* infoDictionary() const { return &info_; }
+  // The whole information dictionary, including "KBBundleInfoPlistURL"; nullptr when the
+  // file's top level is not a dictionary.
+  const PlistDictionary* infoDictionary() const { return contents_.dictionary(); }
   std::optional<std::string> bundleIdentifier() const;
   // A new value holding only the entries whose keys are in `keys`; the value's type is
   // whatever the file's top level holds. Nothing when the file cannot be read.
   std::optional<PlistValue> filteredInfoPlist(const std::set<std::string>& keys) const;
 
+  // Handles alive in the process now, and the most alive at once since the last take:
+  // lets a caller that promises one handle at a time be held to it.
+  static size_t openCount();
+  static size_t takePeakOpenCount();
+
  private:
-  BundleHandle(FileURL bundleURL, PlistDictionary info)
-      : bundleURL_(std::move(bundleURL)), info_(std::move(info)) {}
+  BundleHandle(FileURL bundleURL, PlistValue contents);
   FileURL bundleURL_;
-  PlistDictionary info_;
+  PlistValue contents_;
 };
 
 // The printed form: the bundle's path, as "BundleHandle <path>".
 std::string Describe(const BundleHandle& bundle);
+
+// The name of a property-list value's type ("Dictionary", "Array", "String", ...), for
+// messages about values of an unexpected type.
+const char* TypeName(const PlistValue& value);
 
 }  // namespace vx

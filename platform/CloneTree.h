@@ -2,8 +2,10 @@
 // extended attributes (POSIX ACLs included, as they are attributes on Linux), permission
 // bits, owner where permitted and times to the nanosecond. Regular files are shared by
 // reflink where the file system can, else copied in the kernel with copy_file_range, else
-// read and written. Symbolic links are copied as links; no link is followed at the source
-// or the destination.
+// read and written. Symbolic links are copied as links; no link is followed at the
+// destination, nor at the source but for the source named when kCloneNoFollow is absent. Files linked more than once within the tree stay linked in the copy
+// (where their paths can be named). Fifos, sockets and device nodes inside a tree are left
+// out: they hold no data; one given as the source itself fails with ENOTSUP.
 #pragma once
 
 namespace vx {
@@ -14,12 +16,15 @@ enum CloneTreeFlags : unsigned {
   kCloneSecurity = 1u << 2,  // ACLs
   kCloneStat = 1u << 3,      // mode, owner, times
   kCloneRecursive = 1u << 4,
-  kCloneNoFollow = 1u << 5,
+  kCloneNoFollow = 1u << 5,  // without it the source named is followed, links within it not
   kCloneAll = kCloneData | kCloneXattr | kCloneSecurity | kCloneStat | kCloneRecursive | kCloneNoFollow,
 };
 
-// Returns 0, or -1 with errno. An existing destination file is replaced; an existing
-// destination directory is merged into. A failure part-way may leave a partial destination.
+// Returns 0, or -1 with errno. An existing destination file (or link) is replaced by a
+// rename once its replacement is complete; an existing destination directory is merged
+// into and takes the source's metadata; a non-directory where a directory goes fails with
+// EEXIST. The destination's parent must exist. The first failure ends the copy and may
+// leave a partial destination.
 int clonetree(const char* source, const char* destination, unsigned flags);
 
 }  // namespace vx

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -60,9 +61,10 @@ uint64_t MutationCount() { return gCount.load(); }
 bool ConfigureFromEnvironment(const char** problem) {
   const char* at = std::getenv("VX_FAULT_AT");
   if (!at || !*at) return true;
+  // strtoull alone would take "-1" (as a huge count) and leading blanks.
   char* end = nullptr;
   unsigned long long nth = std::strtoull(at, &end, 10);
-  if (!end || *end != '\0' || nth == 0) {
+  if (!std::isdigit(static_cast<unsigned char>(at[0])) || !end || *end != '\0' || nth == 0) {
     if (problem) *problem = "VX_FAULT_AT must be a positive whole number";
     return false;
   }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vx {
@@ -18,13 +19,28 @@ struct IconImage {
   std::vector<uint8_t> rgba;  // width * height * 4 bytes, rows top to bottom
 };
 
+// Home-screen icons are this many pixels wide and high.
+inline constexpr uint32_t kHomeScreenIconSize = 120;
+// Larger images are refused rather than decoded: no icon needs them, and a forged header
+// must not make the decoder allocate gigabytes.
+inline constexpr uint32_t kMaxDecodedDimension = 4096;
+
 // The bundle's home-screen icon at 120 by 120: the largest PNG its information list names
 // ("KBBundleIconFile", "KBBundleIconFiles" or "KBBundleIcons"), scaled; or, when it names
-// none, a generated one (the app's initial on a colour derived from its identifier).
-// Nothing when a named icon cannot be decoded.
+// none that exists, a generated one (the app's initial on a colour derived from its
+// identifier). Nothing when the chosen icon cannot be decoded.
 namespace IconRenderer {
 std::optional<IconImage> homeScreenIcon(const BundleHandle& bundle);
 }
+
+// Resamples to `width` by `height`: area averaging where the image shrinks, bilinear where
+// it grows, on premultiplied colour so that transparent pixels do not darken the edges.
+IconImage ScaleImage(const IconImage& image, uint32_t width, uint32_t height);
+
+// A square icon for a bundle that names none: the first letter or digit of `name` (of
+// `identifier` when the name has none) on a colour derived from `identifier`, the same for
+// the same identifier in every run.
+IconImage GenerateIcon(const std::string& identifier, const std::string& name, uint32_t size);
 
 // Encodes images into a growable byte buffer.
 class ImageEncoder {
@@ -33,16 +49,23 @@ class ImageEncoder {
   static std::unique_ptr<ImageEncoder> create(std::vector<uint8_t>* buffer,
                                               const std::string& typeIdentifier, size_t count);
   void addImage(const IconImage& image);
-  // Encodes what was added; false when the images cannot be encoded.
+  // Appends the encoded images to the buffer; false, with the buffer untouched, when they
+  // cannot be encoded or their number is not the one promised at creation.
   bool finalize();
 
  private:
-  explicit ImageEncoder(std::vector<uint8_t>* buffer) : buffer_(buffer) {}
+  ImageEncoder(std::vector<uint8_t>* buffer, size_t count) : buffer_(buffer), count_(count) {}
   std::vector<uint8_t>* buffer_;
+  size_t count_;
   std::vector<IconImage> images_;
 };
 
-// Decodes a PNG file's bytes; nothing when they are no valid PNG.
+// Decodes a PNG file's bytes into 8-bit RGBA, whatever its colour type and bit depth;
+// nothing when they are no valid PNG or exceed kMaxDecodedDimension.
 std::optional<IconImage> DecodePNG(const std::vector<uint8_t>& bytes);
+// The dimensions a PNG file's header declares, without decoding the image.
+std::optional<std::pair<uint32_t, uint32_t>> PNGDimensions(const std::vector<uint8_t>& bytes);
+// Appends the PNG encoding of `image` to `out`; false when the image is malformed.
+bool EncodePNG(const IconImage& image, std::vector<uint8_t>* out);
 
 }  // namespace vx

@@ -19,4 +19,18 @@ bool synchronize(const std::string& domain);
 // The text value of `key`, or nothing when there is none or it is no text.
 std::optional<std::string> copyText(const std::string& key, const std::string& domain);
 
+// The device's preferences directory: <device root>private/var/mobile/Library/Preferences.
+std::string DefaultPreferencesDirectory();
+
+// The same operations on the preferences kept in `directory`, for a configuration that
+// serves another device root than the process's own. The directory is made on the first
+// write.
+std::optional<PlistValue> copyValue(const std::string& key, const std::string& domain,
+                                    const std::string& directory);
+bool setValue(const std::string& key, const std::optional<PlistValue>& value,
+              const std::string& domain, const std::string& directory);
+bool synchronize(const std::string& domain, const std::string& directory);
+std::optional<std::string> copyText(const std::string& key, const std::string& domain,
+                                    const std::string& directory);
+
 }  // namespace vx::PreferenceStore

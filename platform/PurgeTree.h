@@ -12,7 +12,9 @@ struct PurgeTreeState;
 
 enum class PurgeTreeDecision { Proceed, Stop };
 
-// Called for each item that could not be removed; `path` is the item's full path.
+// Called for each item that could not be removed; `path` is the item's full path. An item
+// that vanished meanwhile is reported too, with ENOENT, but is no failure of the tree.
+// Returning Stop ends the removal there.
 using PurgeTreeErrorCallback = PurgeTreeDecision (*)(PurgeTreeState* state, const char* path,
                                                      void* context);
 
@@ -20,7 +22,8 @@ enum class PurgeTreeOption { ErrorCallback, ErrorContext };
 
 PurgeTreeState* purgetree_state_alloc();
 void purgetree_state_free(PurgeTreeState* state);
-// Sets the callback (value: a PurgeTreeErrorCallback) or the context handed to it.
+// Sets the callback (value: the PurgeTreeErrorCallback itself, converted with
+// reinterpret_cast<const void*>) or the context handed to it.
 // Returns 0, or -1 with errno EINVAL for an unknown option.
 int purgetree_state_set(PurgeTreeState* state, PurgeTreeOption option, const void* value);
 // Inside the callback: the error number of the failure being reported. Returns 0, or -1
@@ -34,7 +37,9 @@ using PurgeTreeStateHandle = std::unique_ptr<PurgeTreeState, PurgeTreeStateDelet
 
 // Returns 0 when everything is gone, else -1 with errno: ENOENT when nothing was at `path`,
 // otherwise the number of the first failure (each of which also went to the callback).
-// Without `recursive` a non-empty directory fails with ENOTEMPTY.
+// Without `recursive` a non-empty directory fails with ENOTEMPTY. A directory that keeps a
+// failed descendant stays without a report of its own. At most a few dozen descriptors are
+// held whatever the depth.
 int purgetree(const char* path, PurgeTreeState* state, bool recursive);
 
 }  // namespace vx

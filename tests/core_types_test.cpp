@@ -2,6 +2,7 @@
 // formatter and the two error makers.
 #include <gtest/gtest.h>
 
+#include "platform/AtomicFile.h"
 #include "platform/InstallerLog.h"
 #include "platform/PlistFile.h"
 #include "support/ErrorMakers.h"
@@ -139,6 +140,26 @@ TEST(PlistFileTest, RoundTripsBothEncodingsAndRefusesNonDictionaries) {
   EXPECT_FALSE(WritePropertyListFile(dir / "no/such/dir/x.plist", PlistValue(record),
                                      PlistFormat::XML, &error));
   EXPECT_EQ(error, ENOENT);
+}
+
+}  // namespace
+}  // namespace vx
+
+namespace vx {
+namespace {
+
+TEST(AtomicFileTest, CrashLeftoversOfTheSameTargetAreCleared) {
+  test::TempDir dir;
+  // What a write killed between creating and renaming its temporary file leaves behind.
+  test::WriteFile(dir / ".marker.plist.Ab3dE9", "partial");
+  test::WriteFile(dir / ".other.plist.Ab3dE9", "someone else's");
+  test::WriteFile(dir / ".marker.plist.toolong", "not ours");
+  const std::vector<uint8_t> bytes = {'o', 'k'};
+  ASSERT_TRUE(WriteFileAtomically(dir / "marker.plist", bytes, nullptr));
+  EXPECT_EQ(test::ReadFile(dir / "marker.plist"), "ok");
+  EXPECT_FALSE(test::Exists(dir / ".marker.plist.Ab3dE9"));
+  EXPECT_TRUE(test::Exists(dir / ".other.plist.Ab3dE9"));
+  EXPECT_TRUE(test::Exists(dir / ".marker.plist.toolong"));
 }
 
 }  // namespace

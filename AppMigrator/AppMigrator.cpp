@@ -1,0 +1,223 @@
+#include <cerrno>
+#include <deque>
+
+#include "AppMigrator/VXAppMigrator.h"
+#include "configuration/VXGlobalConfiguration.h"
+#include "filemanager/VXFileManager.h"
+#include "platform/InstallerService.h"
+#include "platform/MigrationLog.h"
+#include "platform/PlistFile.h"
+#include "platform/SystemVersion.h"
+
+namespace vx {
+namespace {
+
+constexpr const char* kInitOperation = "-[VXAppMigrator init]";
+constexpr const char* kRunOperation = "-[VXAppMigrator performMigration]";
+
+constexpr const char* kGroupContainersKey = "GroupContainers";
+constexpr const char* kHarborMapFileName = "SafeHarbor.plist";
+constexpr const char* kLastSystemVersionFileName = "AppMigratorLastSystemVersion.plist";
+
+constexpr float kBaseDuration = 20.0f;
+constexpr float kDurationPerItem = 2.25f;
+// What the host is told while there is no list to measure against.
+constexpr float kProgressWithoutItems = 0.5f;
+
+const PlistValue* Entry(const ContainerInfo& info, const char* key) {
+  auto it = info.find(key);
+  return it == info.end() ? nullptr : &it->second;
+}
+
+// The install map's "GroupContainers", the only part of it the migration needs.
+std::optional<PlistDictionary> ReadGroupContainerMap(const FileURL& installMapPath) {
+  const auto installMap = ReadPropertyListDictionary(installMapPath.path());
+  if (!installMap) {
+    VX_MIGRATION_LOG(5, kInitOperation, "VXAppMigrator: Old install map not found at %@",
+                     installMapPath.path());
+  } else if (auto groups = installMap->find(kGroupContainersKey);
+             groups != installMap->end() && groups->second.isDictionary()) {
+    return *groups->second.dictionary();
+  }
+  VX_MIGRATION_LOG(5, kInitOperation,
+                   "VXAppMigrator: No group container map found in install map");
+  return std::nullopt;
+}
+
+// An unreadable map is only reported; it stays where it is for someone to look at.
+std::optional<PlistDictionary> ReadHarborMap(const FileURL& path,
+                                             const VXFileManager& fileManager) {
+  if (fileManager.itemDoesNotExistAtURL(path)) return std::nullopt;
+  auto map = ReadPropertyListDictionary(path.path());
+  if (!map) {
+    VX_MIGRATION_LOG(3, kInitOperation,
+                     "VXAppMigrator: Failed to load existing harbor map from %@", path.path());
+  }
+  return map;
+}
+
+// The old root and the old install map go only together, and only once nothing is left in
+// the root: an entry still there may be an application that a later run must migrate, and
+// that run needs the map's group containers. False when entries remain.
+bool RemoveOldLayoutIfEmpty(VXGlobalConfiguration& config, const VXFileManager& fileManager) {
+  const FileURL root = config.oldContainerPath();
+  ErrorRef error;
+  auto remaining = fileManager.urlsForItemsInDirectoryAtURL(root, false, &error);
+  if (!remaining) {
+    // A missing root is the normal end of a run that cleared it; anything else leaves the
+    // old layout for the next run to look at.
+    if (!error || !error->isPOSIX(ENOENT)) {
+      VX_MIGRATION_LOG(
+          3, kRunOperation,
+          "VXAppMigrator: Failed to determine if any items were remaining to migrate: %@", error);
+    }
+    return true;
+  }
+  if (!remaining->empty()) {
+    VX_MIGRATION_LOG(3, kRunOperation,
+                     "VXAppMigrator: Not removing %@ because %lu items remain unmigrated.",
+                     config.oldInstallMapPath().path(),
+                     static_cast<unsigned long>(remaining->size()));
+    return false;
+  }
+  for (const FileURL& url : {root, config.oldInstallMapPath()}) {
+    ErrorRef removeError;
+    if (!fileManager.removeItemAtURL(url, &removeError)) {
+      VX_MIGRATION_LOG(3, kRunOperation, "VXAppMigrator: Failed to remove %@ : %@", url.path(),
+                       removeError);
+    }
+  }
+  return true;
+}
+
+// Tells a later system which build this migration ran for. Not being able to say so does
+// not undo the migration, so the outcome is only logged.
+void RecordSystemVersion(VXGlobalConfiguration& config) {
+  const FileURL file = config.dataDirectory().URLByAppendingPathComponent(
+      kLastSystemVersionFileName);
+  const std::optional<PlistDictionary> record = SystemVersionRecord();
+  if (record && WritePropertyListFile(file.path(), PlistValue(*record))) {
+    VX_MIGRATION_LOG(5, kRunOperation, "VXAppMigrator: Recorded current system version as %@",
+                     SystemBuildVersion(*record));
+  } else {
+    VX_MIGRATION_LOG(3, kRunOperation, "VXAppMigrator: Failed to write current build info to %@",
+                     file.path());
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<VXAppMigrator> VXAppMigrator::create() {
+  std::unique_ptr<VXAppMigrator> migrator(new VXAppMigrator);
+  VXGlobalConfiguration& config = VXGlobalConfiguration::sharedInstance();
+  const VXFileManager& fileManager = VXFileManager::defaultManager();
+
+  const FileURL root = config.oldContainerPath();
+  if (!fileManager.itemDoesNotExistAtURL(root)) {
+    ErrorRef error;
+    auto items = fileManager.urlsForItemsInDirectoryAtURL(root, true, &error);
+    if (!items) {
+      VX_MIGRATION_LOG(3, kInitOperation, "VXAppMigrator: Failed to get items at %@ : %@", root,
+                       error);
+      return nullptr;
+    }
+    if (items->empty()) {
+      // Nothing to migrate. Only the root goes here; the install map is left as it is.
+      if (!fileManager.removeItemAtURL(root, nullptr)) {
+        VX_MIGRATION_LOG(3, kInitOperation, "VXAppMigrator: Failed to remove %@", root.path());
+      }
+    } else {
+      VX_MIGRATION_LOG(5, kInitOperation, "VXAppMigrator: %ld items to migrate",
+                       static_cast<long>(items->size()));
+      migrator->_itemsToMigrate = std::move(*items);
+      migrator->_groupContainerMap = ReadGroupContainerMap(config.oldInstallMapPath());
+    }
+  }
+
+  migrator->_harborMap = ReadHarborMap(
+      config.dataDirectory().URLByAppendingPathComponent(kHarborMapFileName), fileManager);
+  return migrator;
+}
+
+std::string VXAppMigrator::dataClassName() const { return "VXAppMigrator"; }
+
+float VXAppMigrator::estimatedDuration() const {
+  if (!_itemsToMigrate) return kBaseDuration;
+  return static_cast<float>(_itemsToMigrate->size()) * kDurationPerItem + kBaseDuration;
+}
+
+float VXAppMigrator::migrationProgress() const {
+  if (!_itemsToMigrate || _itemsToMigrate->empty()) return kProgressWithoutItems;
+  return static_cast<float>(static_cast<double>(_countItemsMigrated.load()) /
+                            static_cast<double>(_itemsToMigrate->size()));
+}
+
+bool VXAppMigrator::performMigration() {
+  VXGlobalConfiguration& config = VXGlobalConfiguration::sharedInstance();
+  const VXFileManager& fileManager = VXFileManager::defaultManager();
+  bool result = true;
+
+  // Applications go first, so that a VPN plug-in's container finds its application already
+  // installed; among the early ones the latest found leads.
+  std::deque<ContainerInfo> workList;
+  if (_itemsToMigrate) {
+    for (const FileURL& item : *_itemsToMigrate) {
+      VX_MIGRATION_LOG(5, kRunOperation, "VXAppMigrator: Introspecting %@", item.path());
+      if (item.lastPathComponent() == kStrayNoticeFileName) {
+        // A note the old system left for the user; it has no place in the new layout, and
+        // if it cannot go, the final listing still finds it.
+        fileManager.removeItemAtURL(item, nullptr);
+        ++_countItemsMigrated;
+        continue;
+      }
+      bool orderResultEarly = false;
+      std::optional<ContainerInfo> info = _introspectContainer(item, &orderResultEarly);
+      if (!info) {
+        ++_countItemsMigrated;
+      } else if (orderResultEarly) {
+        workList.push_front(std::move(*info));
+      } else {
+        workList.push_back(std::move(*info));
+      }
+    }
+  }
+
+  for (const ContainerInfo& info : workList) {
+    const PlistValue* identifier = Entry(info, kBundleIdentifierKey);
+    const PlistValue* bundlePath = Entry(info, kBundlePathKey);
+    VX_MIGRATION_LOG(5, kRunOperation, "VXAppMigrator: Migrating %@ at %@", identifier,
+                     bundlePath);
+    if (!_migrateContainerWithInfo(info)) {
+      VX_MIGRATION_LOG(3, kRunOperation, "VXAppMigrator: Migration of %@ at %@ failed",
+                       identifier, bundlePath);
+      result = false;
+    }
+    ++_countItemsMigrated;
+  }
+
+  if (!_migrateSafeHarbors()) result = false;
+
+  const PlistDictionary protectionOptions{
+      {kVXUpdateSystemAppDataContainerDataProtection, PlistValue(true)}};
+  if (!VelotrixUpdateContainerDataProtectionForMigratorOnly(protectionOptions)) {
+    VX_MIGRATION_LOG(3, kRunOperation,
+                     "VXAppMigrator: Failed to update container data protection");
+    result = false;
+  }
+
+  if (!RemoveOldLayoutIfEmpty(config, fileManager)) {
+    result = false;
+  } else if (result) {
+    RecordSystemVersion(config);
+  }
+
+  if (!result) {
+    VX_MIGRATION_LOG(3, kRunOperation,
+                     "VXAppMigrator: Returning migration failed. Please include the contents "
+                     "of /var/mobile/Library/Logs/Velotrix and /var/Mobile/Library/Logs/"
+                     "Transhift in a bug report.");
+  }
+  return result;
+}
+
+}  // namespace vx

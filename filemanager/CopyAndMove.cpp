@@ -1,0 +1,107 @@
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "filemanager/VXFileManager.h"
+#include "platform/CloneTree.h"
+#include "platform/InstallerLog.h"
+#include "platform/Sys.h"
+#include "support/ErrorMakers.h"
+
+namespace vx {
+namespace {
+
+constexpr const char* kCopyFunction = "-[VXFileManager _copyItemAtURL:toURL:failIfSrcMissing:error:]";
+constexpr const char* kMoveFunction = "-[VXFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]";
+
+enum class SourceState { Present, Missing, Failed };
+
+// The "if exists" forms treat a missing source as nothing to do, which is what lets an
+// interrupted migration run again over a half-moved container.
+SourceState CheckSource(const char* function, const FileURL& source, ErrorRef* error) {
+  struct stat st {};
+  if (::lstat(source.fileSystemRepresentation(), &st) == 0) return SourceState::Present;
+  const int e = errno;
+  if (e == ENOENT) return SourceState::Missing;
+  SetError(error,
+           PosixError(function, __LINE__, e, "stat of %@ failed: %s", source, std::strerror(e)));
+  return SourceState::Failed;
+}
+
+}  // namespace
+
+bool VXFileManager::_copyItemAtURL(const FileURL& source, const FileURL& destination,
+                                   bool failIfSrcMissing, ErrorRef* error) const {
+  if (!failIfSrcMissing) {
+    switch (CheckSource(kCopyFunction, source, error)) {
+      case SourceState::Missing:
+        return true;
+      case SourceState::Failed:
+        return false;
+      case SourceState::Present:
+        break;
+    }
+  }
+  if (clonetree(source.fileSystemRepresentation(), destination.fileSystemRepresentation(),
+                kCloneAll) != 0) {
+    const int e = errno;
+    SetError(error, PosixError(kCopyFunction, __LINE__, e, "clonetree of %@ to %@ failed: %s",
+                               source, destination, std::strerror(e)));
+    return false;
+  }
+  return true;
+}
+
+bool VXFileManager::_moveItemAtURL(const FileURL& source, const FileURL& destination,
+                                   bool failIfSrcMissing, ErrorRef* error) const {
+  if (!failIfSrcMissing) {
+    switch (CheckSource(kMoveFunction, source, error)) {
+      case SourceState::Missing:
+        return true;
+      case SourceState::Failed:
+        return false;
+      case SourceState::Present:
+        break;
+    }
+  }
+  if (sys::Rename(source.fileSystemRepresentation(), destination.fileSystemRepresentation()) == 0) {
+    return true;
+  }
+  const int e = errno;
+  if (e != EXDEV) {
+    SetError(error, PosixError(kMoveFunction, __LINE__, e, "rename of %@ to %@ failed: %s", source,
+                               destination, std::strerror(e)));
+    return false;
+  }
+  // Across file systems a move is a copy, and the source goes only once the copy is whole.
+  if (!_copyItemAtURL(source, destination, true, error)) return false;
+  ErrorRef removeError;
+  if (!removeItemAtURL(source, &removeError)) {
+    VX_INSTALLER_LOG(3, kMoveFunction, "Failed to remove source %@ : %@", source.path(),
+                     removeError);
+  }
+  return true;
+}
+
+bool VXFileManager::copyItemAtURL(const FileURL& source, const FileURL& destination,
+                                  ErrorRef* error) const {
+  return _copyItemAtURL(source, destination, true, error);
+}
+
+bool VXFileManager::copyItemIfExistsAtURL(const FileURL& source, const FileURL& destination,
+                                          ErrorRef* error) const {
+  return _copyItemAtURL(source, destination, false, error);
+}
+
+bool VXFileManager::moveItemAtURL(const FileURL& source, const FileURL& destination,
+                                  ErrorRef* error) const {
+  return _moveItemAtURL(source, destination, true, error);
+}
+
+bool VXFileManager::moveItemIfExistsAtURL(const FileURL& source, const FileURL& destination,
+                                          ErrorRef* error) const {
+  return _moveItemAtURL(source, destination, false, error);
+}
+
+}  // namespace vx

@@ -1,0 +1,210 @@
+// Measuring a tree: allocated bytes of everything below a root, hard links counted once.
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "filemanager/StringAdditions.h"
+#include "filemanager/VXFileManager.h"
+#include "platform/DirHarvest.h"
+#include "platform/InstallerLog.h"
+#include "platform/UniqueFd.h"
+
+namespace vx {
+namespace {
+
+constexpr const char* kDiskUsage = "-[VXFileManager diskUsageForURL:]";
+constexpr size_t kBatchSize = 32768;
+
+// One record of a harvest, as far as it was returned; what was not returned reads as 0.
+struct HarvestedEntry {
+  uint32_t error = 0;
+  const char* name = nullptr;  // NUL-terminated inside the batch buffer
+  size_t nameLength = 0;       // without the NUL
+  uint32_t objectType = 0;
+  uint64_t fileID = 0;
+  bool entryCountReturned = false;
+  uint32_t entryCount = 0;
+  uint32_t linkCount = 0;
+  uint64_t allocatedSize = 0;
+};
+
+// Reads the fields of one record in the order the harvest packs them.
+class RecordReader {
+ public:
+  RecordReader(const unsigned char* record, size_t length)
+      : record_(record), length_(length), at_(sizeof(uint32_t)) {}
+
+  template <typename T>
+  T take() {
+    T value{};
+    if (at_ + sizeof value <= length_) std::memcpy(&value, record_ + at_, sizeof value);
+    at_ += sizeof value;
+    return value;
+  }
+
+  // A reference whose bytes are not inside the record, or not NUL-terminated, is no name.
+  const char* takeName(size_t* nameLength) {
+    const size_t refAt = at_;
+    const auto ref = take<HarvestNameRef>();
+    const int64_t start = static_cast<int64_t>(refAt) + ref.offset;
+    if (ref.length == 0 || start < 0 || static_cast<uint64_t>(start) + ref.length > length_)
+      return nullptr;
+    const char* name = reinterpret_cast<const char*>(record_ + start);
+    if (name[ref.length - 1] != '\0') return nullptr;
+    *nameLength = ref.length - 1;
+    return name;
+  }
+
+ private:
+  const unsigned char* record_;
+  size_t length_;
+  size_t at_;
+};
+
+HarvestedEntry Decode(const unsigned char* record, size_t length) {
+  HarvestedEntry entry;
+  RecordReader reader(record, length);
+  const auto returned = reader.take<HarvestAttributes>();
+  if (returned.common & kHarvestCommonError) {
+    entry.error = reader.take<uint32_t>();
+    if (entry.error != 0) return entry;
+  }
+  if (returned.common & kHarvestCommonName) entry.name = reader.takeName(&entry.nameLength);
+  if (returned.common & kHarvestCommonObjectType) entry.objectType = reader.take<uint32_t>();
+  if (returned.common & kHarvestCommonFileID) entry.fileID = reader.take<uint64_t>();
+  if (returned.directory & kHarvestDirEntryCount) {
+    entry.entryCountReturned = true;
+    entry.entryCount = reader.take<uint32_t>();
+  }
+  if (returned.file & kHarvestFileLinkCount) entry.linkCount = reader.take<uint32_t>();
+  if (returned.file & kHarvestFileAllocatedSize) entry.allocatedSize = reader.take<uint64_t>();
+  return entry;
+}
+
+// A name that is empty, "." or ".." or holds a slash would make the walk loop or leave
+// the tree, so no child path is made from it.
+bool IsPlainName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
+}
+
+class Measurement {
+ public:
+  Measurement() : batch_(kBatchSize) {}
+
+  uint64_t run(const FileURL& root) {
+    if (root.path().empty()) {
+      VX_INSTALLER_LOG(3, kDiskUsage, "Failed to get path to url %@", root);
+      return 0;
+    }
+    queue_.push_back(root.path());
+    while (!queue_.empty()) {
+      const std::string directory = std::move(queue_.front());
+      queue_.pop_front();
+      readDirectory(directory);
+    }
+    return total_;
+  }
+
+ private:
+  void readDirectory(const std::string& directory) {
+    UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd) {
+      VX_INSTALLER_LOG(3, kDiskUsage, "Failed to open directory %@ : %s", directory,
+                       std::strerror(errno));
+      return;
+    }
+    HarvestCursor cursor(fd.get());
+    uint64_t entryIndex = 0;
+    for (;;) {
+      const int count = dirharvest(cursor, request(), batch_.data(), batch_.size());
+      if (count < 0) {
+        VX_INSTALLER_LOG(3, kDiskUsage, "dirharvest on entry %llu in %@ returned error %s",
+                         entryIndex, directory, std::strerror(errno));
+        return;
+      }
+      if (count == 0) return;
+      size_t at = 0;
+      for (int i = 0; i < count; ++i, ++entryIndex) {
+        uint32_t length = 0;
+        if (batch_.size() - at < sizeof length) return;
+        std::memcpy(&length, batch_.data() + at, sizeof length);
+        // A length that cannot be right would send the decoder out of the batch.
+        if (length < sizeof length || length > batch_.size() - at) return;
+        handle(Decode(batch_.data() + at, length), entryIndex, directory);
+        at += length;
+      }
+    }
+  }
+
+  void handle(const HarvestedEntry& entry, uint64_t index, const std::string& directory) {
+    if (entry.error != 0) {
+      VX_INSTALLER_LOG(3, kDiskUsage, "Got error %s while processing entry %llu in %@",
+                       std::strerror(static_cast<int>(entry.error)), index, directory);
+      return;
+    }
+    if (entry.objectType == kHarvestDirectory) {
+      if (entry.entryCountReturned && entry.entryCount == 0) {
+        VX_INSTALLER_LOG(7, kDiskUsage, "skipping empty directory at %@/%s", directory,
+                         entry.name);
+        return;
+      }
+      if (!entry.name) {
+        VX_INSTALLER_LOG(3, kDiskUsage,
+                         "Failed to get name for directory item %llu in %@; not counting its "
+                         "children",
+                         index, directory);
+        return;
+      }
+      const std::string name =
+          VelotrixAdditions::stringWithFileSystemRepresentation(entry.name, entry.nameLength);
+      if (!IsPlainName(name)) {
+        VX_INSTALLER_LOG(3, kDiskUsage,
+                         "Failed to create path to child directory by appending \"%s\" to %@",
+                         entry.name, directory);
+        return;
+      }
+      queue_.push_back(directory.back() == '/' ? directory + name : directory + "/" + name);
+      return;
+    }
+    if (entry.linkCount == 1) {
+      total_ += entry.allocatedSize;
+      return;
+    }
+    if (!seen_.insert(entry.fileID).second) {
+      VX_INSTALLER_LOG(7, kDiskUsage, "Skipping hardlinked file at %@/%s", directory, entry.name);
+      return;
+    }
+    total_ += entry.allocatedSize;
+  }
+
+  static const HarvestRequest& request() {
+    static const HarvestRequest kRequest = [] {
+      HarvestRequest r;
+      r.common = kHarvestCommonReturned | kHarvestCommonError | kHarvestCommonName |
+                 kHarvestCommonObjectType | kHarvestCommonFileID;
+      r.directory = kHarvestDirEntryCount;
+      r.file = kHarvestFileLinkCount | kHarvestFileAllocatedSize;
+      return r;
+    }();
+    return kRequest;
+  }
+
+  std::vector<unsigned char> batch_;
+  std::deque<std::string> queue_;
+  std::unordered_set<uint64_t> seen_;
+  uint64_t total_ = 0;
+};
+
+}  // namespace
+
+uint64_t VXFileManager::diskUsageForURL(const FileURL& root) const {
+  return Measurement().run(root);
+}
+
+}  // namespace vx

@@ -1,0 +1,102 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <memory>
+
+#include "filemanager/StringAdditions.h"
+#include "filemanager/VXFileManager.h"
+#include "platform/InstallerLog.h"
+#include "platform/UniqueFd.h"
+#include "support/ErrorMakers.h"
+
+namespace vx {
+namespace {
+
+constexpr const char* kListFunction =
+    "-[VXFileManager urlsForItemsInDirectoryAtURL:ignoringSymlinks:error:]";
+
+// One entry as the directory yields it; the name is not NUL-terminated beyond `nameLength`.
+struct DirectoryEntry {
+  const char* name;
+  size_t nameLength;
+  unsigned char type;  // DT_*
+};
+
+// Large reads: one getdents64 call returns hundreds of entries, where the C library's
+// readdir would make many smaller calls on a big directory.
+constexpr size_t kListingBufferSize = 64 * 1024;
+
+struct LinuxDirent64 {
+  ino64_t d_ino;
+  off64_t d_off;
+  unsigned short d_reclen;
+  unsigned char d_type;
+  char d_name[];
+};
+
+// Visits every entry of the directory at `path` (a final symbolic link is not followed, so
+// a link to a directory fails). Returns 0, or the error number that ended the walk.
+int _IterateDirectory(const std::string& path,
+                      const std::function<bool(const DirectoryEntry&)>& visitor) {
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) return errno;
+  std::unique_ptr<char[]> buffer(new char[kListingBufferSize]);
+  for (;;) {
+    const long n = ::syscall(SYS_getdents64, fd.get(), buffer.get(), kListingBufferSize);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    if (n == 0) return 0;
+    for (long offset = 0; offset < n;) {
+      const auto* raw = reinterpret_cast<const LinuxDirent64*>(buffer.get() + offset);
+      offset += raw->d_reclen;
+      DirectoryEntry entry{raw->d_name, std::strlen(raw->d_name), raw->d_type};
+      if (entry.type == DT_UNKNOWN) {
+        // Some file systems do not say; ask the entry itself.
+        struct stat st {};
+        const std::string full = path + "/" + std::string(entry.name, entry.nameLength);
+        if (::lstat(full.c_str(), &st) == 0) {
+          if (S_ISDIR(st.st_mode)) entry.type = DT_DIR;
+          else if (S_ISLNK(st.st_mode)) entry.type = DT_LNK;
+          else if (S_ISREG(st.st_mode)) entry.type = DT_REG;
+        }
+      }
+      if (!visitor(entry)) return 0;
+    }
+  }
+}
+
+}  // namespace
+
+std::optional<std::vector<FileURL>> VXFileManager::urlsForItemsInDirectoryAtURL(
+    const FileURL& directory, bool ignoringSymlinks, ErrorRef* error) const {
+  std::vector<FileURL> urls;
+  const std::string& path = directory.path();
+  const int result = _IterateDirectory(path, [&](const DirectoryEntry& entry) {
+    const std::string_view name(entry.name, entry.nameLength);
+    if (name == "." || name == "..") return true;
+    if (entry.type == DT_LNK && ignoringSymlinks) {
+      VX_INSTALLER_LOG(5, kListFunction, "Ignoring symlink at %s/%s", path, std::string(name));
+      return true;
+    }
+    urls.push_back(directory.URLByAppendingPathComponent(
+        VelotrixAdditions::stringWithFileSystemRepresentation(entry.name, entry.nameLength),
+        entry.type == DT_DIR));
+    return true;
+  });
+  if (result != 0) {
+    SetError(error, PosixError(kListFunction, __LINE__, result, "_IterateDirectory for %s returned %s",
+                               path, std::strerror(result)));
+    return std::nullopt;
+  }
+  return urls;
+}
+
+}  // namespace vx

@@ -1,0 +1,47 @@
+#include "filemanager/VXFileManager.h"
+#include "support/ErrorMakers.h"
+
+namespace vx {
+namespace {
+
+struct StoreDataItem {
+  const char* name;
+  // Tells older clients which item failed, without parsing the message.
+  const char* failureWord;
+};
+
+constexpr StoreDataItem kStoreDataItems[] = {
+    {"Manifest.plist", "ManifestCaptureFailed"},
+    {"LyrandArtwork", "LyrandArtworkCaptureFailed"},
+    {"LyrandMetadata.plist", "LyrandMetadataCaptureFailed"},
+    {"GeoJSON", "GeoJSONCaptureFailed"},
+};
+
+}  // namespace
+
+bool VXFileManager::captureStoreDataFromDirectory(const FileURL& source,
+                                                  const FileURL& destination, bool doCopy,
+                                                  bool failureIsFatal, ErrorRef* error) const {
+  for (const StoreDataItem& item : kStoreDataItems) {
+    const FileURL from = source.URLByAppendingPathComponent(item.name, false);
+    const FileURL to = destination.URLByAppendingPathComponent(item.name, false);
+    ErrorRef cause;
+    bool ok = doCopy ? copyItemIfExistsAtURL(from, to, &cause)
+                     : moveItemIfExistsAtURL(from, to, &cause);
+    if (ok) continue;
+
+    const PlistDictionary userInfo{{VXLegacyErrorStringKey, PlistValue(item.failureWord)}};
+    ErrorRef failure = _CreateAndLogError(
+        "-[VXFileManager captureStoreDataFromDirectory:toDirectory:doCopy:failureIsFatal:"
+        "withError:]",
+        __LINE__, VXInstallerErrorDomain, 24, cause, &userInfo,
+        doCopy ? "Failed to copy %@ to %@" : "Failed to move %@ to %@", from, to);
+    if (failureIsFatal) {
+      SetError(error, std::move(failure));
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace vx

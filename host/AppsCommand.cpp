@@ -1,0 +1,95 @@
+// `vxmigrate apps`: what the device's workspace knows, one entry per identifier. It only
+// looks: containers that do not exist yet (a built-in application's data container before
+// its first use) are shown as absent rather than made.
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "host/Command.h"
+#include "platform/DeviceRoot.h"
+#include "platform/Workspace.h"
+
+namespace vx::host {
+namespace {
+
+constexpr int kExitUsage = 2;
+
+struct AppsOptions {
+  std::optional<std::string> root;
+  bool json = false;
+};
+
+std::string KindOf(const BundleProxy& proxy) {
+  if (proxy.bundleType == "Placeholder") return "placeholder";
+  if (proxy.bundleType == "System") return "built-in";
+  if (proxy.bundleType == "VPNPlugin") return "vpn-plugin";
+  return "user";
+}
+
+nlohmann::ordered_json PathOrNull(const std::optional<FileURL>& url) {
+  return url ? nlohmann::ordered_json(url->path()) : nlohmann::ordered_json(nullptr);
+}
+
+nlohmann::ordered_json Entry(const BundleProxy& proxy) {
+  nlohmann::ordered_json groups = nlohmann::ordered_json::object();
+  if (proxy.groupContainerURLs) {
+    for (const auto& [group, url] : *proxy.groupContainerURLs) groups[group] = url.path();
+  }
+  return {{"identifier", proxy.bundleIdentifier},
+          {"kind", KindOf(proxy)},
+          {"version", proxy.bundleVersion ? nlohmann::ordered_json(*proxy.bundleVersion)
+                                          : nlohmann::ordered_json(nullptr)},
+          {"bundlePath", PathOrNull(proxy.bundleURL)},
+          {"bundleContainerPath", PathOrNull(proxy.bundleContainerURL)},
+          {"dataContainerPath", PathOrNull(proxy.dataContainerURL)},
+          {"groupContainers", std::move(groups)}};
+}
+
+void PrintText(const BundleProxy& proxy, std::ostream& out) {
+  auto path = [](const std::optional<FileURL>& url) { return url ? url->path() : "-"; };
+  out << proxy.bundleIdentifier << "  " << KindOf(proxy) << "  "
+      << proxy.bundleVersion.value_or("-") << "\n"
+      << "  bundle:           " << path(proxy.bundleURL) << "\n"
+      << "  bundle container: " << path(proxy.bundleContainerURL) << "\n"
+      << "  data container:   " << path(proxy.dataContainerURL) << "\n";
+  if (proxy.groupContainerURLs) {
+    for (const auto& [group, url] : *proxy.groupContainerURLs) {
+      out << "  group " << group << ": " << url.path() << "\n";
+    }
+  }
+}
+
+int RunApps(const AppsOptions& options) {
+  if (options.root && !SetDeviceRoot(*options.root)) {
+    std::cerr << "vxmigrate apps: cannot use " << *options.root << " as the device root\n";
+    return kExitUsage;
+  }
+  DeviceWorkspace workspace(DeviceRoot());
+  nlohmann::ordered_json list = nlohmann::ordered_json::array();
+  for (const std::string& identifier : workspace.installedBundleIdentifiers()) {
+    auto proxy = workspace.existingBundleProxy(identifier);
+    if (!proxy) continue;
+    if (options.json) {
+      list.push_back(Entry(*proxy));
+    } else {
+      PrintText(*proxy, std::cout);
+    }
+  }
+  if (options.json) std::cout << list.dump(2) << std::endl;
+  return 0;
+}
+
+const CommandRegistration kApps(30, [](CLI::App& app, int* exitStatus) {
+  auto options = std::make_shared<AppsOptions>();
+  CLI::App* command =
+      app.add_subcommand("apps", "List the applications the device's workspace knows");
+  command->add_option("--root", options->root, "Directory holding the device's file system")
+      ->check(CLI::ExistingDirectory);
+  command->add_flag("--json", options->json, "Print a JSON array on standard output");
+  command->callback([options, exitStatus] { *exitStatus = RunApps(*options); });
+});
+
+}  // namespace
+}  // namespace vx::host

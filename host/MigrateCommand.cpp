@@ -1,0 +1,153 @@
+// `vxmigrate migrate`: the migration host. Loads every plug-in, runs each once and reports.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "host/Command.h"
+#include "host/LogSetup.h"
+#include "host/PluginLoader.h"
+#include "host/ProgressBar.h"
+#include "platform/DeviceRoot.h"
+#include "platform/Fault.h"
+
+namespace vx::host {
+namespace {
+
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+struct MigrateOptions {
+  std::optional<std::string> root;
+  std::optional<std::string> pluginDirectory;
+  std::optional<std::string> jsonLog;
+  bool verbose = false;
+  bool quiet = false;
+  bool noProgress = false;
+  bool json = false;
+};
+
+struct PluginOutcome {
+  std::string dataClassName;
+  float estimatedDuration = 0;
+  bool result = false;
+  float progress = 0;
+  double seconds = 0;
+};
+
+int Usage(const std::string& message) {
+  std::cerr << "vxmigrate migrate: " << message << "\n";
+  return kExitUsage;
+}
+
+std::string Seconds(double seconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f s", seconds);
+  return text;
+}
+
+PluginOutcome Run(MigratorPlugin& plugin, bool showBar, std::ostream* say) {
+  PluginOutcome outcome;
+  outcome.dataClassName = plugin.dataClassName();
+  outcome.estimatedDuration = plugin.estimatedDuration();
+  if (say) {
+    *say << outcome.dataClassName << ": estimated " << Seconds(outcome.estimatedDuration)
+         << std::endl;
+  }
+  const auto start = std::chrono::steady_clock::now();
+  {
+    std::optional<ProgressBar> bar;
+    if (showBar) {
+      bar.emplace(outcome.dataClassName, [&plugin] { return plugin.migrationProgress(); },
+                  outcome.estimatedDuration, STDERR_FILENO);
+    }
+    outcome.result = plugin.performMigration();
+  }
+  outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  outcome.progress = plugin.migrationProgress();
+  return outcome;
+}
+
+nlohmann::ordered_json Report(const std::vector<PluginOutcome>& outcomes, bool allSucceeded) {
+  nlohmann::ordered_json plugins = nlohmann::ordered_json::array();
+  for (const PluginOutcome& o : outcomes) {
+    plugins.push_back({{"dataClassName", o.dataClassName},
+                       {"estimatedDuration", o.estimatedDuration},
+                       {"result", o.result},
+                       {"progress", o.progress},
+                       {"seconds", o.seconds}});
+  }
+  return {{"plugins", std::move(plugins)}, {"result", allSucceeded}};
+}
+
+int RunMigrate(const MigrateOptions& options) {
+  if (options.root && !SetDeviceRoot(*options.root)) {
+    return Usage("cannot use " + *options.root + " as the device root");
+  }
+  // Checked before anything is touched, but armed only after the logs are set up: a fault
+  // meant for the migration must not land on the creation of a log directory.
+  const char* faultProblem = nullptr;
+  if (!fault::ConfigureFromEnvironment(&faultProblem)) return Usage(faultProblem);
+  fault::Disarm();
+
+  const bool showBar = !options.noProgress && isatty(STDERR_FILENO);
+  std::string problem;
+  auto logs = LogSetup::Install({.verbose = options.verbose,
+                                 .quiet = options.quiet,
+                                 .jsonPath = options.jsonLog,
+                                 .terminalHasProgressBar = showBar},
+                                &problem);
+  if (!logs) return Usage(problem);
+  fault::ConfigureFromEnvironment(nullptr);
+
+  const std::string directory = options.pluginDirectory.value_or(DefaultPluginDirectory());
+  auto plugins = LoadPlugins(directory, &problem);
+  if (!plugins) return Usage(problem);
+
+  // With --json, standard output belongs to the report alone.
+  std::ostream* say = options.quiet ? nullptr : options.json ? &std::cerr : &std::cout;
+  std::vector<PluginOutcome> outcomes;
+  bool allSucceeded = true;
+  for (LoadedPlugin& loaded : *plugins) {
+    outcomes.push_back(Run(*loaded.plugin, showBar, say));
+    const PluginOutcome& o = outcomes.back();
+    allSucceeded = allSucceeded && o.result;
+    if (say) {
+      *say << o.dataClassName << ": " << (o.result ? "done" : "FAILED") << " in "
+           << Seconds(o.seconds) << std::endl;
+    }
+  }
+  if (say) {
+    *say << (allSucceeded ? "Migration complete." : "Migration incomplete: see the logs.")
+         << std::endl;
+  }
+  if (options.json) std::cout << Report(outcomes, allSucceeded).dump(2) << std::endl;
+  return allSucceeded ? 0 : kExitFailed;
+}
+
+const CommandRegistration kMigrate(10, [](CLI::App& app, int* exitStatus) {
+  auto options = std::make_shared<MigrateOptions>();
+  CLI::App* command = app.add_subcommand(
+      "migrate", "Bring the device's applications from the old layout into the current one");
+  command->add_option("--root", options->root, "Directory holding the device's file system")
+      ->check(CLI::ExistingDirectory);
+  command->add_option("--plugin-dir", options->pluginDirectory,
+                      "Where to find the plug-ins (default: beside this installation)");
+  command->add_option("--log-json", options->jsonLog,
+                      "Also append both logs to FILE, one JSON object per line");
+  auto* verbose = command->add_flag("-v,--verbose", options->verbose,
+                                    "Show debugging detail on standard error");
+  command->add_flag("--quiet", options->quiet, "Show only failures on standard error")
+      ->excludes(verbose);
+  command->add_flag("--no-progress", options->noProgress, "Do not draw a progress bar");
+  command->add_flag("--json", options->json, "Print a JSON report on standard output");
+  command->callback([options, exitStatus] { *exitStatus = RunMigrate(*options); });
+});
+
+}  // namespace
+}  // namespace vx::host

@@ -1,0 +1,90 @@
+// Commands that make, copy, move and remove items: rm, cp, mv, mkdir.
+#include <cstdint>
+
+#include "filemanager/VXFileManager.h"
+#include "host/vxfile/Tool.h"
+
+namespace vx::vxfile {
+namespace {
+
+const VXFileManager& FM() { return VXFileManager::defaultManager(); }
+
+void AddRm(CLI::App& app, const Context& context) {
+  auto paths = std::make_shared<std::vector<std::string>>();
+  AddCommand(app, context, "rm", "remove each PATH with everything in it",
+             [paths](const Command& command) {
+               // Every path is tried; one that fails does not spare the others.
+               bool failed = false;
+               for (const std::string& path : *paths) {
+                 ErrorRef error;
+                 if (!FM().removeItemAtURL(PathArgument(path), &error)) {
+                   command.fail(error);
+                   failed = true;
+                 }
+               }
+               if (!failed) command.succeed();
+             })
+      ->add_option("PATH", *paths)
+      ->required();
+}
+
+// cp and mv differ only in the operation.
+using Transfer = bool (VXFileManager::*)(const FileURL&, const FileURL&, ErrorRef*) const;
+
+void AddTransfer(CLI::App& app, const Context& context, const char* name, const char* description,
+                 Transfer transfer) {
+  auto ends = std::make_shared<std::pair<std::string, std::string>>();
+  CLI::App* command =
+      AddCommand(app, context, name, description, [ends, transfer](const Command& command) {
+        ErrorRef error;
+        if (!(FM().*transfer)(PathArgument(ends->first), PathArgument(ends->second), &error)) {
+          return command.fail(error);
+        }
+        command.succeed();
+      });
+  command->add_option("SRC", ends->first)->required();
+  command->add_option("DST", ends->second)->required();
+}
+
+void AddMkdir(CLI::App& app, const Context& context) {
+  struct Options {
+    std::string directory;
+    bool parents = false;
+    std::string mode = "755";
+    int32_t protectionClass = -1;  // leaves the class as the file system gives it
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* mkdir = AddCommand(
+      app, context, "mkdir", "make DIR (an existing directory is fine)",
+      [options](const Command& command) {
+        ErrorRef error;
+        const auto mode = static_cast<mode_t>(std::stoul(options->mode, nullptr, 8));
+        if (!FM().createDirectoryAtURL(PathArgument(options->directory, true), options->parents,
+                                       mode, options->protectionClass, &error)) {
+          return command.fail(error);
+        }
+        command.succeed();
+      });
+  mkdir->add_option("DIR", options->directory)->required();
+  mkdir->add_flag("-p", options->parents, "make missing parents too, with the same mode");
+  mkdir->add_option("--mode", options->mode, "octal permission bits (default 755)")
+      ->check([](const std::string& text) -> std::string {
+        const bool octal = !text.empty() && text.size() <= 4 &&
+                           text.find_first_not_of("01234567") == std::string::npos;
+        return octal ? "" : "mode must be octal digits, such as 755";
+      });
+  mkdir->add_option("--class", options->protectionClass, "data-protection class to set");
+}
+
+}  // namespace
+
+void AddItemCommands(CLI::App& app, const Context& context) {
+  AddRm(app, context);
+  AddTransfer(app, context, "cp", "copy SRC, a file or a whole tree, to DST",
+              &VXFileManager::copyItemAtURL);
+  AddTransfer(app, context, "mv", "move SRC to DST, copying across file systems",
+              &VXFileManager::moveItemAtURL);
+  AddMkdir(app, context);
+}
+
+}  // namespace vx::vxfile

@@ -1,0 +1,53 @@
+#include "host/vxfile/Tool.h"
+
+#include <iostream>
+
+namespace vx::vxfile {
+
+void FailureLog::Write(const LogRecord& record) {
+  if (record.level > 3) return;
+  std::lock_guard lock(mutex_);
+  messages_.push_back(record.message);
+}
+
+std::vector<std::string> FailureLog::messages() const {
+  std::lock_guard lock(mutex_);
+  return messages_;
+}
+
+void Command::fail(const std::string& message) const {
+  std::cerr << "vxfile " << name_ << ": " << message << "\n";
+  *context_.exitStatus = kExitFailure;
+}
+
+void Command::usage(const std::string& message) const {
+  std::cerr << "vxfile " << name_ << ": " << message << "\n";
+  *context_.exitStatus = kExitUsage;
+}
+
+void Command::fail(const ErrorRef& error) const {
+  if (!error) return fail("failed");
+  const std::string* message = error->localizedDescription();
+  fail(message ? *message : Describe(*error));
+}
+
+void Command::failWithLoggedReason(const std::string& fallback) const {
+  const std::vector<std::string> reasons = context_.failures->messages();
+  if (reasons.empty()) return fail(fallback);
+  for (const std::string& reason : reasons) fail(reason);
+}
+
+CLI::App* AddCommand(CLI::App& app, const Context& context, const std::string& name,
+                     const std::string& description, std::function<void(const Command&)> work) {
+  CLI::App* command = app.add_subcommand(name, description);
+  command->callback([context, name, work = std::move(work)] {
+    *context.pending = [context, name, work] { work(Command(context, name)); };
+  });
+  return command;
+}
+
+FileURL PathArgument(const std::string& path, bool isDirectory) {
+  return FileURL::fileURLWithPath(path, isDirectory);
+}
+
+}  // namespace vx::vxfile

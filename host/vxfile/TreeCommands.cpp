@@ -1,0 +1,109 @@
+// Commands that look at a tree or a file as a whole: du, digest, ls, own, contain.
+#include <iostream>
+
+#include "filemanager/VXFileManager.h"
+#include "host/vxfile/Tool.h"
+#include "support/FileDigest.h"
+
+namespace vx::vxfile {
+namespace {
+
+const VXFileManager& FM() { return VXFileManager::defaultManager(); }
+
+void AddDu(CLI::App& app, const Context& context) {
+  auto path = std::make_shared<std::string>();
+  AddCommand(app, context, "du", "bytes of storage the tree under PATH occupies",
+             [path](const Command& command) {
+               std::cout << FM().diskUsageForURL(PathArgument(*path, true)) << "\n";
+               command.succeed();
+             })
+      ->add_option("PATH", *path)
+      ->required();
+}
+
+void AddDigest(CLI::App& app, const Context& context) {
+  auto path = std::make_shared<std::string>();
+  AddCommand(app, context, "digest", "SHA-256 of FILE's content, in hexadecimal",
+             [path](const Command& command) {
+               auto digest = VXCreateSHA256Digest(PathArgument(*path));
+               if (!digest) return command.failWithLoggedReason("cannot read " + *path);
+               std::cout << *digest << "\n";
+               command.succeed();
+             })
+      ->add_option("FILE", *path)
+      ->required();
+}
+
+void AddLs(CLI::App& app, const Context& context) {
+  struct Options {
+    std::string directory;
+    bool skipSymlinks = false;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* ls =
+      AddCommand(app, context, "ls", "the names in DIR, one a line, in the directory's own order",
+                 [options](const Command& command) {
+                   ErrorRef error;
+                   auto items = FM().urlsForItemsInDirectoryAtURL(
+                       PathArgument(options->directory, true), options->skipSymlinks, &error);
+                   if (!items) return command.fail(error);
+                   for (const FileURL& item : *items) std::cout << item.lastPathComponent() << "\n";
+                   command.succeed();
+                 });
+  ls->add_option("DIR", options->directory)->required();
+  ls->add_flag("--skip-symlinks", options->skipSymlinks, "leave symbolic links out");
+}
+
+void AddOwn(CLI::App& app, const Context& context) {
+  struct Options {
+    std::string root;
+    uid_t uid = 0;
+    gid_t gid = 0;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* own =
+      AddCommand(app, context, "own",
+                 "give every item under ROOT to UID:GID, refusing symbolic links that lead outside",
+                 [options](const Command& command) {
+                   ErrorRef error;
+                   if (!FM().standardizeOwnershipAndValidateSymlinksAtURL(
+                           PathArgument(options->root, true), options->uid, options->gid, &error)) {
+                     return command.fail(error);
+                   }
+                   command.succeed();
+                 });
+  own->add_option("ROOT", options->root)->required();
+  own->add_option("UID", options->uid)->required();
+  own->add_option("GID", options->gid)->required();
+}
+
+void AddContain(CLI::App& app, const Context& context) {
+  struct Options {
+    std::string path;
+    std::string base;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* contain = AddCommand(
+      app, context, "contain", "the real path of PATH when it lies inside BASE",
+      [options](const Command& command) {
+        auto real = FM().realPathForURL(PathArgument(options->path), PathArgument(options->base));
+        if (!real)
+          return command.failWithLoggedReason(options->path + " is not inside " + options->base);
+        std::cout << real->path() << "\n";
+        command.succeed();
+      });
+  contain->add_option("PATH", options->path)->required();
+  contain->add_option("BASE", options->base)->required();
+}
+
+}  // namespace
+
+void AddTreeCommands(CLI::App& app, const Context& context) {
+  AddDu(app, context);
+  AddDigest(app, context);
+  AddLs(app, context);
+  AddOwn(app, context);
+  AddContain(app, context);
+}
+
+}  // namespace vx::vxfile

@@ -1,0 +1,187 @@
+#include "platform/DirHarvest.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace vx {
+namespace {
+
+// getdents64 output per kernel call; entries that do not fit the caller's buffer wait in it.
+constexpr size_t kEntriesSize = 32768;
+// The largest record: the fixed fields, a name of NAME_MAX bytes and its NUL, padding.
+constexpr size_t kMaxRecordSize = 4 + sizeof(HarvestAttributes) + 4 + sizeof(HarvestNameRef) +
+                                  4 + 8 + 4 + 8 + 256 + 8;
+
+// The fixed head of a linux_dirent64; d_name follows at kDirentNameOffset.
+struct DirentHead {
+  uint64_t ino;
+  int64_t off;
+  uint16_t reclen;
+  uint8_t type;
+};
+constexpr size_t kDirentNameOffset = 19;
+
+// Appends fields to a record under construction.
+class RecordWriter {
+ public:
+  explicit RecordWriter(unsigned char* out) : out_(out) {}
+  template <typename T>
+  void put(const T& value) {
+    std::memcpy(out_ + size_, &value, sizeof value);
+    size_ += sizeof value;
+  }
+  size_t reserve(size_t bytes) {
+    size_t at = size_;
+    size_ += bytes;
+    return at;
+  }
+  void putAt(size_t at, const void* bytes, size_t length) { std::memcpy(out_ + at, bytes, length); }
+  size_t size() const { return size_; }
+
+ private:
+  unsigned char* out_;
+  size_t size_ = 0;
+};
+
+uint32_t ObjectTypeOf(uint16_t mode) {
+  switch (mode & S_IFMT) {
+    case S_IFREG: return kHarvestRegular;
+    case S_IFDIR: return kHarvestDirectory;
+    case S_IFBLK: return kHarvestBlockDevice;
+    case S_IFCHR: return kHarvestCharDevice;
+    case S_IFLNK: return kHarvestSymlink;
+    case S_IFSOCK: return kHarvestSocket;
+    case S_IFIFO: return kHarvestFifo;
+    default: return kHarvestNone;
+  }
+}
+
+// Asks statx only for what the request needs: every field costs the file system work.
+unsigned StatxMask(const HarvestRequest& request) {
+  unsigned mask = 0;
+  if ((request.common & kHarvestCommonObjectType) || request.directory || request.file)
+    mask |= STATX_TYPE;
+  if (request.common & kHarvestCommonFileID) mask |= STATX_INO;
+  if (request.file & kHarvestFileLinkCount) mask |= STATX_NLINK;
+  if (request.file & kHarvestFileAllocatedSize) mask |= STATX_BLOCKS;
+  return mask;
+}
+
+// Builds the record of entry `name` of the directory `fd` into `out`; returns its length.
+size_t BuildRecord(int fd, const char* name, size_t nameLength, const HarvestRequest& request,
+                   unsigned char* out) {
+  struct statx stx {};
+  int statError = 0;
+  if (unsigned mask = StatxMask(request)) {
+    if (::statx(fd, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, mask, &stx) != 0) {
+      statError = errno;
+    }
+  }
+
+  HarvestAttributes returned;
+  returned.common = request.common & kHarvestCommonName;
+  if (request.common & kHarvestCommonReturned) returned.common |= kHarvestCommonReturned;
+  if (statError) {
+    // A record in error keeps its name, so the caller can still say which entry failed.
+    returned.common |= request.common & kHarvestCommonError;
+  } else {
+    auto has = [&](unsigned bit) { return (stx.stx_mask & bit) == bit; };
+    if ((request.common & kHarvestCommonObjectType) && has(STATX_TYPE))
+      returned.common |= kHarvestCommonObjectType;
+    if ((request.common & kHarvestCommonFileID) && has(STATX_INO))
+      returned.common |= kHarvestCommonFileID;
+    if (has(STATX_TYPE) && !S_ISDIR(stx.stx_mode)) {
+      if ((request.file & kHarvestFileLinkCount) && has(STATX_NLINK))
+        returned.file |= kHarvestFileLinkCount;
+      if ((request.file & kHarvestFileAllocatedSize) && has(STATX_BLOCKS))
+        returned.file |= kHarvestFileAllocatedSize;
+    }
+  }
+
+  RecordWriter record(out);
+  const size_t lengthAt = record.reserve(sizeof(uint32_t));
+  if (returned.common & kHarvestCommonReturned) record.put(returned);
+  if (returned.common & kHarvestCommonError) record.put(static_cast<uint32_t>(statError));
+  size_t nameRefAt = 0;
+  if (returned.common & kHarvestCommonName) nameRefAt = record.reserve(sizeof(HarvestNameRef));
+  if (returned.common & kHarvestCommonObjectType) record.put(ObjectTypeOf(stx.stx_mode));
+  if (returned.common & kHarvestCommonFileID) record.put(static_cast<uint64_t>(stx.stx_ino));
+  if (returned.file & kHarvestFileLinkCount) record.put(static_cast<uint32_t>(stx.stx_nlink));
+  if (returned.file & kHarvestFileAllocatedSize)
+    record.put(static_cast<uint64_t>(stx.stx_blocks) * 512);
+  if (returned.common & kHarvestCommonName) {
+    const size_t nameAt = record.reserve(nameLength + 1);
+    record.putAt(nameAt, name, nameLength + 1);
+    const HarvestNameRef ref{static_cast<int32_t>(nameAt - nameRefAt),
+                             static_cast<uint32_t>(nameLength + 1)};
+    record.putAt(nameRefAt, &ref, sizeof ref);
+  }
+  // Keep every record 8-byte aligned, so the next one starts where a uint64_t may.
+  const size_t length = (record.size() + 7) & ~size_t{7};
+  std::memset(out + record.size(), 0, length - record.size());
+  const auto length32 = static_cast<uint32_t>(length);
+  record.putAt(lengthAt, &length32, sizeof length32);
+  return length;
+}
+
+bool IsDotOrDotDot(const char* name) {
+  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+}  // namespace
+
+HarvestCursor::HarvestCursor(int directoryFd) : fd_(directoryFd) {}
+
+int dirharvest(HarvestCursor& cursor, const HarvestRequest& request, void* buffer, size_t size) {
+  auto* out = static_cast<unsigned char*>(buffer);
+  size_t used = 0;
+  int count = 0;
+  unsigned char scratch[kMaxRecordSize];
+  for (;;) {
+    if (cursor.next_ >= cursor.end_) {
+      if (cursor.exhausted_) break;
+      if (cursor.entries_.empty()) cursor.entries_.resize(kEntriesSize);
+      ssize_t n = ::getdents64(cursor.fd_, cursor.entries_.data(), cursor.entries_.size());
+      if (n < 0) {
+        // Hand out what is already packed; the failure shows again on the next call.
+        if (count > 0) break;
+        return -1;
+      }
+      if (n == 0) {
+        cursor.exhausted_ = true;
+        break;
+      }
+      cursor.next_ = 0;
+      cursor.end_ = static_cast<size_t>(n);
+    }
+
+    DirentHead head;
+    std::memcpy(&head, cursor.entries_.data() + cursor.next_, sizeof head);
+    const char* name =
+        reinterpret_cast<const char*>(cursor.entries_.data() + cursor.next_ + kDirentNameOffset);
+    if (IsDotOrDotDot(name)) {
+      cursor.next_ += head.reclen;
+      continue;
+    }
+    const size_t length = BuildRecord(cursor.fd_, name, std::strlen(name), request, scratch);
+    if (length > size - used) {
+      if (count == 0) {
+        errno = EINVAL;
+        return -1;
+      }
+      break;  // the entry stays pending for the next call
+    }
+    std::memcpy(out + used, scratch, length);
+    used += length;
+    ++count;
+    cursor.next_ += head.reclen;
+  }
+  return count;
+}
+
+}  // namespace vx

@@ -1,0 +1,362 @@
+#include "platform/PurgeTree.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/Sys.h"
+#include "platform/UniqueFd.h"
+
+namespace vx {
+
+struct PurgeTreeState {
+  PurgeTreeErrorCallback callback = nullptr;
+  void* context = nullptr;
+  int reportedError = 0;
+  bool reporting = false;
+};
+
+PurgeTreeState* purgetree_state_alloc() { return new PurgeTreeState; }
+
+void purgetree_state_free(PurgeTreeState* state) { delete state; }
+
+int purgetree_state_set(PurgeTreeState* state, PurgeTreeOption option, const void* value) {
+  if (!state) {
+    errno = EINVAL;
+    return -1;
+  }
+  switch (option) {
+    case PurgeTreeOption::ErrorCallback:
+      state->callback = reinterpret_cast<PurgeTreeErrorCallback>(const_cast<void*>(value));
+      return 0;
+    case PurgeTreeOption::ErrorContext:
+      state->context = const_cast<void*>(value);
+      return 0;
+  }
+  errno = EINVAL;
+  return -1;
+}
+
+int purgetree_state_get_error(const PurgeTreeState* state, int* error) {
+  if (!state || !error || !state->reporting) {
+    errno = EINVAL;
+    return -1;
+  }
+  *error = state->reportedError;
+  return 0;
+}
+
+namespace {
+
+// A deep tree must not cost a descriptor per level: beyond this many open directories the
+// shallowest ones are closed and opened again when the walk climbs back to them.
+constexpr size_t kMaxOpenDirectories = 64;
+
+struct Identity {
+  dev_t dev = 0;
+  ino_t ino = 0;
+  bool operator==(const Identity&) const = default;
+};
+
+bool IdentityOf(int fd, Identity* id) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) return false;
+  *id = {st.st_dev, st.st_ino};
+  return true;
+}
+
+bool IsDotOrDotDot(const char* name) {
+  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+UniqueFd OpenDirectoryAt(int dirfd, const char* name) {
+  return UniqueFd(::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// One directory being emptied. Its stream may be closed to save descriptors; reopened, it
+// is read from the start, where only the entries in `leftBehind` may still stand.
+struct Frame {
+  std::string name;  // within the parent frame; the whole path for the top directory
+  size_t pathLength = 0;
+  Identity identity;
+  UniqueDir dir;
+  std::unordered_set<std::string> leftBehind;
+  bool changedThisPass = false;  // an entry went, by our hand or another's
+  bool descendantFailed = false;
+};
+
+class Remover {
+ public:
+  Remover(PurgeTreeState* state, std::string path) : state_(state), path_(std::move(path)) {}
+
+  int Run(bool recursive);
+
+ private:
+  int RemoveDirectory(bool recursive);
+  void Walk();
+  void VisitEntry(const char* name, unsigned char type);
+  void RemoveNonDirectory(int dirfd, const char* name);
+  void Descend(int dirfd, const char* name);
+  void FinishTop();
+  bool ReopenParentOfTop();
+  void Push(const char* name, UniqueFd fd);
+  void Report(const std::string& path, int error);
+  void FailChild(const char* name, int error);
+
+  Frame& Top() { return frames_.back(); }
+  std::string ChildPath(const char* name) const { return path_ + "/" + name; }
+
+  PurgeTreeState* state_;
+  std::string path_;  // of the top frame while walking
+  std::vector<Frame> frames_;
+  size_t firstOpen_ = 1;  // frame 0 and frames [firstOpen_, top] hold open streams
+  int firstError_ = 0;
+  bool stopped_ = false;
+};
+
+int Remover::Run(bool recursive) {
+  struct stat st {};
+  int topLevelError = 0;
+  if (::lstat(path_.c_str(), &st) != 0) {
+    topLevelError = errno;
+  } else if (S_ISDIR(st.st_mode)) {
+    topLevelError = RemoveDirectory(recursive);
+  } else if (sys::Unlink(path_.c_str()) != 0) {
+    topLevelError = errno;
+  }
+  // Nothing at the path is for the caller to judge, not a failure worth a report.
+  if (topLevelError && topLevelError != ENOENT) Report(path_, topLevelError);
+  const int e = topLevelError == ENOENT ? ENOENT : firstError_;
+  if (!e) return 0;
+  errno = e;
+  return -1;
+}
+
+// Returns the errno of a failure on the directory itself, before its contents were reached.
+int Remover::RemoveDirectory(bool recursive) {
+  if (!recursive) return sys::Rmdir(path_.c_str()) == 0 ? 0 : errno;
+  UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) {
+    const int openError = errno;
+    if (openError == ENOENT) return ENOENT;
+    // Without read permission the contents are out of reach, but an empty one can go.
+    if (sys::Rmdir(path_.c_str()) == 0) return 0;
+    return errno == ENOENT ? ENOENT : openError;
+  }
+  Push(path_.c_str(), std::move(fd));
+  Walk();
+  frames_.clear();
+  return 0;
+}
+
+void Remover::Walk() {
+  while (!stopped_ && !frames_.empty()) {
+    Frame& top = Top();
+    errno = 0;
+    if (const dirent* entry = ::readdir(top.dir.get())) {
+      if (!IsDotOrDotDot(entry->d_name) && !top.leftBehind.count(entry->d_name)) {
+        VisitEntry(entry->d_name, entry->d_type);
+      }
+      continue;
+    }
+    if (errno != 0) {
+      Report(path_, errno);
+      top.descendantFailed = true;
+    }
+    FinishTop();
+  }
+}
+
+void Remover::VisitEntry(const char* name, unsigned char type) {
+  const int dirfd = ::dirfd(Top().dir.get());
+  if (type == DT_UNKNOWN) {
+    struct stat st {};
+    if (::fstatat(dirfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      FailChild(name, errno);
+      return;
+    }
+    type = S_ISDIR(st.st_mode) ? DT_DIR : DT_REG;
+  }
+  if (type == DT_DIR) {
+    Descend(dirfd, name);
+  } else {
+    RemoveNonDirectory(dirfd, name);
+  }
+}
+
+void Remover::RemoveNonDirectory(int dirfd, const char* name) {
+  if (sys::Unlinkat(dirfd, name, 0) == 0) {
+    Top().changedThisPass = true;
+    return;
+  }
+  if (errno == EISDIR) {
+    Descend(dirfd, name);  // replaced by a directory since it was listed
+    return;
+  }
+  FailChild(name, errno);
+}
+
+void Remover::Descend(int dirfd, const char* name) {
+  UniqueFd fd = OpenDirectoryAt(dirfd, name);
+  if (fd) {
+    Push(name, std::move(fd));
+    return;
+  }
+  const int openError = errno;
+  if (openError == ENOENT) {
+    FailChild(name, ENOENT);
+    return;
+  }
+  if (openError == ENOTDIR || openError == ELOOP) {
+    // Replaced by a file or a link since it was listed: the link goes, its target stays.
+    RemoveNonDirectory(dirfd, name);
+    return;
+  }
+  if (sys::Unlinkat(dirfd, name, AT_REMOVEDIR) == 0) {
+    Top().changedThisPass = true;
+    return;
+  }
+  FailChild(name, errno == ENOENT ? ENOENT : openError);
+}
+
+void Remover::Push(const char* name, UniqueFd fd) {
+  Frame frame;
+  frame.name = name;
+  DIR* dir = nullptr;
+  if (!IdentityOf(fd.get(), &frame.identity) || !(dir = ::fdopendir(fd.get()))) {
+    if (frames_.empty()) {
+      Report(path_, errno);
+    } else {
+      FailChild(name, errno);
+    }
+    return;
+  }
+  fd.release();
+  frame.dir.reset(dir);
+  if (!frames_.empty()) path_ += "/" + frame.name;
+  frame.pathLength = path_.size();
+  frames_.push_back(std::move(frame));
+  if (frames_.size() - firstOpen_ > kMaxOpenDirectories) frames_[firstOpen_++].dir.reset();
+}
+
+// The top directory's contents are dealt with: remove it, or give up on it and let its
+// parent know that it stays.
+void Remover::FinishTop() {
+  const bool isTopLevel = frames_.size() == 1;
+  const size_t parentIndex = frames_.size() - 2;
+  if (!isTopLevel && parentIndex != 0 && parentIndex < firstOpen_ && !ReopenParentOfTop()) return;
+
+  Frame& child = Top();
+  // The top-level directory's name is its whole path.
+  const int parentFd = isTopLevel ? AT_FDCWD : ::dirfd(frames_[parentIndex].dir.get());
+  bool failed = child.descendantFailed;
+  int error = 0;
+  if (!failed) {
+    if (sys::Unlinkat(parentFd, child.name.c_str(), AT_REMOVEDIR) == 0) {
+      if (!isTopLevel) frames_[parentIndex].changedThisPass = true;
+    } else if (errno == ENOTEMPTY && child.changedThisPass) {
+      // Removing entries while reading may hide others from the stream: read it again.
+      ::rewinddir(child.dir.get());
+      child.changedThisPass = false;
+      return;
+    } else {
+      failed = errno != ENOENT;
+      error = errno;
+    }
+  }
+  const std::string childPath = path_;
+  std::string name = std::move(child.name);
+  frames_.pop_back();
+  // A directory that kept a failed descendant is not worth a report of its own.
+  if (error) Report(childPath, error);
+  if (isTopLevel) return;
+
+  Frame& parent = Top();
+  path_.resize(parent.pathLength);
+  if (error == ENOENT) parent.changedThisPass = true;
+  if (failed) {
+    parent.leftBehind.insert(std::move(name));
+    parent.descendantFailed = true;
+  }
+}
+
+// The parent's stream was closed to save descriptors. Its ".." is the quickest way back;
+// should the tree have been moved meanwhile, walk down again by name from the top.
+bool Remover::ReopenParentOfTop() {
+  const size_t parentIndex = frames_.size() - 2;
+  Frame& parent = frames_[parentIndex];
+  const std::string parentPath(path_, 0, parent.pathLength);
+  UniqueFd fd(::openat(::dirfd(Top().dir.get()), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  Identity id;
+  if (!fd || !IdentityOf(fd.get(), &id) || id != parent.identity) {
+    fd.reset(::fcntl(::dirfd(frames_[0].dir.get()), F_DUPFD_CLOEXEC, 0));
+    for (size_t i = 1; fd && i <= parentIndex; ++i) {
+      fd = OpenDirectoryAt(fd.get(), frames_[i].name.c_str());
+    }
+    if (!fd || !IdentityOf(fd.get(), &id) || id != parent.identity) {
+      // The tree moved under us: what is left of it is no longer at this path.
+      Report(parentPath, fd ? ESTALE : errno);
+      stopped_ = true;
+      return false;
+    }
+  }
+  DIR* dir = ::fdopendir(fd.get());
+  if (!dir) {
+    Report(parentPath, errno);
+    stopped_ = true;
+    return false;
+  }
+  fd.release();
+  parent.dir.reset(dir);
+  parent.changedThisPass = false;
+  firstOpen_ = parentIndex;
+  return true;
+}
+
+// An item that vanished meanwhile is reported all the same, but it is gone as wished: no
+// failure of the tree, and a sign that its directory is worth reading again.
+void Remover::FailChild(const char* name, int error) {
+  Report(ChildPath(name), error);
+  if (error == ENOENT) {
+    Top().changedThisPass = true;
+    return;
+  }
+  Top().leftBehind.insert(name);
+  Top().descendantFailed = true;
+}
+
+void Remover::Report(const std::string& path, int error) {
+  if (!firstError_ && error != ENOENT) firstError_ = error;
+  if (!state_ || !state_->callback) return;
+  state_->reportedError = error;
+  state_->reporting = true;
+  const PurgeTreeDecision decision = state_->callback(state_, path.c_str(), state_->context);
+  state_->reporting = false;
+  if (decision == PurgeTreeDecision::Stop) stopped_ = true;
+}
+
+std::string WithoutTrailingSlashes(const char* path) {
+  // "link/" would resolve the link; the item named is the link itself.
+  std::string p(path);
+  while (p.size() > 1 && p.back() == '/') p.pop_back();
+  return p;
+}
+
+}  // namespace
+
+int purgetree(const char* path, PurgeTreeState* state, bool recursive) {
+  if (!path || !*path) {
+    errno = ENOENT;
+    return -1;
+  }
+  Remover remover(state, WithoutTrailingSlashes(path));
+  return remover.Run(recursive);
+}
+
+}  // namespace vx

@@ -1,0 +1,42 @@
+// Making and retiring containers so that a crash at any point leaves each container either
+// whole or absent: a container is assembled under a hidden name beside its final place,
+// its record is written last, and one rename puts it in place.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "platform/WorkspaceLayout.h"
+#include "platform/WorkspaceRegistry.h"
+#include "support/FileURL.h"
+#include "support/InstallerError.h"
+
+namespace vx {
+
+// Fills an assembly (everything but the record); false with an error to abandon it.
+using ContainerFiller = std::function<bool(const FileURL& assembly, ErrorRef* error)>;
+
+// The new container's location once it is in place; on failure the assembly is removed.
+std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const ContainerRecord& record,
+                                       const ContainerFiller& fill, ErrorRef* error);
+
+// Takes a container out of every future scan with one rename, then removes it. A failed
+// removal leaves a hidden leftover that a later recovery removes.
+bool RetireContainer(const FileURL& container, ErrorRef* error);
+
+// The identifier's data container (of `containerClass`, Data or PluginData), made with
+// "Documents", "Library" and "tmp" when there is none yet. Updates `index`.
+std::optional<FileURL> EnsureDataContainer(const WorkspaceLayout& layout, WorkspaceIndex& index,
+                                           const std::string& identifier,
+                                           ContainerClass containerClass, ErrorRef* error);
+
+// The group's container, made when there is none yet. Updates `index`.
+std::optional<FileURL> EnsureGroupContainer(const WorkspaceLayout& layout, WorkspaceIndex& index,
+                                            const std::string& group, ErrorRef* error);
+
+// Removes abandoned assemblies and retires superseded bundle containers; what cannot be
+// removed is logged and left for the next time.
+void RecoverWorkspace(const WorkspaceIndex& index);
+
+}  // namespace vx

@@ -1,0 +1,79 @@
+// Where the workspace keeps its containers under a device root, and the small record each
+// container carries so that the workspace can be rebuilt by reading the disk alone.
+//
+//   <root>private/var/mobile/Containers/Bundles/<UUID>/     installed bundle + store metadata
+//   <root>private/var/mobile/Containers/Data/<UUID>/        an application's data
+//   <root>private/var/mobile/Containers/PluginData/<UUID>/  a VPN plug-in's data
+//   <root>private/var/mobile/Containers/Groups/<UUID>/      an app group's shared data
+//
+// Every container holds ".com.tarsel.velotrix.container.plist". A directory whose name
+// starts with "." is never a container: it is one being assembled or one being retired.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/FileURL.h"
+#include "support/InstallerError.h"
+#include "support/PlistValue.h"
+
+namespace vx {
+
+enum class ContainerClass { Bundle, Data, PluginData, Group };
+
+extern const char* const kContainerRecordFileName;  // ".com.tarsel.velotrix.container.plist"
+
+struct ContainerRecord {
+  ContainerClass containerClass = ContainerClass::Bundle;
+  std::string identifier;
+  // Bundle containers only.
+  std::string bundleName;  // "<Name>.app" or "<Name>.vpnplugin"
+  std::string bundleType;  // "User", "Placeholder" or "VPNPlugin"
+  std::optional<std::string> bundleVersion;
+  std::vector<std::string> appGroups;
+  // Orders the bundle containers of one identifier: the highest is the installation.
+  int64_t installSequence = 0;
+};
+
+PlistDictionary ContainerRecordDictionary(const ContainerRecord& record);
+// Nothing when a required entry is missing or of the wrong type.
+std::optional<ContainerRecord> ContainerRecordFromDictionary(const PlistDictionary& dict);
+
+class WorkspaceLayout {
+ public:
+  // `deviceRoot` is "/" for the device itself.
+  explicit WorkspaceLayout(const std::string& deviceRoot);
+
+  const std::string& deviceRoot() const { return root_; }
+  FileURL containersDirectory() const;
+  FileURL directoryForClass(ContainerClass containerClass) const;
+
+  static FileURL recordURL(const FileURL& container);
+  // Nothing when the container has no readable record.
+  static std::optional<ContainerRecord> readRecord(const FileURL& container);
+  // Durable once it returns true.
+  static bool writeRecord(const FileURL& container, const ContainerRecord& record,
+                          ErrorRef* error);
+
+ private:
+  std::string root_;  // ends with "/"
+};
+
+// A random (version 4) UUID in upper-case text.
+std::string NewContainerUUID();
+
+// Names of the directories that are not containers. An assembly carries the id of the
+// process that assembles it, so that only a dead process's leftovers are cleaned away.
+std::string NewAssemblyName();
+std::string NewRetiredName();
+bool IsHiddenContainerName(const std::string& name);
+// True for a leftover nobody works on any more: a retired container, or an assembly whose
+// process is gone (or is this one, which has no assembly open between installations).
+bool IsAbandonedHiddenName(const std::string& name);
+
+// Makes the entries renamed into `directory` durable (fsyncs the directory itself).
+bool SyncDirectory(const FileURL& directory, ErrorRef* error);
+
+}  // namespace vx

@@ -1,0 +1,102 @@
+#include "platform/WorkspaceRegistry.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+
+#include <algorithm>
+
+#include "platform/UniqueFd.h"
+
+namespace vx {
+namespace {
+
+// Directory entries of one container class, in name order so that every scan resolves a
+// tie the same way.
+std::vector<std::string> DirectoryNames(const FileURL& directory) {
+  std::vector<std::string> names;
+  UniqueFd fd(::open(directory.fileSystemRepresentation(),
+                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) return names;
+  UniqueDir dir(::fdopendir(fd.get()));
+  if (!dir) return names;
+  fd.release();
+  while (const dirent* entry = ::readdir(dir.get())) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+void ScanClass(const WorkspaceLayout& layout, ContainerClass containerClass,
+               WorkspaceIndex& index) {
+  const FileURL directory = layout.directoryForClass(containerClass);
+  for (const std::string& name : DirectoryNames(directory)) {
+    const FileURL url = directory.URLByAppendingPathComponent(name, true);
+    if (IsHiddenContainerName(name)) {
+      if (IsAbandonedHiddenName(name)) index.abandoned.push_back(url);
+      continue;
+    }
+    // Without its record a directory is no container of ours: a container's record is the
+    // last thing written before it is renamed into place.
+    auto record = WorkspaceLayout::readRecord(url);
+    if (!record || record->containerClass != containerClass) continue;
+
+    switch (containerClass) {
+      case ContainerClass::Bundle: {
+        auto [it, inserted] = index.bundles.try_emplace(record->identifier, IndexedContainer{url, *record});
+        if (!inserted) {
+          if (it->second.record.installSequence < record->installSequence) {
+            index.superseded.push_back(it->second.url);
+            it->second = IndexedContainer{url, *record};
+          } else {
+            index.superseded.push_back(url);
+          }
+        }
+        break;
+      }
+      case ContainerClass::Data:
+      case ContainerClass::PluginData:
+        // Data is never dropped or merged: should two ever exist, the first by name wins
+        // and the other stays untouched on disk.
+        index.dataContainers.try_emplace(record->identifier, IndexedContainer{url, *record});
+        break;
+      case ContainerClass::Group:
+        index.groupContainers.try_emplace(record->identifier, url);
+        break;
+    }
+  }
+}
+
+}  // namespace
+
+const IndexedContainer* WorkspaceIndex::bundle(const std::string& identifier) const {
+  auto it = bundles.find(identifier);
+  return it == bundles.end() ? nullptr : &it->second;
+}
+
+const IndexedContainer* WorkspaceIndex::dataContainer(const std::string& identifier) const {
+  auto it = dataContainers.find(identifier);
+  return it == dataContainers.end() ? nullptr : &it->second;
+}
+
+std::optional<FileURL> WorkspaceIndex::groupContainer(const std::string& group) const {
+  auto it = groupContainers.find(group);
+  if (it == groupContainers.end()) return std::nullopt;
+  return it->second;
+}
+
+WorkspaceIndex ScanWorkspace(const WorkspaceLayout& layout) {
+  WorkspaceIndex index;
+  for (ContainerClass c : {ContainerClass::Bundle, ContainerClass::Data,
+                           ContainerClass::PluginData, ContainerClass::Group}) {
+    ScanClass(layout, c, index);
+  }
+  return index;
+}
+
+FileURL InstalledBundleURL(const IndexedContainer& container) {
+  return container.url.URLByAppendingPathComponent(container.record.bundleName, true);
+}
+
+}  // namespace vx

@@ -1,0 +1,122 @@
+// The whole job, from outside: a sample device in the old layout is migrated by the built
+// host and plug-in, and the manifest proves that nothing was lost, also when the run is cut
+// off at any step and started again.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "host/sample/ManifestCheck.h"
+#include "host/sample/SampleDevice.h"
+#include "support/RunProgram.h"
+#include "support/TempDir.h"
+
+namespace vx {
+namespace {
+
+const std::string kHost = std::string(VX_BIN_DIR) + "/vxmigrate";
+
+test::RunResult Host(const std::vector<std::string>& args, const test::RunOptions& options = {}) {
+  return test::RunProgram(kHost, args, options);
+}
+
+test::RunResult Migrate(const std::string& root, const test::RunOptions& options = {}) {
+  return Host({"migrate", "--root", root, "--no-progress", "--quiet"}, options);
+}
+
+std::string Describe(const sample::ManifestReport& report) {
+  std::string out = std::to_string(report.filesVerified) + "/" + std::to_string(report.files) +
+                    " files verified";
+  for (const std::string& p : report.problems) out += "\n  " + p;
+  return out;
+}
+
+TEST(SampleDeviceEndToEndTest, TwentyApplicationsMigrateWithEveryByte) {
+  test::TempDir t;
+  const std::string root = t / "device";
+  auto made = Host({"sample-device", root, "--apps", "20", "--seed", "7"});
+  ASSERT_EQ(made.exitStatus, 0) << made.describe();
+
+  auto run = Host({"migrate", "--root", root, "--json", "--no-progress"});
+  ASSERT_EQ(run.exitStatus, 0) << run.describe();
+
+  const sample::ManifestReport report = sample::CheckMigratedDevice(root);
+  EXPECT_TRUE(report.ok()) << Describe(report);
+  EXPECT_EQ(report.applications, 20u);
+  EXPECT_EQ(report.applicationsInstalled, 20u);
+  EXPECT_FALSE(test::Exists(root + "/private/var/mobile/Applications"));
+  EXPECT_FALSE(test::Exists(root + "/private/var/mobile/Library/Caches/com.tarsel.velotrix.plist"));
+  EXPECT_TRUE(std::filesystem::is_empty(root + "/private/var/mobile/Containers/Shared/AppGroup"))
+      << "old group containers go once their files moved";
+  EXPECT_FALSE(test::Exists(root + "/private/var/mobile/Library/Velotrix/SafeHarbor.plist"));
+  EXPECT_TRUE(test::Exists(
+      root + "/private/var/mobile/Library/Velotrix/AppMigratorLastSystemVersion.plist"));
+
+  // A second run finds nothing to do and succeeds.
+  auto again = Migrate(root);
+  EXPECT_EQ(again.exitStatus, 0) << again.describe();
+}
+
+TEST(SampleDeviceEndToEndTest, SameSeedSameDevice) {
+  test::TempDir t;
+  sample::SampleDeviceOptions options;
+  options.apps = 8;
+  options.seed = 42;
+  options.dataBytes = 8192;
+  std::string problem;
+  ASSERT_TRUE(sample::WriteSampleDevice(t / "a", options, &problem)) << problem;
+  ASSERT_TRUE(sample::WriteSampleDevice(t / "b", options, &problem)) << problem;
+  EXPECT_EQ(test::ReadFile(t / ("a/" + std::string(sample::kManifestName))),
+            test::ReadFile(t / ("b/" + std::string(sample::kManifestName))));
+  EXPECT_FALSE(sample::WriteSampleDevice(t / "a", options, &problem)) << "never over an old layout";
+}
+
+// One application's migration, cut off at every mutating call in turn (by a fault or by the
+// process ending there), and then run again cleanly: the second run must finish the job.
+void CutOffAtEveryStep(bool crash) {
+  test::TempDir t;
+  const std::string pristine = t / "pristine";
+  sample::SampleDeviceOptions options;
+  options.apps = 1;
+  options.dataBytes = 4096;
+  std::string problem;
+  ASSERT_TRUE(sample::WriteSampleDevice(pristine, options, &problem)) << problem;
+
+  int completedAt = 0;
+  for (int n = 1; n < 2000 && completedAt == 0; ++n) {
+    const std::string root = t / ("run-" + std::to_string(n));
+    std::filesystem::copy(pristine, root, std::filesystem::copy_options::recursive |
+                                              std::filesystem::copy_options::copy_symlinks);
+    test::RunOptions faulty;
+    faulty.environment["VX_FAULT_AT"] = std::to_string(n);
+    faulty.environment["VX_FAULT_ACTION"] = crash ? "crash" : "fail";
+    faulty.environment["VX_FAULT_ERRNO"] = "EIO";
+    auto cut = Migrate(root, faulty);
+    const bool faultHit = cut.err.find("vx fault seam:") != std::string::npos;
+    if (!faultHit) {
+      ASSERT_EQ(cut.exitStatus, 0) << "n=" << n << "\n" << cut.describe();
+      completedAt = n;
+    } else if (crash) {
+      ASSERT_EQ(cut.signal, SIGKILL) << "n=" << n << "\n" << cut.describe();
+    } else {
+      // A failure either ends the run with status 1 and a logged reason, or is one the run
+      // may take in its stride (a note it could not write).
+      ASSERT_TRUE(cut.exitStatus == 0 || cut.exitStatus == 1) << "n=" << n << "\n" << cut.describe();
+      if (cut.exitStatus == 1) {
+        EXPECT_NE(cut.err.find("VXAppMigrator: "), std::string::npos) << "n=" << n << cut.describe();
+      }
+    }
+    auto clean = Migrate(root);
+    ASSERT_EQ(clean.exitStatus, 0) << "after a cut at n=" << n << "\n" << clean.describe();
+    const sample::ManifestReport report = sample::CheckMigratedDevice(root);
+    ASSERT_TRUE(report.ok()) << "after a cut at n=" << n << ": " << Describe(report);
+    std::filesystem::remove_all(root);
+  }
+  EXPECT_GT(completedAt, 10) << "the run makes more than a handful of mutations";
+}
+
+TEST(SampleDeviceCrashTest, EveryMutationCutOffByACrashIsRecovered) { CutOffAtEveryStep(true); }
+
+TEST(SampleDeviceCrashTest, EveryMutationFailingIsRecoveredByTheNextRun) { CutOffAtEveryStep(false); }
+
+}  // namespace
+}  // namespace vx

@@ -1,0 +1,38 @@
+// Bundles and install packages for the workspace tests, written the way the migration
+// stages them.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/PlistValue.h"
+
+namespace vx::test {
+
+struct BundleSpec {
+  std::string identifier;
+  std::string version = "1.0";
+  std::vector<std::string> groups = {};  // "VXAppGroups"
+  std::string executable = "executable";  // content of the bundle's executable file
+};
+
+// A bundle directory at `path` with "Info.plist" and its executable; returns `path`.
+std::string MakeBundle(const std::string& path, const BundleSpec& spec);
+
+// A customer package: <staging>/Payload/<appName> (and a VPN plug-in beside it when given),
+// with "LyrandMetadata.plist" and "Manifest.plist" beside Payload. Returns `staging`.
+std::string MakeCustomerPackage(const std::string& staging, const std::string& appName,
+                                const BundleSpec& app,
+                                const std::optional<BundleSpec>& vpnPlugin = std::nullopt);
+
+// The options the migration installs a staged application with.
+PlistDictionary MigratorCustomerOptions(const std::string& identifier);
+PlistDictionary PlaceholderOptions(const std::string& identifier);
+
+// Names of the containers in one container directory (hidden leftovers excluded).
+std::vector<std::string> ContainerNames(const std::string& classDirectory);
+// Every entry of a directory, hidden ones included, sorted.
+std::vector<std::string> DirectoryEntries(const std::string& directory);
+
+}  // namespace vx::test

@@ -1,0 +1,66 @@
+// vxfile from outside: the built program, its output and its exit statuses.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "filemanager/VXFileManager.h"
+#include "support/RunProgram.h"
+#include "support/TempDir.h"
+
+namespace vx {
+namespace {
+
+test::RunResult Vxfile(const std::vector<std::string>& arguments) {
+  return test::RunProgram(std::string(VX_BIN_DIR) + "/vxfile", arguments);
+}
+
+TEST(VxfileTest, DuAndDigestPrintOneValue) {
+  test::TempDir tmp;
+  test::MakeDirs(tmp / "tree/sub");
+  test::WriteFile(tmp / "tree/sub/abc", "abc");
+  test::WriteFile(tmp / "tree/big", std::string(100000, 'x'));
+
+  auto du = Vxfile({"du", tmp / "tree"});
+  ASSERT_EQ(du.exitStatus, 0) << du.describe();
+  const uint64_t inProcess =
+      VXFileManager::defaultManager().diskUsageForURL(FileURL::fileURLWithPath(tmp / "tree", true));
+  EXPECT_EQ(du.out, std::to_string(inProcess) + "\n");
+  EXPECT_GE(inProcess, 100000u);
+
+  auto digest = Vxfile({"digest", tmp / "tree/sub/abc"});
+  ASSERT_EQ(digest.exitStatus, 0) << digest.describe();
+  EXPECT_EQ(digest.out, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad\n");
+
+  auto missing = Vxfile({"digest", tmp / "none"});
+  EXPECT_EQ(missing.exitStatus, 1) << missing.describe();
+  EXPECT_TRUE(missing.out.empty());
+  EXPECT_NE(missing.err.find(tmp / "none"), std::string::npos) << missing.err;
+
+  EXPECT_EQ(Vxfile({"digest"}).exitStatus, 2);
+  EXPECT_EQ(Vxfile({"frobnicate"}).exitStatus, 2);
+}
+
+TEST(VxfileTest, ContainPrintsTheRealPathOrTheReason) {
+  test::TempDir tmp;
+  test::MakeDirs(tmp / "base/sub");
+  test::MakeSymlink("../../outside", tmp / "base/sub/escape");
+
+  auto inside = Vxfile({"contain", tmp / "base/sub/not-yet", tmp / "base"});
+  ASSERT_EQ(inside.exitStatus, 0) << inside.describe();
+  const std::string realSub = std::filesystem::canonical(tmp / "base/sub").string();
+  EXPECT_EQ(inside.out, realSub + "/not-yet\n");
+
+  auto dotdot = Vxfile({"contain", tmp / "base/sub/../sub", tmp / "base"});
+  EXPECT_EQ(dotdot.exitStatus, 1);
+  EXPECT_NE(dotdot.err.find("contains '..' paths, which are invalid"), std::string::npos)
+      << dotdot.err;
+
+  auto escape = Vxfile({"contain", tmp / "base/sub/escape", tmp / "base"});
+  EXPECT_EQ(escape.exitStatus, 1);
+  EXPECT_NE(escape.err.find("points outside or to the base"), std::string::npos) << escape.err;
+
+  EXPECT_EQ(Vxfile({"contain", tmp / "base"}).exitStatus, 2);
+}
+
+}  // namespace
+}  // namespace vx
