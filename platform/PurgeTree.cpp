@@ -292,7 +292,7 @@ bool Remover::ReopenParentOfTop() {
   const size_t parentIndex = frames_.size() - 2;
   Frame& parent = frames_[parentIndex];
   const std::string parentPath(path_, 0, parent.pathLength);
-  UniqueFd fd(::openat(::dirfd(Top().dir.get()), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd fd(::openat(::dirfd(Top().dir.get()), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   Identity id;
   if (!fd || !IdentityOf(fd.get(), &id) || id != parent.identity) {
     fd.reset(::fcntl(::dirfd(frames_[0].dir.get()), F_DUPFD_CLOEXEC, 0));

@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 
@@ -31,7 +32,10 @@ std::optional<int64_t> PlistValue::int64Value() const {
   if (auto* i = std::get_if<int64_t>(&value_)) return *i;
   if (auto* b = std::get_if<bool>(&value_)) return *b ? 1 : 0;
   if (auto* d = std::get_if<double>(&value_)) {
+    // Cut toward zero, and held to the 64-bit range: a huge value must not wrap or trap.
     if (std::isnan(*d)) return 0;
+    if (*d >= 9223372036854775807.0) return INT64_MAX;
+    if (*d <= -9223372036854775808.0) return INT64_MIN;
     return static_cast<int64_t>(std::trunc(*d));
   }
   return std::nullopt;
