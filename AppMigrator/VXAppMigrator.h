@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -68,7 +69,10 @@ class VXAppMigrator : public MigratorPlugin {
                                           const FileURL& to);
   bool _containerHasMissedItems(const FileURL& container, const std::string& identifier);
   bool _migrateGroupContainersForIdentifier(const std::string& identifier);
-  bool _moveAllItemsInGroupContainerURL(const FileURL& source, const FileURL& destination);
+  // False only when the source cannot be listed; items that could not be moved are logged
+  // and, when `unmovedCount` is given, counted there.
+  bool _moveAllItemsInGroupContainerURL(const FileURL& source, const FileURL& destination,
+                                        size_t* unmovedCount = nullptr);
 
   // --- Safe harbors -------------------------------------------------------------------
   bool _migrateSafeHarbors();

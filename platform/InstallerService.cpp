@@ -55,12 +55,13 @@ int VelotrixRegisterSafeHarborForContainerType(const char* path, const char* ide
   // The register is read, changed and written whole; one registration at a time.
   static std::mutex registerMutex;
   std::lock_guard lock(registerMutex);
-  const std::string registerPath =
-      VXGlobalConfiguration::sharedInstance().dataDirectory().URLByAppendingPathComponent(
-          kRegisterFileName).path();
+  const std::string registerPath = VXGlobalConfiguration::sharedInstance()
+                                       .dataDirectory()
+                                       .URLByAppendingPathComponent(kRegisterFileName)
+                                       .path();
   PlistDictionary entries = ReadPropertyListDictionary(registerPath).value_or(PlistDictionary{});
-  entries[identifier] = PlistDictionary{{"Path", std::string(path)},
-                                        {"ContainerType", containerType}};
+  entries[identifier] =
+      PlistDictionary{{"Path", std::string(path)}, {"ContainerType", containerType}};
   int error = 0;
   if (!WritePropertyListFile(registerPath, PlistValue(std::move(entries)), PlistFormat::XML,
                              &error)) {

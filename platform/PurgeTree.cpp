@@ -260,7 +260,7 @@ void Remover::FinishTop() {
   if (!failed) {
     if (sys::Unlinkat(parentFd, child.name.c_str(), AT_REMOVEDIR) == 0) {
       if (!isTopLevel) frames_[parentIndex].changedThisPass = true;
-    } else if (errno == ENOTEMPTY && child.changedThisPass) {
+    } else if ((errno == ENOTEMPTY || errno == EEXIST) && child.changedThisPass) {
       // Removing entries while reading may hide others from the stream: read it again.
       ::rewinddir(child.dir.get());
       child.changedThisPass = false;
@@ -292,7 +292,7 @@ bool Remover::ReopenParentOfTop() {
   const size_t parentIndex = frames_.size() - 2;
   Frame& parent = frames_[parentIndex];
   const std::string parentPath(path_, 0, parent.pathLength);
-  UniqueFd fd(::openat(::dirfd(Top().dir.get()), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd fd(::openat(::dirfd(Top().dir.get()), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   Identity id;
   if (!fd || !IdentityOf(fd.get(), &id) || id != parent.identity) {
     fd.reset(::fcntl(::dirfd(frames_[0].dir.get()), F_DUPFD_CLOEXEC, 0));

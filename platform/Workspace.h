@@ -18,12 +18,12 @@ class VXGlobalConfiguration;
 
 // Codes of the installation errors (VXInstallerErrorDomain).
 enum WorkspaceErrorCode : int64_t {
-  kWorkspaceInvalidPackageError = 101,      // nothing installable at the location
-  kWorkspaceVerificationError = 102,        // identifier differs from what the caller expects
-  kWorkspaceBlacklistedError = 103,         // the identifier may never be installed
-  kWorkspaceAlreadyInstalledError = 104,    // a built-in application is as new or newer
-  kWorkspaceContainerError = 105,           // a data or group container could not be made
-  kWorkspaceInstallError = 106,             // the bundle could not be put in place
+  kWorkspaceInvalidPackageError = 101,    // nothing installable at the location
+  kWorkspaceVerificationError = 102,      // identifier differs from what the caller expects
+  kWorkspaceBlacklistedError = 103,       // the identifier may never be installed
+  kWorkspaceAlreadyInstalledError = 104,  // a built-in application is as new or newer
+  kWorkspaceContainerError = 105,         // a data or group container could not be made
+  kWorkspaceInstallError = 106,           // the bundle could not be put in place
 };
 
 class DeviceWorkspace final : public AppWorkspace {
@@ -38,8 +38,8 @@ class DeviceWorkspace final : public AppWorkspace {
   // Makes a missing data container or group container on the way (a built-in
   // application's data container is made on the first request).
   std::optional<BundleProxy> bundleProxyForIdentifier(const std::string& identifier) override;
-  bool installApplication(const FileURL& location, const PlistDictionary& options,
-                          ErrorRef* error, const InstallProgressCallback& progress) override;
+  bool installApplication(const FileURL& location, const PlistDictionary& options, ErrorRef* error,
+                          const InstallProgressCallback& progress) override;
   using AppWorkspace::installApplication;
   std::vector<std::string> installedBundleIdentifiers() override;
 

@@ -63,11 +63,12 @@ std::optional<FileURL> EnsureDataContainer(const WorkspaceLayout& layout, Worksp
   ContainerRecord record;
   record.containerClass = containerClass;
   record.identifier = identifier;
-  auto made = CreateContainer(layout, record,
-                              [](const FileURL& assembly, ErrorRef* e) {
-                                return MakeDirectories(assembly, {"Documents", "Library", "tmp"}, e);
-                              },
-                              error);
+  auto made = CreateContainer(
+      layout, record,
+      [](const FileURL& assembly, ErrorRef* e) {
+        return MakeDirectories(assembly, {"Documents", "Library", "tmp"}, e);
+      },
+      error);
   if (made) index.dataContainers.emplace(identifier, IndexedContainer{*made, record});
   return made;
 }

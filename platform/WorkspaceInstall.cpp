@@ -122,7 +122,9 @@ bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndex& index,
   ErrorRef error;
   auto placed = CreateContainer(
       layout, record,
-      [&](const FileURL& assembly, ErrorRef* e) { return FillBundleContainer(placement, assembly, e); },
+      [&](const FileURL& assembly, ErrorRef* e) {
+        return FillBundleContainer(placement, assembly, e);
+      },
       &error);
   if (!placed) {
     *failure = {kWorkspaceInstallError, "InstallFailed",
@@ -153,10 +155,10 @@ bool MakeContainers(const WorkspaceLayout& layout, WorkspaceIndex& index,
     }
     for (const std::string& group : bundle->appGroups) {
       if (!EnsureGroupContainer(layout, index, group, &error)) {
-        *failure = {kWorkspaceContainerError, "ContainerCreationFailed",
-                    Format("Failed to make the container of group %@ for %@", group,
-                           bundle->identifier),
-                    error};
+        *failure = {
+            kWorkspaceContainerError, "ContainerCreationFailed",
+            Format("Failed to make the container of group %@ for %@", group, bundle->identifier),
+            error};
         return false;
       }
     }
@@ -186,8 +188,8 @@ std::optional<InstallFailure> BuiltInRefusal(VXGlobalConfiguration& configuratio
 void ConsumePackage(const WorkspaceLayout& layout, const FileURL& location) {
   const FileURL trash = layout.directoryForClass(ContainerClass::Bundle)
                             .URLByAppendingPathComponent(NewRetiredName(), true);
-  const FileURL beside = location.URLByDeletingLastPathComponent().URLByAppendingPathComponent(
-      NewRetiredName(), true);
+  const FileURL beside =
+      location.URLByDeletingLastPathComponent().URLByAppendingPathComponent(NewRetiredName(), true);
   FileURL doomed = location;
   if (sys::Rename(location.fileSystemRepresentation(), trash.fileSystemRepresentation()) == 0) {
     doomed = trash;
@@ -243,11 +245,14 @@ bool DeviceWorkspace::installApplication(const FileURL& location, const PlistDic
   reporter.step(50, "InstallingApplication");
   const auto installType = RequestedInstallType(options);
   if (package->plugin) {
-    BundlePlacement plugin{&*package->plugin, "VPNPlugin", installType, false, std::nullopt,
-                           nullptr};
+    BundlePlacement plugin{&*package->plugin, "VPNPlugin", installType, false,
+                           std::nullopt,      nullptr};
     if (!PlaceBundle(layout_, index, plugin, &failure)) return fail(failure);
   }
-  BundlePlacement application{&package->main, "User", installType, false,
+  BundlePlacement application{&package->main,
+                              "User",
+                              installType,
+                              false,
                               package->metadataDirectory,
                               package->storeMetadata ? &*package->storeMetadata : nullptr};
   if (package->placeholder) {

@@ -26,17 +26,21 @@ constexpr const char* kRetiredPrefix = ".retired-";
 
 const char* ClassName(ContainerClass containerClass) {
   switch (containerClass) {
-    case ContainerClass::Bundle: return "Bundle";
-    case ContainerClass::Data: return "Data";
-    case ContainerClass::PluginData: return "PluginData";
-    case ContainerClass::Group: return "Group";
+    case ContainerClass::Bundle:
+      return "Bundle";
+    case ContainerClass::Data:
+      return "Data";
+    case ContainerClass::PluginData:
+      return "PluginData";
+    case ContainerClass::Group:
+      return "Group";
   }
   return "Bundle";
 }
 
 std::optional<ContainerClass> ClassNamed(const std::string& name) {
-  for (ContainerClass c : {ContainerClass::Bundle, ContainerClass::Data,
-                           ContainerClass::PluginData, ContainerClass::Group}) {
+  for (ContainerClass c : {ContainerClass::Bundle, ContainerClass::Data, ContainerClass::PluginData,
+                           ContainerClass::Group}) {
     if (name == ClassName(c)) return c;
   }
   return std::nullopt;
@@ -44,17 +48,19 @@ std::optional<ContainerClass> ClassNamed(const std::string& name) {
 
 const char* ClassDirectoryName(ContainerClass containerClass) {
   switch (containerClass) {
-    case ContainerClass::Bundle: return "Bundles";
-    case ContainerClass::Data: return "Data";
-    case ContainerClass::PluginData: return "PluginData";
-    case ContainerClass::Group: return "Groups";
+    case ContainerClass::Bundle:
+      return "Bundles";
+    case ContainerClass::Data:
+      return "Data";
+    case ContainerClass::PluginData:
+      return "PluginData";
+    case ContainerClass::Group:
+      return "Groups";
   }
   return "Bundles";
 }
 
-bool StartsWith(const std::string& text, const char* prefix) {
-  return text.rfind(prefix, 0) == 0;
-}
+bool StartsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
 
 }  // namespace
 
@@ -137,9 +143,9 @@ bool WorkspaceLayout::writeRecord(const FileURL& container, const ContainerRecor
   int e = 0;
   if (!WritePropertyListFile(url.path(), PlistValue(ContainerRecordDictionary(record)),
                              PlistFormat::XML, &e)) {
-    SetError(error, PosixError("-[WorkspaceLayout writeRecord:toContainer:error:]", __LINE__, e,
-                               "Failed to write container record %s: %s", url.path(),
-                               std::strerror(e)));
+    SetError(error,
+             PosixError("-[WorkspaceLayout writeRecord:toContainer:error:]", __LINE__, e,
+                        "Failed to write container record %s: %s", url.path(), std::strerror(e)));
     return false;
   }
   return true;

@@ -54,8 +54,7 @@ class WorkspaceLayout {
   // Nothing when the container has no readable record.
   static std::optional<ContainerRecord> readRecord(const FileURL& container);
   // Durable once it returns true.
-  static bool writeRecord(const FileURL& container, const ContainerRecord& record,
-                          ErrorRef* error);
+  static bool writeRecord(const FileURL& container, const ContainerRecord& record, ErrorRef* error);
 
  private:
   std::string root_;  // ends with "/"

@@ -207,7 +207,8 @@ bool CheckInstallOptions(const InstallPackage& package, const PlistDictionary& o
     }
   }
   if (!OptionIsTrue(all, "SkipBlacklist")) {
-    for (const PackageBundle* bundle : {&package.main, package.plugin ? &*package.plugin : nullptr}) {
+    for (const PackageBundle* bundle :
+         {&package.main, package.plugin ? &*package.plugin : nullptr}) {
       if (bundle && blacklist.count(bundle->identifier)) {
         *failure = Failure(kWorkspaceBlacklistedError, "ApplicationBlacklisted",
                            Format("%@ may not be installed", bundle->identifier));

@@ -47,7 +47,8 @@ bool DeviceWorkspace::applicationIsInstalled(const std::string& identifier) {
          BuiltInRecord(configuration().systemAppBundleIDToInfoMap(), identifier);
 }
 
-std::optional<BundleProxy> DeviceWorkspace::bundleProxyForIdentifier(const std::string& identifier) {
+std::optional<BundleProxy> DeviceWorkspace::bundleProxyForIdentifier(
+    const std::string& identifier) {
   return proxy(identifier, true);
 }
 
@@ -103,8 +104,8 @@ std::optional<BundleProxy> DeviceWorkspace::proxy(const std::string& identifier,
   } else if (makeContainers) {
     proxy.dataContainerURL = EnsureDataContainer(layout_, index, identifier, dataClass, &error);
     if (!proxy.dataContainerURL) {
-      VX_INSTALLER_LOG(3, kProxyFunction, "Failed to make the data container of %@: %@",
-                       identifier, error);
+      VX_INSTALLER_LOG(3, kProxyFunction, "Failed to make the data container of %@: %@", identifier,
+                       error);
     }
   }
 

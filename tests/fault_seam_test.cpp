@@ -17,7 +17,6 @@ namespace vx {
 namespace {
 
 using test::Exists;
-using test::TempDir;
 
 class FaultSeamTest : public ::testing::Test {
  protected:
@@ -26,76 +25,71 @@ class FaultSeamTest : public ::testing::Test {
     for (const char* name : {"VX_FAULT_AT", "VX_FAULT_ACTION", "VX_FAULT_ERRNO"}) ::unsetenv(name);
   }
 
-  // mkdir of t/<prefix><i>: 0 or the errno.
-  int MakeNumbered(const std::string& prefix, int i) {
-    return sys::Mkdir((t / (prefix + std::to_string(i))).c_str(), 0755) == 0 ? 0 : errno;
+  // mkdir of <temp>/<name>: 0 or the errno.
+  int Make(const std::string& name) {
+    return sys::Mkdir((t / name).c_str(), 0755) == 0 ? 0 : errno;
   }
 
-  TempDir t;
+  void SetEnvironment(const char* at, const char* action, const char* error) {
+    for (auto [name, value] : {std::pair{"VX_FAULT_AT", at}, {"VX_FAULT_ACTION", action}, {"VX_FAULT_ERRNO", error}}) {
+      value ? ::setenv(name, value, 1) : ::unsetenv(name);
+    }
+  }
+
+  test::TempDir t;
 };
 
 TEST_F(FaultSeamTest, FailsExactlyTheNthMutationAndCountsOnlyMutations) {
   test::WriteFile(t / "existing", "x");
   fault::Arm(3, fault::Action::Fail, ENOSPC);
-  UniqueFd reader(sys::Open((t / "existing").c_str(), O_RDONLY));
-  EXPECT_TRUE(reader);
+  EXPECT_TRUE(UniqueFd(sys::Open((t / "existing").c_str(), O_RDONLY)));
   EXPECT_EQ(fault::MutationCount(), 0u) << "a read-only open changes nothing";
-
-  EXPECT_EQ(MakeNumbered("d", 1), 0);
-  EXPECT_EQ(MakeNumbered("d", 2), 0);
-  EXPECT_EQ(MakeNumbered("d", 3), ENOSPC);
+  EXPECT_EQ(Make("d1") + Make("d2"), 0);
+  EXPECT_EQ(Make("d3"), ENOSPC);
   EXPECT_FALSE(Exists(t / "d3")) << "the refused call never reached the system";
-  EXPECT_EQ(MakeNumbered("d", 4), 0);
-  UniqueFd writer(sys::Open((t / "new").c_str(), O_WRONLY | O_CREAT, 0644));
-  EXPECT_TRUE(writer);
+  EXPECT_EQ(Make("d4"), 0);
+  EXPECT_TRUE(UniqueFd(sys::Open((t / "new").c_str(), O_WRONLY | O_CREAT, 0644)));
   EXPECT_EQ(fault::MutationCount(), 5u);
-
   fault::Disarm();
   EXPECT_EQ(fault::MutationCount(), 0u);
-  EXPECT_EQ(MakeNumbered("d", 3), 0);
 }
 
 TEST_F(FaultSeamTest, ConfigureFromEnvironmentArmsOrNamesTheProblem) {
   const char* problem = nullptr;
   EXPECT_TRUE(fault::ConfigureFromEnvironment(&problem)) << "nothing set arms nothing";
-  EXPECT_EQ(MakeNumbered("a", 1), 0);
+  EXPECT_EQ(Make("unarmed"), 0);
 
-  struct Case {
-    const char* at;
+  const struct {
     const char* action;
     const char* error;
-    int expected;  // the errno of the second mkdir
-  } armed[] = {{"2", nullptr, nullptr, EIO}, {"2", "fail", "EACCES", EACCES}, {"2", "fail", "28", ENOSPC}};
-  int round = 0;
-  for (const Case& c : armed) {
-    ::setenv("VX_FAULT_AT", c.at, 1);
-    c.action ? ::setenv("VX_FAULT_ACTION", c.action, 1) : ::unsetenv("VX_FAULT_ACTION");
-    c.error ? ::setenv("VX_FAULT_ERRNO", c.error, 1) : ::unsetenv("VX_FAULT_ERRNO");
+    int expected;
+  } armed[] = {{nullptr, nullptr, EIO}, {"fail", "EACCES", EACCES}, {nullptr, "28", ENOSPC}};
+  for (const auto& c : armed) {
+    SetEnvironment("2", c.action, c.error);
     ASSERT_TRUE(fault::ConfigureFromEnvironment(&problem)) << problem;
-    const std::string prefix = "r" + std::to_string(++round) + "-";
-    EXPECT_EQ(MakeNumbered(prefix, 1), 0);
-    EXPECT_EQ(MakeNumbered(prefix, 2), c.expected);
-    EXPECT_EQ(MakeNumbered(prefix, 3), 0);
+    const std::string tag = std::to_string(c.expected);
+    EXPECT_EQ(Make(tag + "-1"), 0);
+    EXPECT_EQ(Make(tag + "-2"), c.expected);
+    EXPECT_EQ(Make(tag + "-3"), 0);
   }
 
   fault::Disarm();
-  struct Bad {
-    const char* variable;
-    const char* value;
-  } malformed[] = {{"VX_FAULT_AT", "abc"},  {"VX_FAULT_AT", "0"},          {"VX_FAULT_AT", "3x"},
-                   {"VX_FAULT_AT", "-1"},   {"VX_FAULT_ACTION", "explode"}, {"VX_FAULT_ERRNO", "EWHAT"},
-                   {"VX_FAULT_ERRNO", "0"}, {"VX_FAULT_ERRNO", "-5"}};
-  for (const Bad& b : malformed) {
-    ::setenv("VX_FAULT_AT", "1", 1);
-    ::unsetenv("VX_FAULT_ACTION");
-    ::unsetenv("VX_FAULT_ERRNO");
-    ::setenv(b.variable, b.value, 1);
+  const struct {
+    const char* at;
+    const char* action;
+    const char* error;
+    const char* blamed;
+  } malformed[] = {{"abc", nullptr, nullptr, "VX_FAULT_AT"},      {"0", nullptr, nullptr, "VX_FAULT_AT"},
+                   {"3x", nullptr, nullptr, "VX_FAULT_AT"},       {"-1", nullptr, nullptr, "VX_FAULT_AT"},
+                   {"1", "explode", nullptr, "VX_FAULT_ACTION"},  {"1", nullptr, "EWHAT", "VX_FAULT_ERRNO"},
+                   {"1", nullptr, "-5", "VX_FAULT_ERRNO"}};
+  for (const auto& b : malformed) {
+    SetEnvironment(b.at, b.action, b.error);
     problem = nullptr;
-    EXPECT_FALSE(fault::ConfigureFromEnvironment(&problem)) << b.variable << "=" << b.value;
-    ASSERT_NE(problem, nullptr);
-    EXPECT_NE(std::string(problem).find(b.variable), std::string::npos) << problem;
+    EXPECT_FALSE(fault::ConfigureFromEnvironment(&problem)) << b.at;
+    EXPECT_NE(std::string(problem ? problem : "").find(b.blamed), std::string::npos) << b.blamed;
   }
-  EXPECT_EQ(MakeNumbered("after-bad", 1), 0) << "a rejected setting arms nothing";
+  EXPECT_EQ(Make("after-bad"), 0) << "a rejected setting arms nothing";
 }
 
 TEST_F(FaultSeamTest, CrashEndsTheProcessBeforeTheNthMutationTakesEffect) {
@@ -103,17 +97,15 @@ TEST_F(FaultSeamTest, CrashEndsTheProcessBeforeTheNthMutationTakesEffect) {
   ASSERT_GE(child, 0);
   if (child == 0) {
     fault::Arm(3, fault::Action::Crash, 0);
-    for (int i = 1; i <= 5; ++i) MakeNumbered("c", i);
+    for (const char* name : {"c1", "c2", "c3", "c4"}) Make(name);
     ::_exit(0);
   }
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFSIGNALED(status)) << "the child ran to its end";
   EXPECT_EQ(WTERMSIG(status), SIGKILL);
-  EXPECT_TRUE(Exists(t / "c1"));
-  EXPECT_TRUE(Exists(t / "c2"));
-  EXPECT_FALSE(Exists(t / "c3"));
-  EXPECT_FALSE(Exists(t / "c4"));
+  EXPECT_TRUE(Exists(t / "c1") && Exists(t / "c2"));
+  EXPECT_FALSE(Exists(t / "c3") || Exists(t / "c4"));
 }
 
 }  // namespace

@@ -28,20 +28,16 @@ TEST(InstallerServiceTest, SafeHarborRegisterAcceptsDirectoriesOnly) {
   test::MakeDirs(DevicePath("private/var/mobile/Harbors/com.example.b"));
   test::WriteFile(DevicePath("private/var/mobile/Harbors/file"), "not a directory");
 
+  auto registerHarbor = [](const std::string& path, const char* identifier, int type) {
+    return VelotrixRegisterSafeHarborForContainerType(path.c_str(), identifier, type, nullptr);
+  };
   // Harbors are named as the device records them; a path already under the root works too.
-  EXPECT_NE(VelotrixRegisterSafeHarborForContainerType("/private/var/mobile/Harbors/com.example.a",
-                                                       "com.example.a", 2, nullptr),
-            0);
-  EXPECT_NE(VelotrixRegisterSafeHarborForContainerType(
-                DevicePath("private/var/mobile/Harbors/com.example.b").c_str(), "com.example.b", 3,
-                nullptr),
-            0);
-  EXPECT_EQ(VelotrixRegisterSafeHarborForContainerType("/private/var/mobile/Harbors/file",
-                                                       "com.example.file", 2, nullptr),
-            0);
-  EXPECT_EQ(VelotrixRegisterSafeHarborForContainerType("/private/var/mobile/Harbors/missing",
-                                                       "com.example.missing", 2, nullptr),
-            0);
+  EXPECT_NE(registerHarbor("/private/var/mobile/Harbors/com.example.a", "com.example.a", 2), 0);
+  EXPECT_NE(
+      registerHarbor(DevicePath("private/var/mobile/Harbors/com.example.b"), "com.example.b", 3),
+      0);
+  EXPECT_EQ(registerHarbor("/private/var/mobile/Harbors/file", "com.example.file", 2), 0);
+  EXPECT_EQ(registerHarbor("/private/var/mobile/Harbors/missing", "com.example.missing", 2), 0);
 
   auto entries = Register();
   ASSERT_TRUE(entries);
@@ -49,17 +45,15 @@ TEST(InstallerServiceTest, SafeHarborRegisterAcceptsDirectoriesOnly) {
   const PlistValue all(*entries);
   const PlistDictionary* a = all.dictionaryForKey("com.example.a");
   ASSERT_TRUE(a);
-  EXPECT_EQ(*PlistValue(*a).stringForKey("Path"), "/private/var/mobile/Harbors/com.example.a");
-  EXPECT_EQ(PlistValue(*a).find("ContainerType")->int64Value(), 2);
-  EXPECT_EQ(PlistValue(*all.dictionaryForKey("com.example.b")).find("ContainerType")->int64Value(), 3);
+  EXPECT_EQ(*a->at("Path").string(), "/private/var/mobile/Harbors/com.example.a");
+  EXPECT_EQ(a->at("ContainerType").int64Value(), 2);
 
   // Registering again replaces the entry rather than adding one.
-  EXPECT_NE(VelotrixRegisterSafeHarborForContainerType("/private/var/mobile/Harbors/com.example.a",
-                                                       "com.example.a", 4, nullptr),
-            0);
+  EXPECT_NE(registerHarbor("/private/var/mobile/Harbors/com.example.a", "com.example.a", 4), 0);
   entries = Register();
   EXPECT_EQ(entries->size(), 2u);
-  EXPECT_EQ(PlistValue(*entries).dictionaryForKey("com.example.a")->at("ContainerType").int64Value(), 4);
+  EXPECT_EQ(
+      PlistValue(*entries).dictionaryForKey("com.example.a")->at("ContainerType").int64Value(), 4);
 }
 
 TEST(InstallerServiceTest, DataProtectionUpdateSetsClassFourWhereAsked) {
@@ -68,16 +62,17 @@ TEST(InstallerServiceTest, DataProtectionUpdateSetsClassFourWhereAsked) {
   VXGlobalConfiguration::sharedInstance().reScanSystemApps();
   DeviceWorkspace workspace(test::TestDeviceRoot());
   ASSERT_TRUE(workspace.installApplication(
-      FileURL::fileURLWithPath(
-          test::MakeCustomerPackage(DevicePath("Staging"), "A.app", {.identifier = "com.example.a"}),
-          true),
+      FileURL::fileURLWithPath(test::MakeCustomerPackage(DevicePath("Staging"), "A.app",
+                                                         {.identifier = "com.example.a"}),
+                               true),
       test::MigratorCustomerOptions("com.example.a"), nullptr));
   const FileURL user = *workspace.bundleProxyForIdentifier("com.example.a")->dataContainerURL;
   const FileURL builtIn = *workspace.bundleProxyForIdentifier("com.tarsel.clock")->dataContainerURL;
 
   auto protectionClass = [](const FileURL& url) {
     int32_t value = -1;
-    EXPECT_TRUE(VXFileManager::defaultManager().dataProtectionClassOfItemAtURL(url, &value, nullptr));
+    EXPECT_TRUE(
+        VXFileManager::defaultManager().dataProtectionClassOfItemAtURL(url, &value, nullptr));
     return value;
   };
   ASSERT_TRUE(VelotrixUpdateContainerDataProtectionForMigratorOnly({}));

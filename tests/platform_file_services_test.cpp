@@ -9,9 +9,11 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/CloneTree.h"
@@ -44,18 +46,20 @@ struct Reports {
 PurgeTreeDecision Record(PurgeTreeState* state, const char* path, void* context) {
   int error = -1;
   EXPECT_EQ(purgetree_state_get_error(state, &error), 0);
-  auto* reports = static_cast<Reports*>(context);
-  reports->items.emplace_back(path, error);
-  return reports->decision;
+  static_cast<Reports*>(context)->items.emplace_back(path, error);
+  return static_cast<Reports*>(context)->decision;
 }
 
-// Runs purgetree with a recording callback; returns its result and errno as one number.
+// purgetree with a recording callback: 0 or its errno.
 int Purge(const std::string& path, Reports* reports, bool recursive = true) {
   PurgeTreeStateHandle state(purgetree_state_alloc());
-  EXPECT_EQ(purgetree_state_set(state.get(), PurgeTreeOption::ErrorCallback,
-                                reinterpret_cast<const void*>(&Record)), 0);
-  EXPECT_EQ(purgetree_state_set(state.get(), PurgeTreeOption::ErrorContext, reports), 0);
+  purgetree_state_set(state.get(), PurgeTreeOption::ErrorCallback, reinterpret_cast<const void*>(&Record));
+  purgetree_state_set(state.get(), PurgeTreeOption::ErrorContext, reports);
   return purgetree(path.c_str(), state.get(), recursive) == 0 ? 0 : errno;
+}
+
+int Clone(const std::string& from, const std::string& to) {
+  return clonetree(from.c_str(), to.c_str(), kCloneAll) == 0 ? 0 : errno;
 }
 
 struct stat Lstat(const std::string& path) {
@@ -64,21 +68,14 @@ struct stat Lstat(const std::string& path) {
   return st;
 }
 
-int CountOpenDescriptors() {
-  int n = 0;
-  UniqueDir dir(::opendir("/proc/self/fd"));
-  while (dir && ::readdir(dir.get())) ++n;
-  return n;
-}
-
-// Holds the soft descriptor limit a little above what is open now, for one scope.
+// Holds the soft descriptor limit at `extra` above the highest descriptor now open.
 class DescriptorBudget {
  public:
   explicit DescriptorBudget(int extra) {
     ::getrlimit(RLIMIT_NOFILE, &saved_);
     int highest = 0;
     UniqueDir dir(::opendir("/proc/self/fd"));
-    while (const dirent* e = dir ? ::readdir(dir.get()) : nullptr) highest = std::max(highest, std::atoi(e->d_name));
+    while (const dirent* e = ::readdir(dir.get())) highest = std::max(highest, std::atoi(e->d_name));
     struct rlimit tight = saved_;
     tight.rlim_cur = static_cast<rlim_t>(highest + 1 + extra);
     ::setrlimit(RLIMIT_NOFILE, &tight);
@@ -89,29 +86,18 @@ class DescriptorBudget {
   struct rlimit saved_ {};
 };
 
-// `levels` directories named "d", one in the other, with a file "f" every 500 levels.
+// Deep trees take seconds on this disk and a fraction of that in memory.
+std::string FastestTemporaryParent() { return ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : ""; }
+
+// `levels` directories "d", one in the other, with a file "f" every 500 levels from the top.
 void MakeChain(const std::string& top, int levels) {
   MakeDirs(top);
   UniqueFd fd(::open(top.c_str(), O_RDONLY | O_DIRECTORY));
-  for (int i = 0; i < levels; ++i) {
+  for (int i = 0; i < levels && fd; ++i) {
     ASSERT_EQ(::mkdirat(fd.get(), "d", 0755), 0);
     if (i % 500 == 0) UniqueFd(::openat(fd.get(), "f", O_WRONLY | O_CREAT, 0644));
     fd = UniqueFd(::openat(fd.get(), "d", O_RDONLY | O_DIRECTORY));
-    ASSERT_TRUE(fd);
   }
-}
-
-// Deep trees take seconds on a disk and a fraction of that in memory.
-std::string FastestTemporaryParent() {
-  struct stat st {};
-  return ::stat("/dev/shm", &st) == 0 && ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "";
-}
-
-int ChainDepth(const std::string& top) {
-  UniqueFd fd(::open(top.c_str(), O_RDONLY | O_DIRECTORY));
-  int depth = 0;
-  while (fd && (fd = UniqueFd(::openat(fd.get(), "d", O_RDONLY | O_DIRECTORY)))) ++depth;
-  return depth;
 }
 
 TEST(PurgeTreeTest, RemovesTreesButNeverWhatLinksPointTo) {
@@ -121,44 +107,30 @@ TEST(PurgeTreeTest, RemovesTreesButNeverWhatLinksPointTo) {
   MakeDirs(t / "tree/empty");
   MakeSymlink(t / "outside/kept", t / "tree/a/to-file");
   MakeSymlink(t / "outside", t / "tree/a/b/to-dir");
-  MakeSymlink("nowhere", t / "tree/dangling");
+  MakeSymlink(t / "outside", t / "top-link");
   Reports reports;
   EXPECT_EQ(Purge(t / "tree", &reports), 0);
   EXPECT_FALSE(Exists(t / "tree"));
-  EXPECT_EQ(ReadFile(t / "outside/kept"), "keep");
-  EXPECT_TRUE(reports.items.empty());
-
-  // A link named with a trailing slash is still the link, not the directory behind it.
-  MakeSymlink(t / "outside", t / "top-link");
+  // Named with a trailing slash, a link is still the link, not the directory behind it.
   EXPECT_EQ(Purge(t / "top-link/", &reports), 0);
   EXPECT_FALSE(Exists(t / "top-link"));
-  EXPECT_TRUE(Exists(t / "outside/kept"));
+  EXPECT_EQ(ReadFile(t / "outside/kept"), "keep");
 
-  EXPECT_EQ(Purge(t / "tree", &reports), ENOENT) << "nothing there";
-  EXPECT_TRUE(reports.items.empty()) << "an absent path is not an item that failed";
+  EXPECT_EQ(Purge(t / "tree", &reports), ENOENT);
+  EXPECT_TRUE(reports.items.empty()) << "an absent path is no item that failed";
   EXPECT_EQ(Purge(t / "outside", &reports, false), ENOTEMPTY);
-  EXPECT_EQ(Purge(t / "outside/kept", &reports, false), 0);
-  EXPECT_EQ(Purge(t / "outside", &reports, false), 0);
-
   int error = 0;
-  PurgeTreeStateHandle state(purgetree_state_alloc());
-  EXPECT_EQ(purgetree_state_get_error(state.get(), &error), -1) << "no failure being reported";
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(purgetree_state_set(state.get(), static_cast<PurgeTreeOption>(7), nullptr), -1);
-  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(purgetree_state_get_error(PurgeTreeStateHandle(purgetree_state_alloc()).get(), &error), -1)
+      << "outside the callback no failure is being reported";
 }
 
 TEST(PurgeTreeTest, ReportsEachStuckItemAndRemovesTheRest) {
   TempDir t;
   DisarmAtEnd disarm;
   auto arrange = [&] {
-    WriteFile(t / "tree/d/one", "1");
-    WriteFile(t / "tree/two", "2");
-    WriteFile(t / "tree/three", "3");
+    for (const char* p : {"tree/d/one", "tree/two", "tree/three"}) WriteFile(t / p, "x");
   };
-  auto filesLeft = [&] {
-    return Exists(t / "tree/d/one") + Exists(t / "tree/two") + Exists(t / "tree/three");
-  };
+  auto filesLeft = [&] { return Exists(t / "tree/d/one") + Exists(t / "tree/two") + Exists(t / "tree/three"); };
 
   arrange();
   Reports reports;
@@ -176,16 +148,14 @@ TEST(PurgeTreeTest, ReportsEachStuckItemAndRemovesTheRest) {
   fault::Arm(1, fault::Action::Fail, ENOENT);
   EXPECT_EQ(Purge(t / "tree", &reports), 0);
   EXPECT_FALSE(Exists(t / "tree"));
-  ASSERT_EQ(reports.items.size(), 1u);
-  EXPECT_EQ(reports.items[0].second, ENOENT);
+  EXPECT_EQ(reports.items.size(), 1u);
 
-  // Stop from the callback ends the removal at once.
   arrange();
   reports = {};
   reports.decision = PurgeTreeDecision::Stop;
   fault::Arm(1, fault::Action::Fail, EIO);
   EXPECT_EQ(Purge(t / "tree", &reports), EIO);
-  EXPECT_EQ(filesLeft(), 3);
+  EXPECT_EQ(filesLeft(), 3) << "Stop ends the removal at once";
 }
 
 TEST(PurgeTreeTest, DirectoryWithoutWritePermissionKeepsItsEntries) {
@@ -205,65 +175,36 @@ TEST(PurgeTreeTest, TenThousandLevelsWithABoundedNumberOfDescriptors) {
   TempDir t(FastestTemporaryParent());
   DisarmAtEnd disarm;
   MakeChain(t / "deep", 10000);
-  const int openBefore = CountOpenDescriptors();
+  DescriptorBudget budget(100);
+  // A failure deep down (past the few files unlinked on the way down): everything around it
+  // goes, its ancestors stay and are not reported.
   Reports reports;
-  {
-    DescriptorBudget budget(100);
-    // A failure deep down (past the few files unlinked on the way down): everything around
-    // it goes, its ancestors stay.
-    fault::Arm(25, fault::Action::Fail, EPERM);
-    EXPECT_EQ(Purge(t / "deep", &reports), EPERM);
-    fault::Disarm();
-    ASSERT_EQ(reports.items.size(), 1u);
-    EXPECT_GT(reports.items[0].first.size(), 10000u);
-    EXPECT_TRUE(Exists(t / "deep/d"));
-
-    reports = {};
-    EXPECT_EQ(Purge(t / "deep", &reports), 0);
-  }
-  EXPECT_TRUE(reports.items.empty());
+  fault::Arm(25, fault::Action::Fail, EPERM);
+  EXPECT_EQ(Purge(t / "deep", &reports), EPERM);
+  fault::Disarm();
+  ASSERT_EQ(reports.items.size(), 1u);
+  EXPECT_GT(reports.items[0].first.size(), 19000u);
+  EXPECT_EQ(Purge(t / "deep", &reports), 0);
   EXPECT_FALSE(Exists(t / "deep"));
-  EXPECT_EQ(CountOpenDescriptors(), openBefore);
 }
 
-void SetTimes(const std::string& path, long seconds, long nanoseconds) {
-  const struct timespec times[2] = {{seconds, nanoseconds}, {seconds + 100, nanoseconds + 1}};
+void SetTimes(const std::string& path, long seconds) {
+  const struct timespec times[2] = {{seconds, 123456789}, {seconds + 100, 987654321}};
   ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
 }
 
 // `x` is the source's as it was before the copy: reading it may have moved its atime since.
-void ExpectSameMetadata(const struct stat& x, const std::string& b) {
-  const struct stat y = Lstat(b);
-  EXPECT_EQ(x.st_mode, y.st_mode) << b;
-  EXPECT_EQ(x.st_uid, y.st_uid) << b;
-  EXPECT_EQ(x.st_gid, y.st_gid) << b;
-  EXPECT_EQ(x.st_mtim.tv_sec, y.st_mtim.tv_sec) << b;
-  EXPECT_EQ(x.st_mtim.tv_nsec, y.st_mtim.tv_nsec) << b;
-  EXPECT_EQ(x.st_atim.tv_nsec, y.st_atim.tv_nsec) << b;
+void ExpectSameMetadata(const struct stat& x, const std::string& copy) {
+  const struct stat y = Lstat(copy);
+  EXPECT_EQ(std::tie(x.st_mode, x.st_uid, x.st_gid), std::tie(y.st_mode, y.st_uid, y.st_gid)) << copy;
+  EXPECT_EQ(std::tie(x.st_mtim.tv_sec, x.st_mtim.tv_nsec, x.st_atim.tv_nsec),
+            std::tie(y.st_mtim.tv_sec, y.st_mtim.tv_nsec, y.st_atim.tv_nsec)) << copy;
 }
 
 std::string Attribute(const std::string& path, const char* name) {
-  char value[256];
+  char value[64];
   const ssize_t n = ::lgetxattr(path.c_str(), name, value, sizeof value);
-  return n < 0 ? "<" + std::string(std::strerror(errno)) + ">" : std::string(value, n);
-}
-
-// An access ACL granting uid 4242 read: user::rw- user:4242:r-- group::r-- mask::r-- other::---
-std::string SampleAcl() {
-  std::string blob;
-  auto put32 = [&](uint32_t v) { blob.append(reinterpret_cast<const char*>(&v), 4); };
-  auto entry = [&](uint16_t tag, uint16_t perm, uint32_t id) {
-    blob.append(reinterpret_cast<const char*>(&tag), 2);
-    blob.append(reinterpret_cast<const char*>(&perm), 2);
-    put32(id);
-  };
-  put32(2);
-  entry(0x01, 6, ~0u);
-  entry(0x02, 4, 4242);
-  entry(0x04, 4, ~0u);
-  entry(0x10, 4, ~0u);
-  entry(0x20, 0, ~0u);
-  return blob;
+  return n < 0 ? std::strerror(errno) : std::string(value, n);
 }
 
 TEST(CloneTreeTest, CopiesDataLinksAttributesModesAndTimes) {
@@ -280,31 +221,19 @@ TEST(CloneTreeTest, CopiesDataLinksAttributesModesAndTimes) {
   ASSERT_EQ(::chmod((t / "src/dir").c_str(), 0750), 0);
   ASSERT_EQ(::lsetxattr((t / "src/file").c_str(), "user.test", "abc", 3, 0), 0);
   ASSERT_EQ(::lsetxattr((t / "src/dir").c_str(), "user.dir", "1", 1, 0), 0);
-  const std::string acl = SampleAcl();
-  const bool withAcl =
-      ::lsetxattr((t / "src/file").c_str(), "system.posix_acl_access", acl.data(), acl.size(), 0) == 0;
   const std::string paths[] = {"file", "dir/big", "hard1", "dir/link", "dangling", "dir", ""};
   std::vector<struct stat> before;
-  long seconds = 1'000'000'000;
-  for (const std::string& p : paths) SetTimes(t / ("src/" + p), seconds += 1000, 123456789);
+  for (const std::string& p : paths) SetTimes(t / ("src/" + p), 1'000'000'000);
   for (const std::string& p : paths) before.push_back(Lstat(t / ("src/" + p)));
 
-  ASSERT_EQ(clonetree((t / "src").c_str(), (t / "dst").c_str(), kCloneAll), 0) << std::strerror(errno);
-
+  ASSERT_EQ(Clone(t / "src", t / "dst"), 0);
   for (size_t i = 0; i < before.size(); ++i) ExpectSameMetadata(before[i], t / ("dst/" + paths[i]));
   EXPECT_EQ(Lstat(t / "dst/hard1").st_ino, Lstat(t / "dst/dir/hard2").st_ino) << "still one file";
   EXPECT_FALSE(Exists(t / "dst/fifo")) << "special files are left out";
   EXPECT_EQ(Attribute(t / "dst/file", "user.test"), "abc");
   EXPECT_EQ(Attribute(t / "dst/dir", "user.dir"), "1");
-  if (withAcl) {
-    EXPECT_EQ(Attribute(t / "dst/file", "system.posix_acl_access"),
-              Attribute(t / "src/file", "system.posix_acl_access"));
-  }
-  char target[64] = {};
-  ASSERT_GT(::readlink((t / "dst/dir/link").c_str(), target, sizeof target - 1), 0);
-  EXPECT_STREQ(target, "../file");
   EXPECT_EQ(ReadFile(t / "dst/dir/big"), big);
-  EXPECT_EQ(ReadFile(t / "dst/dir/link"), "hello") << "the link resolves within the copy";
+  EXPECT_EQ(ReadFile(t / "dst/dir/link"), "hello") << "a relative link resolves within the copy";
 }
 
 TEST(CloneTreeTest, ReplacesFilesMergesDirectoriesAndStopsAtTheFirstFailure) {
@@ -319,30 +248,23 @@ TEST(CloneTreeTest, ReplacesFilesMergesDirectoriesAndStopsAtTheFirstFailure) {
   WriteFile(t / "elsewhere", "untouched");
   MakeSymlink(t / "elsewhere", t / "dst/over-link");
 
-  ASSERT_EQ(clonetree((t / "src").c_str(), (t / "dst").c_str(), kCloneAll), 0) << std::strerror(errno);
+  ASSERT_EQ(Clone(t / "src", t / "dst"), 0);
   EXPECT_EQ(ReadFile(t / "dst/file"), "new");
-  EXPECT_EQ(ReadFile(t / "dst/sub/extra"), "stays");
-  EXPECT_EQ(ReadFile(t / "dst/sub/inner"), "in");
+  EXPECT_EQ(ReadFile(t / "dst/sub/extra") + ReadFile(t / "dst/sub/inner"), "staysin");
   EXPECT_TRUE(S_ISREG(Lstat(t / "dst/over-link").st_mode)) << "the link is replaced, not followed";
   EXPECT_EQ(ReadFile(t / "elsewhere"), "untouched");
-  UniqueDir dir(::opendir((t / "dst").c_str()));
-  while (const dirent* e = ::readdir(dir.get())) EXPECT_EQ(std::strstr(e->d_name, "vxclone"), nullptr);
 
   // A copy into itself ends, without a copy of the copy.
-  ASSERT_EQ(clonetree((t / "src").c_str(), (t / "src/sub/copy").c_str(), kCloneAll), 0);
-  EXPECT_EQ(ReadFile(t / "src/sub/copy/file"), "new");
+  ASSERT_EQ(Clone(t / "src", t / "src/sub/copy"), 0);
   EXPECT_FALSE(Exists(t / "src/sub/copy/sub/copy"));
 
-  auto result = [](const std::string& from, const std::string& to) {
-    return clonetree(from.c_str(), to.c_str(), kCloneAll) == 0 ? 0 : errno;
-  };
   WriteFile(t / "plain", "x");
-  EXPECT_EQ(result(t / "src", t / "plain"), EEXIST) << "a file where the directory goes";
-  EXPECT_EQ(result(t / "missing", t / "out"), ENOENT);
+  EXPECT_EQ(Clone(t / "src", t / "plain"), EEXIST) << "a file where the directory goes";
+  EXPECT_EQ(Clone(t / "missing", t / "out"), ENOENT);
   ASSERT_EQ(::mkfifo((t / "pipe").c_str(), 0600), 0);
-  EXPECT_EQ(result(t / "pipe", t / "pipe-copy"), ENOTSUP);
+  EXPECT_EQ(Clone(t / "pipe", t / "pipe-copy"), ENOTSUP);
   fault::Arm(4, fault::Action::Fail, ENOSPC);
-  EXPECT_EQ(result(t / "src", t / "fresh"), ENOSPC);
+  EXPECT_EQ(Clone(t / "src", t / "fresh"), ENOSPC);
 }
 
 TEST(CloneTreeTest, ReplacedFileIsOldOrNewAfterACrashAtAnyStep) {
@@ -352,10 +274,9 @@ TEST(CloneTreeTest, ReplacedFileIsOldOrNewAfterACrashAtAnyStep) {
   for (int n = 1; n < 40 && !finished; ++n) {
     WriteFile(t / "dst", "old");
     const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
     if (child == 0) {
       fault::Arm(n, fault::Action::Crash, 0);
-      ::_exit(clonetree((t / "src").c_str(), (t / "dst").c_str(), kCloneAll) == 0 ? 0 : 1);
+      ::_exit(Clone(t / "src", t / "dst"));
     }
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
@@ -377,64 +298,49 @@ TEST(CloneTreeTest, CrossDeviceFromSharedMemory) {
   const std::string data(1 << 20, 'q');
   WriteFile(memory / "src/sub/data", data);
   MakeSymlink("sub/data", memory / "src/link");
-  SetTimes(memory / "src/sub/data", 1'234'567'890, 987654321);
+  SetTimes(memory / "src/sub/data", 1'234'567'890);
   const struct stat before = Lstat(memory / "src/sub/data");
-  ASSERT_EQ(clonetree((memory / "src").c_str(), (t / "from-shm").c_str(), kCloneAll), 0)
-      << std::strerror(errno);
+  ASSERT_EQ(Clone(memory / "src", t / "from-shm"), 0);
   ExpectSameMetadata(before, t / "from-shm/sub/data");
   EXPECT_EQ(ReadFile(t / "from-shm/link"), data);
 }
 
 TEST(CloneTreeTest, DeeperThanTheDescriptorBudget) {
   TempDir t(FastestTemporaryParent());
-  // Levels are closed on the way down and found again through ".." on the way up.
   MakeChain(t / "deep", 1500);
   const struct stat before = Lstat(t / "deep/d/d");
   {
     DescriptorBudget budget(100);
-    ASSERT_EQ(clonetree((t / "deep").c_str(), (t / "deep-copy").c_str(), kCloneAll), 0)
-        << std::strerror(errno);
+    ASSERT_EQ(Clone(t / "deep", t / "copy"), 0);
   }
-  EXPECT_EQ(ChainDepth(t / "deep-copy"), 1500);
-  EXPECT_TRUE(Exists(t / "deep-copy/f"));
-  ExpectSameMetadata(before, t / "deep-copy/d/d");
+  UniqueFd fd(::open((t / "copy").c_str(), O_RDONLY | O_DIRECTORY));
+  int depth = 0;
+  while (fd && (fd = UniqueFd(::openat(fd.get(), "d", O_RDONLY | O_DIRECTORY)))) ++depth;
+  EXPECT_EQ(depth, 1500);
+  EXPECT_TRUE(Exists(t / "copy/f"));
+  ExpectSameMetadata(before, t / "copy/d/d");
 }
-
-// Restores the working directory and file-creation mask of the process.
-class ScopedCwdAndUmask {
- public:
-  ScopedCwdAndUmask() : mask_(::umask(022)), fd_(::open(".", O_RDONLY | O_DIRECTORY)) {}
-  ~ScopedCwdAndUmask() {
-    ::umask(mask_);
-    if (fd_ && ::fchdir(fd_.get()) != 0) ADD_FAILURE() << "cannot return to the old directory";
-  }
-
- private:
-  mode_t mask_;
-  UniqueFd fd_;
-};
 
 TEST(DirChainTest, CreatesAncestorsAndNamesWhatStandsInTheWay) {
   TempDir t;
   DisarmAtEnd disarm;
-  ScopedCwdAndUmask scope;
+  const mode_t mask = ::umask(022);
   ASSERT_EQ(dirchain((t / "a/b/c").c_str(), 0751), 0);
   for (const char* p : {"a", "a/b", "a/b/c"}) EXPECT_EQ(Lstat(t / p).st_mode, S_IFDIR | 0751) << p;
-  EXPECT_EQ(dirchain((t / "a/b/c").c_str(), 0755), EEXIST);
   EXPECT_EQ(dirchain((t / "a/b/c//").c_str(), 0755), EEXIST);
   EXPECT_EQ(dirchain((t / "x//y/z/").c_str(), 0755), 0);
-  EXPECT_TRUE(Exists(t / "x/y/z"));
-
   MakeSymlink(t / "a", t / "via-link");
   EXPECT_EQ(dirchain((t / "via-link/new/deeper").c_str(), 0755), 0);
   EXPECT_TRUE(Exists(t / "a/new/deeper")) << "an ancestor link to a directory is used";
-
   WriteFile(t / "file", "");
   EXPECT_EQ(dirchain((t / "file/g/h").c_str(), 0755), ENOTDIR);
   EXPECT_EQ(dirchain((t / "file").c_str(), 0755), EEXIST);
 
+  UniqueFd cwd(::open(".", O_RDONLY | O_DIRECTORY));
   ASSERT_EQ(::chdir(t.path().c_str()), 0);
   EXPECT_EQ(dirchain("rel/one/two", 0755), 0);
+  ASSERT_EQ(::fchdir(cwd.get()), 0);
+  ::umask(mask);
   EXPECT_TRUE(Exists(t / "rel/one/two"));
 
   // The final mkdir finds no parent (1), the parent's creation is refused (2).
@@ -443,7 +349,7 @@ TEST(DirChainTest, CreatesAncestorsAndNamesWhatStandsInTheWay) {
   EXPECT_FALSE(Exists(t / "m"));
 }
 
-TEST(ProtectionClassTest, DefaultSetGetAndBadValues) {
+TEST(ProtectionClassTest, DefaultSetGetBadValuesAndSharedMemory) {
   TempDir t;
   DisarmAtEnd disarm;
   WriteFile(t / "file", "x");
@@ -456,29 +362,22 @@ TEST(ProtectionClassTest, DefaultSetGetAndBadValues) {
     EXPECT_EQ(Attribute(path, kProtectionClassAttribute), std::string(reinterpret_cast<const char*>(&four), 4));
   }
   UniqueFd fd(::open((t / "file").c_str(), O_RDONLY));
-  EXPECT_EQ(SetProtectionClass(fd.get(), -1), -1);
-  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(SetProtectionClass(fd.get(), -1) == -1 ? errno : 0, EINVAL);
   fault::Arm(1, fault::Action::Fail, EIO);
-  EXPECT_EQ(SetProtectionClass(fd.get(), 2), -1);
-  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(SetProtectionClass(fd.get(), 2) == -1 ? errno : 0, EIO);
   EXPECT_EQ(GetProtectionClass(fd.get()), 4) << "the refused change left the class alone";
   ASSERT_EQ(::fsetxattr(fd.get(), kProtectionClassAttribute, "\x01\x02", 2, 0), 0);
-  EXPECT_EQ(GetProtectionClass(fd.get()), -1) << "a value we never wrote";
-  EXPECT_EQ(errno, EINVAL);
-}
+  EXPECT_EQ(GetProtectionClass(fd.get()) == -1 ? errno : 0, EINVAL) << "a value we never wrote";
 
-TEST(ProtectionClassTest, SharedMemoryKeepsClassesOrSaysItCannot) {
-  struct stat shm {};
-  if (::stat("/dev/shm", &shm) != 0) GTEST_SKIP() << "no /dev/shm on this machine";
+  if (::access("/dev/shm", W_OK) != 0) return;
   TempDir memory("/dev/shm");
   WriteFile(memory / "file", "x");
-  UniqueFd fd(::open((memory / "file").c_str(), O_RDONLY));
-  if (SetProtectionClass(fd.get(), 3) != 0) {
-    EXPECT_EQ(errno, ENOTSUP) << "a tmpfs without user attributes";
-    EXPECT_EQ(GetProtectionClass(fd.get()), -1);
-    EXPECT_EQ(errno, ENOTSUP);
-  } else {
+  fd = UniqueFd(::open((memory / "file").c_str(), O_RDONLY));
+  if (SetProtectionClass(fd.get(), 3) == 0) {
     EXPECT_EQ(GetProtectionClass(fd.get()), 3);
+  } else {
+    EXPECT_EQ(errno, ENOTSUP) << "a tmpfs without user attributes says so";
+    EXPECT_EQ(GetProtectionClass(fd.get()) == -1 ? errno : 0, ENOTSUP);
   }
 }
 

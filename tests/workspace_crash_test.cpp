@@ -34,9 +34,11 @@ struct Scenario {
       auto proxy = workspace.bundleProxyForIdentifier(kIdentifier);
       test::WriteFile(proxy->dataContainerURL->path() + "/Documents/keep.txt", "kept");
     }
-    staging = test::MakeCustomerPackage(
-        device / "Staging", "Crash.app",
-        {.identifier = kIdentifier, .version = "2.0", .groups = {"group.crash"}, .executable = "real"});
+    staging = test::MakeCustomerPackage(device / "Staging", "Crash.app",
+                                        {.identifier = kIdentifier,
+                                         .version = "2.0",
+                                         .groups = {"group.crash"},
+                                         .executable = "real"});
   }
 
   bool install() {
@@ -86,8 +88,8 @@ struct Scenario {
     } else {
       // Something else to install, so that the workspace cleans up on its way.
       DeviceWorkspace workspace(device.path());
-      const std::string other =
-          test::MakeCustomerPackage(device / "Other", "Other.app", {.identifier = "com.example.other"});
+      const std::string other = test::MakeCustomerPackage(device / "Other", "Other.app",
+                                                          {.identifier = "com.example.other"});
       EXPECT_TRUE(workspace.installApplication(FileURL::fileURLWithPath(other, true),
                                                test::MigratorCustomerOptions("com.example.other"),
                                                nullptr));
@@ -99,8 +101,8 @@ struct Scenario {
     EXPECT_TRUE(index.superseded.empty());
     EXPECT_EQ(index.groupContainers.size(), 1u);
     for (const char* kind : {"Bundles", "Data", "Groups"}) {
-      for (const std::string& name :
-           test::DirectoryEntries(device / (std::string("private/var/mobile/Containers/") + kind))) {
+      for (const std::string& name : test::DirectoryEntries(
+               device / (std::string("private/var/mobile/Containers/") + kind))) {
         EXPECT_NE(name.front(), '.') << kind << "/" << name;
       }
     }

@@ -11,21 +11,21 @@
 
 namespace vx::test {
 
-std::string MakeBundle(const std::string& path, const BundleSpec& spec) {
+std::string MakeBundle(const std::string& path, const TestBundle& bundle) {
   MakeDirs(path);
   PlistArray groups;
-  for (const auto& group : spec.groups) groups.emplace_back(group);
-  PlistDictionary info{{"KBBundleIdentifier", spec.identifier},
-                       {"KBBundleVersion", spec.version},
+  for (const auto& group : bundle.groups) groups.emplace_back(group);
+  PlistDictionary info{{"KBBundleIdentifier", bundle.identifier},
+                       {"KBBundleVersion", bundle.version},
                        {"KBBundleExecutable", "App"}};
-  if (!spec.groups.empty()) info["VXAppGroups"] = std::move(groups);
+  if (!bundle.groups.empty()) info["VXAppGroups"] = std::move(groups);
   EXPECT_TRUE(WritePropertyListFile(path + "/Info.plist", PlistValue(std::move(info))));
-  WriteFile(path + "/App", spec.executable);
+  WriteFile(path + "/App", bundle.executable);
   return path;
 }
 
 std::string MakeCustomerPackage(const std::string& staging, const std::string& appName,
-                                const BundleSpec& app, const std::optional<BundleSpec>& vpnPlugin) {
+                                const TestBundle& app, const std::optional<TestBundle>& vpnPlugin) {
   MakeBundle(staging + "/Payload/" + appName, app);
   if (vpnPlugin) MakeBundle(staging + "/Payload/Tunnel.vpnplugin", *vpnPlugin);
   WriteFile(staging + "/LyrandMetadata.plist", "metadata of " + app.identifier);

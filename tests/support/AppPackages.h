@@ -10,21 +10,21 @@
 
 namespace vx::test {
 
-struct BundleSpec {
+struct TestBundle {
   std::string identifier;
   std::string version = "1.0";
-  std::vector<std::string> groups = {};  // "VXAppGroups"
+  std::vector<std::string> groups = {};   // "VXAppGroups"
   std::string executable = "executable";  // content of the bundle's executable file
 };
 
 // A bundle directory at `path` with "Info.plist" and its executable; returns `path`.
-std::string MakeBundle(const std::string& path, const BundleSpec& spec);
+std::string MakeBundle(const std::string& path, const TestBundle& bundle);
 
 // A customer package: <staging>/Payload/<appName> (and a VPN plug-in beside it when given),
 // with "LyrandMetadata.plist" and "Manifest.plist" beside Payload. Returns `staging`.
 std::string MakeCustomerPackage(const std::string& staging, const std::string& appName,
-                                const BundleSpec& app,
-                                const std::optional<BundleSpec>& vpnPlugin = std::nullopt);
+                                const TestBundle& app,
+                                const std::optional<TestBundle>& vpnPlugin = std::nullopt);
 
 // The options the migration installs a staged application with.
 PlistDictionary MigratorCustomerOptions(const std::string& identifier);

@@ -1,0 +1,121 @@
+// One old container, from its record to its removal. The order is what makes the migration
+// resumable and lossless: the marker first; the application made known (a placeholder if
+// need be) so that it has a data container; the data moved before the bundle is installed;
+// and the container removed only when nothing in it was missed, or when its data is safe
+// even though the bundle could not be installed.
+#include "AppMigrator/VXAppMigrator.h"
+#include "filemanager/VXFileManager.h"
+#include "platform/AppWorkspace.h"
+#include "platform/MigrationLog.h"
+
+namespace vx {
+namespace {
+
+constexpr const char* kOperation = "-[VXAppMigrator _migrateContainerWithInfo:]";
+
+const std::string* Text(const ContainerInfo& info, const char* key) {
+  auto it = info.find(key);
+  return it == info.end() ? nullptr : it->second.string();
+}
+
+// The proxy's details go to the log because a missing data container is the platform's
+// fault, and whoever reads the log needs to see what the platform believed.
+void LogProxyWithoutDataContainer(const std::string& identifier, const BundleProxy& proxy) {
+  VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to get data container URL for %@",
+                   identifier);
+  VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Proxy had bundle identifier %@",
+                   proxy.bundleIdentifier);
+  VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Proxy had bundle type %@", proxy.bundleType);
+  VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Proxy had bundle URL %@", proxy.bundleURL);
+  VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Proxy had bundle container URL %@",
+                   proxy.bundleContainerURL);
+  VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Proxy %s have backing bundle",
+                   proxy.foundBackingBundle ? "did" : "did not");
+}
+
+}  // namespace
+
+bool VXAppMigrator::_migrateContainerWithInfo(const ContainerInfo& info) {
+  const std::string* containerPath = Text(info, kContainerPathKey);
+  const std::string* bundlePath = Text(info, kBundlePathKey);
+  const std::string* identifierText = Text(info, kBundleIdentifierKey);
+  if (!containerPath || !bundlePath || !identifierText) {
+    // Introspection and the marker's validation never hand out such a record.
+    VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Incomplete container record %@", info);
+    return false;
+  }
+  const FileURL container = FileURL::fileURLWithPath(*containerPath, true);
+  const FileURL bundle = FileURL::fileURLWithPath(*bundlePath, true);
+  std::optional<FileURL> vpnPlugin;
+  if (const std::string* second = Text(info, kSecondBundlePathKey)) {
+    vpnPlugin = FileURL::fileURLWithPath(*second, true);
+  }
+  const std::string& identifier = *identifierText;
+  const std::string* type = Text(info, kContainerTypeKey);
+  const bool isApp = type && *type == kContainerTypeApp;
+
+  const VXFileManager& fileManager = VXFileManager::defaultManager();
+  AppWorkspace& workspace = AppWorkspace::defaultWorkspace();
+  // Asked before anything moves: once staged, the bundle is no longer where the record says.
+  const bool bundleIsPlaceholder = fileManager.bundleAtURLIsPlaceholder(bundle);
+
+  if (!_writeMigrationMarker(info)) {
+    VX_MIGRATION_LOG(3, kOperation,
+                     "VXAppMigrator: Failed to write out container marker dictionary... "
+                     "hopefully we don't need it to recover.");
+  }
+
+  if (isApp) {
+    if (workspace.applicationIsInstalled(identifier)) {
+      VX_MIGRATION_LOG(5, kOperation,
+                       "VXAppMigrator: App %@ is already installed, so not creating placeholder.",
+                       identifier);
+    } else if (!_stageAndInstallPlaceholderForBundleAtURL(bundle, identifier, container)) {
+      return false;
+    }
+  }
+
+  std::optional<BundleProxy> proxy = workspace.bundleProxyForIdentifier(identifier);
+  if (!proxy) {
+    VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to get bundle proxy for identifier %@",
+                     identifier);
+    return false;
+  }
+  if (!proxy->dataContainerURL) {
+    LogProxyWithoutDataContainer(identifier, *proxy);
+    return false;
+  }
+  const FileURL& dataContainer = *proxy->dataContainerURL;
+
+  VX_MIGRATION_LOG(5, kOperation, "VXAppMigrator: Moving data from container %@ to %@",
+                   container.path(), dataContainer.path());
+  if (!_migrateDataContainerForIdentifier(identifier, container, dataContainer)) return false;
+
+  // An old placeholder has nothing to install; its data was all there was to keep.
+  bool success = true;
+  if (!bundleIsPlaceholder) {
+    VX_MIGRATION_LOG(5, kOperation,
+                     "VXAppMigrator: Staging and installing app %@ at %@ (and secondary %@)",
+                     identifier, bundle.path(),
+                     vpnPlugin ? std::optional<std::string>(vpnPlugin->path()) : std::nullopt);
+    if (!_stageAndInstallBundleAtURL(bundle, identifier, vpnPlugin, container)) {
+      // The data is already in its new home; keeping the container would only keep a bundle
+      // that cannot be installed.
+      success = false;
+    } else {
+      if (!_migrateGroupContainersForIdentifier(identifier)) return false;
+      if (_containerHasMissedItems(container, identifier)) return false;
+    }
+  }
+
+  VX_MIGRATION_LOG(5, kOperation, "VXAppMigrator: Removing container for %@ at %@", identifier,
+                   container.path());
+  ErrorRef error;
+  if (!fileManager.removeItemAtURL(container, &error)) {
+    VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to remove container %@ : %@",
+                     container.path(), error);
+  }
+  return success;
+}
+
+}  // namespace vx

@@ -1,0 +1,78 @@
+// The application's user data, moved from its old container into the data container the
+// platform assigned, and the check that nothing was left behind before the old container
+// goes.
+#include <algorithm>
+#include <array>
+
+#include "AppMigrator/VXAppMigrator.h"
+#include "configuration/VXGlobalConfiguration.h"
+#include "filemanager/VXFileManager.h"
+#include "platform/MigrationLog.h"
+
+namespace vx {
+namespace {
+
+constexpr const char* kMoveOperation =
+    "-[VXAppMigrator _migrateDataContainerForIdentifier:fromURL:toURL:]";
+constexpr const char* kCheckOperation = "-[VXAppMigrator _containerHasMissedItems:withIdentifier:]";
+
+// Bookkeeping files that may stay in an emptied container: removing the container removes
+// them with it.
+constexpr std::array<const char*, 3> kToleratedNames = {
+    "com.tarsel.velotrix.container_migrator.plist",
+    "com.tarsel.velotrix.migration_marker",
+    "com.tarsel.velotrix.placeholder",
+};
+
+bool IsTolerated(const std::string& name) {
+  return std::any_of(kToleratedNames.begin(), kToleratedNames.end(),
+                     [&](const char* tolerated) { return name == tolerated; });
+}
+
+}  // namespace
+
+bool VXAppMigrator::_migrateDataContainerForIdentifier(const std::string& identifier,
+                                                       const FileURL& from, const FileURL& to) {
+  const VXFileManager& fileManager = VXFileManager::defaultManager();
+  for (const std::string& name : VXGlobalConfiguration::sharedInstance().appUserDataItemNames()) {
+    const FileURL source = from.URLByAppendingPathComponent(name);
+    const FileURL destination = to.URLByAppendingPathComponent(name);
+    // An item already moved by a cut-off attempt is gone from the source; its destination
+    // must then be left alone, since it now holds the user's data.
+    if (!fileManager.itemExistsAtURL(source)) continue;
+    // The new container's own item is a fresh, empty default; the user's data replaces it.
+    fileManager.removeItemAtURL(destination, nullptr);
+    ErrorRef error;
+    if (!fileManager.moveItemIfExistsAtURL(source, destination, &error)) {
+      VX_MIGRATION_LOG(3, kMoveOperation,
+                       "VXAppMigrator: Failed to move %@ to %@ migrating for %@ : %@", source,
+                       destination, identifier, error);
+      return false;
+    }
+  }
+  return true;
+}
+
+bool VXAppMigrator::_containerHasMissedItems(const FileURL& container,
+                                             const std::string& identifier) {
+  ErrorRef error;
+  const auto entries =
+      VXFileManager::defaultManager().urlsForItemsInDirectoryAtURL(container, false, &error);
+  if (!entries) {
+    // What cannot be seen cannot be shown to be empty; the container stays.
+    VX_MIGRATION_LOG(3, kCheckOperation,
+                     "VXAppMigrator: Failed to enumerate container %@ for %@ : %@",
+                     container.path(), identifier, error);
+    return true;
+  }
+  std::vector<FileURL> missed;
+  for (const FileURL& entry : *entries) {
+    if (!IsTolerated(entry.lastPathComponent())) missed.push_back(entry);
+  }
+  if (missed.empty()) return false;
+  VX_MIGRATION_LOG(3, kCheckOperation, "VXAppMigrator: Found missed items in %@ for %@: %@",
+                   container.path(), identifier, missed);
+  return true;
+}
+
+}  // namespace vx

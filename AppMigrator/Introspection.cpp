@@ -1,0 +1,143 @@
+// Introspection decides what an entry of the old container root is and what becomes of it.
+// It is deliberately suspicious: a symbolic link where a bundle or the marker should be could
+// lead the migration to move or install something outside the container, so such a
+// container is left alone for a person to look at.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "AppMigrator/VXAppMigrator.h"
+#include "filemanager/VXFileManager.h"
+#include "platform/BundleHandle.h"
+#include "platform/MigrationLog.h"
+
+namespace vx {
+namespace {
+
+constexpr const char* kOperation = "-[VXAppMigrator _introspectContainer:orderResultEarly:]";
+constexpr const char* kAppExtension = "app";
+constexpr const char* kVPNPluginExtension = "vpnplugin";
+
+void SetFlag(bool* flag, bool value) {
+  if (flag) *flag = value;
+}
+
+}  // namespace
+
+std::optional<std::string> VXAppMigrator::_bundleIdentifierForBundle(const FileURL& bundle) {
+  std::unique_ptr<BundleHandle> handle = BundleHandle::open(bundle);
+  if (!handle) return std::nullopt;
+  return handle->bundleIdentifier();
+}
+
+std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& container,
+                                                                 bool* orderResultEarly) {
+  const VXFileManager& fileManager = VXFileManager::defaultManager();
+  ErrorRef error;
+  const auto entries = fileManager.urlsForItemsInDirectoryAtURL(container, false, &error);
+  if (!entries) {
+    if (error && error->isPOSIX(ENOTDIR)) {
+      VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Found regular file at %@ ; removing",
+                       container.path());
+      fileManager.removeItemAtURL(container, nullptr);
+    } else if (error && error->isPOSIX(ENOENT)) {
+      VX_MIGRATION_LOG(
+          5, kOperation,
+          "VXAppMigrator: Got ENOENT when introspecting %@ ; ignoring (likely raced with velotrixd)",
+          container.path());
+    } else {
+      VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to get URLs in container %@ : %@",
+                       container.path(), error);
+    }
+    return std::nullopt;
+  }
+
+  ContainerInfo record{{kContainerPathKey, container.path()}};
+  std::optional<FileURL> app;
+  std::optional<FileURL> vpnPlugin;
+  // A marker that does not load means the container's true state is unknown: the walk goes
+  // on only to learn whether there is anything to protect from removal.
+  bool recordDropped = false;
+
+  for (const FileURL& entry : *entries) {
+    struct stat st {};
+    if (::lstat(entry.fileSystemRepresentation(), &st) != 0) {
+      const int saved = errno;
+      VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to stat path %s : %s",
+                       entry.fileSystemRepresentation(), std::strerror(saved));
+      return std::nullopt;
+    }
+    const bool isLink = S_ISLNK(st.st_mode);
+    const std::string extension = entry.pathExtension();
+
+    if (extension == kAppExtension) {
+      if (isLink) {
+        VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Skipping container with app symlink at %@",
+                         entry.path());
+        return std::nullopt;
+      }
+      VX_MIGRATION_LOG(5, kOperation, "VXAppMigrator: Found app %@", entry.path());
+      std::optional<std::string> identifier = _bundleIdentifierForBundle(entry);
+      if (!identifier) {
+        VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Could not get identifier for bundle at %@",
+                         entry.path());
+        continue;
+      }
+      app = entry;
+      record[kBundlePathKey] = entry.path();
+      record[kContainerTypeKey] = kContainerTypeApp;
+      record[kBundleIdentifierKey] = std::move(*identifier);
+      SetFlag(orderResultEarly, true);
+    } else if (extension == kVPNPluginExtension) {
+      VX_MIGRATION_LOG(5, kOperation, "VXAppMigrator: Found vpn plugin %@", entry.path());
+      if (isLink) {
+        VX_MIGRATION_LOG(3, kOperation,
+                         "VXAppMigrator: VPN plugin was symlink; skipping container %@",
+                         entry.path());
+        return std::nullopt;
+      }
+      std::optional<std::string> identifier = _bundleIdentifierForBundle(entry);
+      if (!identifier) continue;
+      vpnPlugin = entry;
+      // An application is always the main bundle; its plug-in rides along with it.
+      if (!app) {
+        record[kBundlePathKey] = entry.path();
+        record[kContainerTypeKey] = kContainerTypeVPNBundle;
+        record[kBundleIdentifierKey] = std::move(*identifier);
+        SetFlag(orderResultEarly, false);
+      }
+    } else if (entry.lastPathComponent() == kMigrationMarkerName) {
+      VX_MIGRATION_LOG(5, kOperation, "VXAppMigrator: Found migration marker %@", entry.path());
+      if (isLink) {
+        VX_MIGRATION_LOG(3, kOperation,
+                         "VXAppMigrator: Migration marker was symlink; skipping container %@",
+                         entry.path());
+        return std::nullopt;
+      }
+      // The marker describes the container as it was before a cut-off attempt began moving
+      // things out of it, so it outranks whatever the container holds now.
+      if (std::optional<ContainerInfo> marked = _loadAndValidateMigrationMarkerAtURL(entry)) {
+        const std::string* type = marked->at(kContainerTypeKey).string();
+        SetFlag(orderResultEarly, type && *type == kContainerTypeApp);
+        return marked;
+      }
+      VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to load migration marker file from %@",
+                       entry);
+      recordDropped = true;
+    }
+  }
+
+  if (!app && !vpnPlugin) {
+    VX_MIGRATION_LOG(3, kOperation,
+                     "VXAppMigrator: No app or vpn bundle found in container %@ ; removing it",
+                     container.path());
+    fileManager.removeItemAtURL(container, nullptr);
+    return std::nullopt;
+  }
+  if (recordDropped) return std::nullopt;
+  if (app && vpnPlugin) record[kSecondBundlePathKey] = vpnPlugin->path();
+  return record;
+}
+
+}  // namespace vx
