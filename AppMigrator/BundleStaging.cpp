@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "AppMigrator/VXAppMigrator.h"
+#include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
 #include "platform/AppWorkspace.h"
 #include "platform/MigrationLog.h"
@@ -21,6 +22,7 @@ constexpr const char* kStagingName = "Staging";
 constexpr const char* kPayloadName = "Payload";
 constexpr mode_t kStagingMode = 0755;
 constexpr unsigned kMigrationInstallType = 6;
+constexpr const char* kPlaceholderBundleType = "Placeholder";
 
 PlistDictionary CustomerInstallOptions(const std::string& identifier) {
   return {{InstallTypeKey, kMigrationInstallType},
@@ -35,29 +37,66 @@ const PlistValue* ReportEntry(const InstallProgressReport& report, const char* k
   return it == report.end() ? nullptr : &it->second;
 }
 
+// A failure with a system call's error behind it says nothing about the package: the same
+// installation may well succeed in a later run.
+bool HasFileSystemCause(const ErrorRef& error) {
+  for (const InstallerError* e = error.get(); e; e = e->underlyingError().get()) {
+    if (e->domain() == VXPOSIXErrorDomain) return true;
+  }
+  return false;
+}
+
+// Only an installation consumes the staged package, so a bundle that is neither in its old
+// place nor staged was installed by an attempt cut off before it could remove the container.
+bool InstalledByEarlierAttempt(const FileURL& bundle, const FileURL& stagedBundle,
+                               const std::string& identifier) {
+  const VXFileManager& fileManager = VXFileManager::defaultManager();
+  if (!fileManager.itemDoesNotExistAtURL(bundle) ||
+      !fileManager.itemDoesNotExistAtURL(stagedBundle)) {
+    return false;
+  }
+  std::optional<BundleProxy> proxy =
+      AppWorkspace::defaultWorkspace().bundleProxyForIdentifier(identifier);
+  return proxy && proxy->bundleType != kPlaceholderBundleType;
+}
+
 }  // namespace
 
 bool VXAppMigrator::_stageAndInstallBundleAtURL(const FileURL& bundle,
                                                 const std::string& identifier,
                                                 const std::optional<FileURL>& vpnPlugin,
-                                                const FileURL& container) {
+                                                const FileURL& container,
+                                                bool* transientFailure) {
   const VXFileManager& fileManager = VXFileManager::defaultManager();
   const FileURL staging = container.URLByAppendingPathComponent(kStagingName, true);
   const FileURL payload = staging.URLByAppendingPathComponent(kPayloadName, true);
+  const FileURL stagedBundle =
+      payload.URLByAppendingPathComponent(bundle.lastPathComponent(), true);
+  // Until the workspace has judged the package, a failure is the file system's.
+  auto stagingFailed = [transientFailure] {
+    if (transientFailure) *transientFailure = true;
+    return false;
+  };
+
+  if (InstalledByEarlierAttempt(bundle, stagedBundle, identifier)) {
+    VX_MIGRATION_LOG(5, kOperation,
+                     "VXAppMigrator: App %@ at %@ was installed by an earlier attempt; nothing "
+                     "left to install.",
+                     identifier, bundle.path());
+    return true;
+  }
 
   ErrorRef error;
   if (!fileManager.createDirectoryAtURL(payload, true, kStagingMode, &error)) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to create %@ : %@", payload, error);
-    return false;
+    return stagingFailed();
   }
   // A bundle that an earlier attempt already staged is missing here, and the move is a
   // no-op; the install then takes what the payload holds.
-  const FileURL stagedBundle =
-      payload.URLByAppendingPathComponent(bundle.lastPathComponent(), true);
   if (!fileManager.moveItemIfExistsAtURL(bundle, stagedBundle, &error)) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to move bundle from %@ to %@: %@",
                      bundle, stagedBundle, error);
-    return false;
+    return stagingFailed();
   }
   if (vpnPlugin) {
     const FileURL stagedPlugin =
@@ -65,13 +104,25 @@ bool VXAppMigrator::_stageAndInstallBundleAtURL(const FileURL& bundle,
     if (!fileManager.moveItemIfExistsAtURL(*vpnPlugin, stagedPlugin, &error)) {
       VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to move vpn bundle from %@ to %@: %@",
                        *vpnPlugin, stagedPlugin, error);
-      return false;
+      return stagingFailed();
     }
   }
   if (!fileManager.captureStoreDataFromDirectory(container, staging, false, false, &error)) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to move app metadata from %@ to %@: %@",
                      container, staging, error);
-    return false;
+    return stagingFailed();
+  }
+  // The capture skips an item it cannot move. Installed without it, the application could
+  // never get it back, since the installation consumes the package; so it waits for a run
+  // in which everything can be staged.
+  for (const std::string& name :
+       VXGlobalConfiguration::sharedInstance().appBundleMetadataItemNames()) {
+    const FileURL item = container.URLByAppendingPathComponent(name);
+    if (fileManager.itemExistsAtURL(item)) {
+      VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Not installing %@ because %@ could not be staged",
+                       identifier, item.path());
+      return stagingFailed();
+    }
   }
 
   // The callback may run on a thread of the workspace's choosing.
@@ -105,6 +156,7 @@ bool VXAppMigrator::_stageAndInstallBundleAtURL(const FileURL& bundle,
   if (alreadyInstalled) return true;
   VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to install %@ : %@", staging,
                    installError);
+  if (transientFailure) *transientFailure = HasFileSystemCause(installError);
   return false;
 }
 

@@ -58,9 +58,11 @@ class VXAppMigrator : public MigratorPlugin {
   bool _migrateContainerWithInfo(const ContainerInfo& info);
 
   // --- Re-installation and data moves -------------------------------------------------
+  // On failure, `transientFailure` (when given) tells whether the failure may pass (the file
+  // system failed while staging or installing) rather than being a verdict on the package.
   bool _stageAndInstallBundleAtURL(const FileURL& bundle, const std::string& identifier,
                                    const std::optional<FileURL>& vpnPlugin,
-                                   const FileURL& container);
+                                   const FileURL& container, bool* transientFailure = nullptr);
   bool _stageAndInstallPlaceholderForBundleAtURL(const FileURL& bundle,
                                                  const std::string& identifier,
                                                  const FileURL& container);

@@ -18,7 +18,7 @@ const std::string& BigFile() {
   static const ScratchDir dir;
   static const std::string path = [] {
     const std::string file = dir.path() + "/big";
-    std::ofstream out(file, std::ios::binary);
+    std::ofstream out(file, std::fstream::binary);
     std::vector<char> block(1 << 20);
     uint32_t x = 2463534242u;
     for (int64_t written = 0; written < kFileSize; written += block.size()) {

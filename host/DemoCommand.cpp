@@ -62,13 +62,16 @@ int RunSelf(const std::vector<std::string>& arguments) {
   return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
 }
 
-// The failures of the run, as the migration log gave them.
+// The failures of the run, as the migration log gave them. (The installer log's refusals,
+// such as an application older than the built-in one, are the workspace's answers that the
+// migration took in its stride.)
 std::vector<std::string> Failures(const std::string& jsonLog) {
   std::vector<std::string> failures;
   std::ifstream in(jsonLog);
   for (std::string line; std::getline(in, line);) {
     auto record = nlohmann::json::parse(line, nullptr, false);
-    if (!record.is_discarded() && record.value("level", 0) == 3) {
+    if (!record.is_discarded() && record.value("level", 0) == 3 &&
+        record.value("log", "") == "migration") {
       failures.push_back(record.value("message", ""));
     }
   }

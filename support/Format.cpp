@@ -10,7 +10,7 @@ std::string PrintInteger(const FormatArg& arg, const std::string& flags, char le
                          char conversion) {
   char buf[64];
   const bool isSigned = conversion == 'd' || conversion == 'i';
-  const std::string spec = "%" + flags +
+  const std::string conversionText = "%" + flags +
                            (isSigned            ? PRId64
                             : conversion == 'x' ? PRIx64
                             : conversion == 'X' ? PRIX64
@@ -19,11 +19,11 @@ std::string PrintInteger(const FormatArg& arg, const std::string& flags, char le
   if (isSigned) {
     int64_t v = arg.type == FormatArg::Type::Unsigned ? static_cast<int64_t>(arg.u) : arg.i;
     if (length == 0) v = static_cast<int32_t>(v);
-    std::snprintf(buf, sizeof buf, spec.c_str(), v);
+    std::snprintf(buf, sizeof buf, conversionText.c_str(), v);
   } else {
     uint64_t v = arg.type == FormatArg::Type::Signed ? static_cast<uint64_t>(arg.i) : arg.u;
     if (length == 0) v = static_cast<uint32_t>(v);
-    std::snprintf(buf, sizeof buf, spec.c_str(), v);
+    std::snprintf(buf, sizeof buf, conversionText.c_str(), v);
   }
   return buf;
 }

@@ -114,7 +114,7 @@ TEST(CrashReportTest, AnnotationLivesInItsOwnSection) {
 
   Dl_info info{};
   ASSERT_NE(::dladdr(&annotation, &info), 0);
-  std::ifstream file(info.dli_fname, std::ios::binary);
+  std::ifstream file(info.dli_fname, std::fstream::binary);
   auto readAt = [&file](uint64_t offset, void* into, size_t size) {
     file.seekg(static_cast<std::streamoff>(offset));
     return static_cast<bool>(

@@ -83,7 +83,7 @@ bool Generator::write(const std::string& relative, const std::string& content, m
   const std::string p = path(relative);
   std::error_code ec;
   fs::create_directories(fs::path(p).parent_path(), ec);
-  std::ofstream out(p, std::ios::binary | std::ios::trunc);
+  std::ofstream out(p, std::fstream::binary | std::fstream::trunc);
   out << content;
   out.close();
   if (!out || ::chmod(p.c_str(), mode) != 0) {
@@ -297,7 +297,7 @@ bool Generator::run(std::string* problem) {
     }
   }
 
-  std::ofstream out(path(kManifestName), std::ios::trunc);
+  std::ofstream out(path(kManifestName), std::fstream::trunc);
   out << manifest.dump(1) << "\n";
   if (!out) {
     error_ = "cannot write " + path(kManifestName);

@@ -41,13 +41,13 @@ TempDir::~TempDir() {
 
 void WriteFile(const std::string& path, const std::string& content) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  std::ofstream out(path, std::fstream::binary | std::fstream::trunc);
   out << content;
   ASSERT_TRUE(out.good()) << "cannot write " << path;
 }
 
 std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(path, std::fstream::binary);
   std::ostringstream s;
   s << in.rdbuf();
   return s.str();
