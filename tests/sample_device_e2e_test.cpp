@@ -111,7 +111,7 @@ void CutOffAtEveryStep(bool crash) {
     ASSERT_TRUE(report.ok()) << "after a cut at n=" << n << ": " << Describe(report);
     std::filesystem::remove_all(root);
   }
-  RecordProperty("mutations", completedAt - 1);
+  ::testing::Test::RecordProperty("mutations", completedAt - 1);
   EXPECT_GT(completedAt, 10) << "the run makes more than a handful of mutations";
 }
 
