@@ -37,23 +37,22 @@ const PlistValue* ReportEntry(const InstallProgressReport& report, const char* k
   return it == report.end() ? nullptr : &it->second;
 }
 
-// A failure with a system call's error behind it says nothing about the package: the same
-// installation may well succeed in a later run.
-bool HasFileSystemCause(const ErrorRef& error) {
-  for (const InstallerError* e = error.get(); e; e = e->underlyingError().get()) {
-    if (e->domain() == VXPOSIXErrorDomain) return true;
-  }
-  return false;
-}
-
 // Only an installation consumes the staged package, so a bundle that is neither in its old
-// place nor staged was installed by an attempt cut off before it could remove the container.
+// place nor staged, in a container whose store data has gone too, was installed by an
+// attempt cut off before it could remove the container. (Store data still lying there
+// means the earlier attempt failed before it installed anything of this container.)
 bool InstalledByEarlierAttempt(const FileURL& bundle, const FileURL& stagedBundle,
-                               const std::string& identifier) {
+                               const FileURL& container, const std::string& identifier) {
   const VXFileManager& fileManager = VXFileManager::defaultManager();
   if (!fileManager.itemDoesNotExistAtURL(bundle) ||
       !fileManager.itemDoesNotExistAtURL(stagedBundle)) {
     return false;
+  }
+  for (const std::string& name :
+       VXGlobalConfiguration::sharedInstance().appBundleMetadataItemNames()) {
+    if (!fileManager.itemDoesNotExistAtURL(container.URLByAppendingPathComponent(name))) {
+      return false;
+    }
   }
   std::optional<BundleProxy> proxy =
       AppWorkspace::defaultWorkspace().bundleProxyForIdentifier(identifier);
@@ -65,20 +64,13 @@ bool InstalledByEarlierAttempt(const FileURL& bundle, const FileURL& stagedBundl
 bool VXAppMigrator::_stageAndInstallBundleAtURL(const FileURL& bundle,
                                                 const std::string& identifier,
                                                 const std::optional<FileURL>& vpnPlugin,
-                                                const FileURL& container,
-                                                bool* transientFailure) {
+                                                const FileURL& container) {
   const VXFileManager& fileManager = VXFileManager::defaultManager();
   const FileURL staging = container.URLByAppendingPathComponent(kStagingName, true);
   const FileURL payload = staging.URLByAppendingPathComponent(kPayloadName, true);
   const FileURL stagedBundle =
       payload.URLByAppendingPathComponent(bundle.lastPathComponent(), true);
-  // Until the workspace has judged the package, a failure is the file system's.
-  auto stagingFailed = [transientFailure] {
-    if (transientFailure) *transientFailure = true;
-    return false;
-  };
-
-  if (InstalledByEarlierAttempt(bundle, stagedBundle, identifier)) {
+  if (InstalledByEarlierAttempt(bundle, stagedBundle, container, identifier)) {
     VX_MIGRATION_LOG(5, kOperation,
                      "VXAppMigrator: App %@ at %@ was installed by an earlier attempt; nothing "
                      "left to install.",
@@ -89,14 +81,14 @@ bool VXAppMigrator::_stageAndInstallBundleAtURL(const FileURL& bundle,
   ErrorRef error;
   if (!fileManager.createDirectoryAtURL(payload, true, kStagingMode, &error)) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to create %@ : %@", payload, error);
-    return stagingFailed();
+    return false;
   }
   // A bundle that an earlier attempt already staged is missing here, and the move is a
   // no-op; the install then takes what the payload holds.
   if (!fileManager.moveItemIfExistsAtURL(bundle, stagedBundle, &error)) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to move bundle from %@ to %@: %@",
                      bundle, stagedBundle, error);
-    return stagingFailed();
+    return false;
   }
   if (vpnPlugin) {
     const FileURL stagedPlugin =
@@ -104,27 +96,14 @@ bool VXAppMigrator::_stageAndInstallBundleAtURL(const FileURL& bundle,
     if (!fileManager.moveItemIfExistsAtURL(*vpnPlugin, stagedPlugin, &error)) {
       VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to move vpn bundle from %@ to %@: %@",
                        *vpnPlugin, stagedPlugin, error);
-      return stagingFailed();
+      return false;
     }
   }
   if (!fileManager.captureStoreDataFromDirectory(container, staging, false, false, &error)) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to move app metadata from %@ to %@: %@",
                      container, staging, error);
-    return stagingFailed();
+    return false;
   }
-  // The capture skips an item it cannot move. Installed without it, the application could
-  // never get it back, since the installation consumes the package; so it waits for a run
-  // in which everything can be staged.
-  for (const std::string& name :
-       VXGlobalConfiguration::sharedInstance().appBundleMetadataItemNames()) {
-    const FileURL item = container.URLByAppendingPathComponent(name);
-    if (fileManager.itemExistsAtURL(item)) {
-      VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Not installing %@ because %@ could not be staged",
-                       identifier, item.path());
-      return stagingFailed();
-    }
-  }
-
   // The callback may run on a thread of the workspace's choosing.
   std::atomic<bool> alreadyInstalled{false};
   const std::string bundlePath = bundle.path();
@@ -156,7 +135,6 @@ bool VXAppMigrator::_stageAndInstallBundleAtURL(const FileURL& bundle,
   if (alreadyInstalled) return true;
   VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to install %@ : %@", staging,
                    installError);
-  if (transientFailure) *transientFailure = HasFileSystemCause(installError);
   return false;
 }
 

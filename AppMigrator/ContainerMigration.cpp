@@ -98,19 +98,9 @@ bool VXAppMigrator::_migrateContainerWithInfo(const ContainerInfo& info) {
                      "VXAppMigrator: Staging and installing app %@ at %@ (and secondary %@)",
                      identifier, bundle.path(),
                      vpnPlugin ? std::optional<std::string>(vpnPlugin->path()) : std::nullopt);
-    bool transientFailure = false;
-    if (!_stageAndInstallBundleAtURL(bundle, identifier, vpnPlugin, container,
-                                     &transientFailure)) {
-      if (transientFailure) {
-        // The bundle is still in the container and may install next time; removing it now
-        // would leave the application a placeholder for good.
-        VX_MIGRATION_LOG(3, kOperation,
-                         "VXAppMigrator: Keeping container %@ so that a later run can install %@",
-                         container.path(), identifier);
-        return false;
-      }
-      // The workspace refused the package itself, and the data is already in its new home:
-      // keeping the container would only keep a bundle that cannot be installed.
+    if (!_stageAndInstallBundleAtURL(bundle, identifier, vpnPlugin, container)) {
+      // The data is already in its new home and the application keeps its place (its
+      // placeholder, or the installation it had); the container goes all the same.
       success = false;
     } else {
       if (!_migrateGroupContainersForIdentifier(identifier)) return false;

@@ -44,7 +44,8 @@ std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& 
     } else if (error && error->isPOSIX(ENOENT)) {
       VX_MIGRATION_LOG(
           5, kOperation,
-          "VXAppMigrator: Got ENOENT when introspecting %@ ; ignoring (likely raced with velotrixd)",
+          "VXAppMigrator: Got ENOENT when introspecting %@ ; ignoring (likely raced with "
+          "velotrixd)",
           container.path());
     } else {
       VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to get URLs in container %@ : %@",

@@ -30,8 +30,8 @@ std::optional<ContainerInfo> VXAppMigrator::_loadAndValidateMigrationMarkerAtURL
     const FileURL& marker) {
   std::optional<PlistDictionary> record = ReadPropertyListDictionary(marker.path());
   if (!record) {
-    VX_MIGRATION_LOG(3, kLoadOperation, "VXAppMigrator: Failed to load migration marker file from %@",
-                     marker);
+    VX_MIGRATION_LOG(3, kLoadOperation,
+                     "VXAppMigrator: Failed to load migration marker file from %@", marker);
     return std::nullopt;
   }
   // Only the types are checked: the record is trusted as the container's own description,

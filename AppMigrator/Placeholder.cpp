@@ -125,8 +125,9 @@ bool VXAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const FileURL& bun
   if (_writeIconForBundle(*handle, iconFile)) {
     placeholderInfo.emplace("KBBundleIconFile", kIconFileName);
   } else {
-    VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Writing placeholder icon for app %@ to %@ failed",
-                     identifier, iconFile);
+    VX_MIGRATION_LOG(3, kOperation,
+                     "VXAppMigrator: Writing placeholder icon for app %@ to %@ failed", identifier,
+                     iconFile);
   }
 
   const FileURL infoFile = placeholder.URLByAppendingPathComponent("Info.plist");
@@ -162,7 +163,7 @@ bool VXAppMigrator::_writeIconForBundle(const BundleHandle& bundle, const FileUR
   std::unique_ptr<ImageEncoder> encoder = ImageEncoder::create(&buffer, "public.png", 1);
   if (!encoder) {
     VX_MIGRATION_LOG(3, kIconOperation,
-                     "VXAppMigrator: KGImageDestinationCreateWithData returned NULL cgImage from "
+                     "VXAppMigrator: KGImageDestinationCreateWithData returned NULL image from "
                      "bundle %@",
                      Describe(bundle));
     return false;

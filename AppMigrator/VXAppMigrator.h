@@ -58,11 +58,9 @@ class VXAppMigrator : public MigratorPlugin {
   bool _migrateContainerWithInfo(const ContainerInfo& info);
 
   // --- Re-installation and data moves -------------------------------------------------
-  // On failure, `transientFailure` (when given) tells whether the failure may pass (the file
-  // system failed while staging or installing) rather than being a verdict on the package.
   bool _stageAndInstallBundleAtURL(const FileURL& bundle, const std::string& identifier,
                                    const std::optional<FileURL>& vpnPlugin,
-                                   const FileURL& container, bool* transientFailure = nullptr);
+                                   const FileURL& container);
   bool _stageAndInstallPlaceholderForBundleAtURL(const FileURL& bundle,
                                                  const std::string& identifier,
                                                  const FileURL& container);

@@ -132,6 +132,9 @@ int RunDemo(const DemoOptions& options) {
       std::cout << "    ... and " << failures.size() - kFailuresShown << " more in " << jsonLog << "\n";
     }
   }
+  for (const std::string& p : report.placeholdersOnly) {
+    std::cout << "  only a placeholder installed: " << p << "\n";
+  }
   for (const std::string& p : report.problems) std::cout << "  lost: " << p << "\n";
 
   if (options.keep) {

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <mutex>
+#include <vector>
 
 namespace vx {
 namespace {
@@ -39,10 +40,20 @@ bool SetDeviceRoot(std::string_view root) {
 }
 
 FileURL ResolveDevicePath(std::string_view devicePath, bool isDirectory) {
-  const std::string& root = DeviceRoot();
-  std::string_view relative = devicePath;
-  while (!relative.empty() && relative.front() == '/') relative.remove_prefix(1);
-  return FileURL::fileURLWithPath(root + std::string(relative), isDirectory);
+  // ".." is resolved here, and never climbs above the device root: a path recorded in a
+  // device's file must not reach the files of the machine that migrates the device's image.
+  std::vector<std::string> kept;
+  for (const std::string& component : PathComponents(devicePath)) {
+    if (component == "/" || component == ".") continue;
+    if (component == "..") {
+      if (!kept.empty()) kept.pop_back();
+      continue;
+    }
+    kept.push_back(component);
+  }
+  std::string path = DeviceRoot();
+  for (size_t i = 0; i < kept.size(); ++i) path += (i ? "/" : "") + kept[i];
+  return FileURL::fileURLWithPath(path, isDirectory);
 }
 
 }  // namespace vx

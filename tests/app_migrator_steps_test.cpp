@@ -43,11 +43,12 @@ TEST_F(IntrospectionTest, ApplicationLeadsItsPluginAndBundlelessContainersGo) {
     MakeBundle(c + "/" + c.back() + "Foo.app", {.identifier = "com.example.foo"});
     MakeBundle(c + "/Tunnel.vpnplugin", {.identifier = "com.example.foo.tunnel"});
     bool early = false;
-    EXPECT_EQ(introspect(c, &early), (ContainerInfo{{"ContainerPath", c},
-                                                    {"BundlePath", c + "/" + c.back() + "Foo.app"},
-                                                    {"ContainerType", "App"},
-                                                    {"BundleIdentifier", "com.example.foo"},
-                                                    {"SecondBundlePath", c + "/Tunnel.vpnplugin"}}));
+    EXPECT_EQ(introspect(c, &early),
+              (ContainerInfo{{"ContainerPath", c},
+                             {"BundlePath", c + "/" + c.back() + "Foo.app"},
+                             {"ContainerType", "App"},
+                             {"BundleIdentifier", "com.example.foo"},
+                             {"SecondBundlePath", c + "/Tunnel.vpnplugin"}}));
     EXPECT_TRUE(early);
   }
   MakeBundle(OldContainer("V/T.vpnplugin"), {.identifier = "com.example.t"});
@@ -101,8 +102,10 @@ TEST_F(IntrospectionTest, LinksAndUnreadableMarkersLeaveTheContainerAndAGoodMark
 
   const std::string resumed = OldContainer("Resumed");
   MakeBundle(resumed + "/Foo.app", {.identifier = "com.example.foo"});
-  const ContainerInfo marked{{"ContainerPath", resumed}, {"BundlePath", resumed + "/Gone.vpnplugin"},
-                             {"ContainerType", "Other"}, {"BundleIdentifier", "com.example.gone"}};
+  const ContainerInfo marked{{"ContainerPath", resumed},
+                             {"BundlePath", resumed + "/Gone.vpnplugin"},
+                             {"ContainerType", "Other"},
+                             {"BundleIdentifier", "com.example.gone"}};
   ASSERT_TRUE(migrator->_writeMigrationMarker(marked));
   bool early = true;
   EXPECT_EQ(introspect(resumed, &early), marked);
@@ -125,7 +128,8 @@ TEST_F(IntrospectionTest, WorkListTakesApplicationsFirstLatestFoundLeading) {
   EXPECT_FALSE(migrator->performMigration());
   std::vector<std::string> order;
   for (const std::string& m : log.messages(5)) {
-    if (m.rfind("VXAppMigrator: Migrating ", 0) == 0) order.push_back(m.substr(m.rfind('/') - 1, 1));
+    if (m.rfind("VXAppMigrator: Migrating ", 0) != 0) continue;
+    order.push_back(m.substr(m.rfind('/') - 1, 1));  // the container of ".../A/X.app"
   }
   EXPECT_EQ(order, expected);
 }
@@ -203,7 +207,8 @@ TEST_F(DataContainerTest, OnlyBookkeepingFilesMayStay) {
   EXPECT_NE(failures[0].find(from + "/Staging"), std::string::npos) << failures[0];
   EXPECT_NE(failures[0].find(from + "/COM.TARSEL.VELOTRIX.PLACEHOLDER"), std::string::npos);
   EXPECT_TRUE(migrator->_containerHasMissedItems(Dir(to), "com.a"));
-  EXPECT_EQ(log.count("VXAppMigrator: Failed to enumerate container " + to + " for com.a : ", 3), 1u);
+  EXPECT_EQ(log.count("VXAppMigrator: Failed to enumerate container " + to + " for com.a : ", 3),
+            1u);
 }
 
 class GroupContainerTest : public IntrospectionTest {};
@@ -221,7 +226,8 @@ TEST_F(GroupContainerTest, SharedGroupMovesOnceAndUnmovableItemsKeepTheOldContai
   MakeDirs(DevicePath("private/var/mobile/Library/Caches"));
   PlistDictionary groups;
   for (const char* g : {"shared", "stuck", "no"}) {
-    groups[std::string("g.") + g] = PlistDictionary{{"Container", std::string("/private/var/G/") + g}};
+    groups[std::string("g.") + g] =
+        PlistDictionary{{"Container", std::string("/private/var/G/") + g}};
   }
   ASSERT_TRUE(WritePropertyListFile(
       DevicePath("private/var/mobile/Library/Caches/com.tarsel.velotrix.plist"),
@@ -280,7 +286,8 @@ TEST_F(SafeHarborTest, MapGoesOnlyWhenEveryWellFormedHarborIsRegistered) {
                         {"com.b", Harbor("/private/var/H/b")}}));
   EXPECT_TRUE(Exists(DevicePath(kDataDir + "/SafeHarbor.plist")));
   EXPECT_EQ(registered().at("com.b"),
-            PlistValue(PlistDictionary{{"Path", DevicePath("private/var/H/b")}, {"ContainerType", 2}}));
+            PlistValue(PlistDictionary{{"Path", DevicePath("private/var/H/b")},
+                                       {"ContainerType", 2}}));
   EXPECT_EQ(log.count("VXAppMigrator: Failed to migrate safe harbor for identifier com.a at " +
                       DevicePath("private/var/H/absent") + " : (null)", 3), 1u);
 
@@ -290,7 +297,8 @@ TEST_F(SafeHarborTest, MapGoesOnlyWhenEveryWellFormedHarborIsRegistered) {
   EXPECT_FALSE(Exists(DevicePath(kDataDir + "/SafeHarbor.plist")));
   EXPECT_EQ(registered().size(), 2u);
   EXPECT_TRUE(LoggedOnce(log, 3, "VXAppMigrator: Failed to get harbor path from harbor entry for "
-                                 "com.pathless : {Other = 1;}", "-[VXAppMigrator _migrateSafeHarbors]"));
+                                 "com.pathless : {Other = 1;}",
+                         "-[VXAppMigrator _migrateSafeHarbors]"));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/AtomicFile.h"
+#include "platform/DeviceRoot.h"
 #include "platform/InstallerLog.h"
 #include "platform/PlistFile.h"
 #include "support/ErrorMakers.h"
@@ -10,6 +11,7 @@
 #include "support/Format.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
+#include "support/TestDevice.h"
 
 namespace vx {
 namespace {
@@ -160,6 +162,23 @@ TEST(AtomicFileTest, CrashLeftoversOfTheSameTargetAreCleared) {
   EXPECT_FALSE(test::Exists(dir / ".marker.plist.Ab3dE9"));
   EXPECT_TRUE(test::Exists(dir / ".other.plist.Ab3dE9"));
   EXPECT_TRUE(test::Exists(dir / ".marker.plist.toolong"));
+}
+
+}  // namespace
+}  // namespace vx
+
+namespace vx {
+namespace {
+
+TEST(DeviceRootTest, DevicePathsStayUnderTheDeviceRoot) {
+  const std::string& root = DeviceRoot();
+  ASSERT_EQ(root, test::TestDeviceRoot());
+  EXPECT_EQ(ResolveDevicePath("/private/var/x").path(), root + "private/var/x");
+  EXPECT_EQ(ResolveDevicePath("private//var/./y", true).absoluteString(), root + "private/var/y/");
+  // A recorded path cannot climb out of the device.
+  EXPECT_EQ(ResolveDevicePath("/../../etc/passwd").path(), root + "etc/passwd");
+  EXPECT_EQ(ResolveDevicePath("/a/../../b").path(), root + "b");
+  EXPECT_FALSE(SetDeviceRoot("/")) << "the root is fixed once used";
 }
 
 }  // namespace

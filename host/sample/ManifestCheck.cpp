@@ -52,7 +52,7 @@ ManifestReport CheckMigratedDevice(const std::string& root) {
       continue;
     }
     if (proxy->bundleType == "Placeholder" || !proxy->foundBackingBundle) {
-      report.problems.push_back(identifier + ": only a placeholder is installed");
+      report.placeholdersOnly.push_back(identifier);
     } else {
       ++report.applicationsInstalled;
     }

@@ -1,7 +1,7 @@
 // Proves a migrated sample device against its manifest: every data file of every
 // application is in that application's data container with the same bytes, every shared
 // group's files are in its group container once, and every application is installed for
-// real (not as a placeholder).
+// real (not as a placeholder, which is reported apart).
 #pragma once
 
 #include <string>
@@ -15,7 +15,10 @@ struct ManifestReport {
   size_t files = 0;
   size_t filesVerified = 0;
   uint64_t bytesVerified = 0;
-  std::vector<std::string> problems;  // one line each, empty when the device is whole
+  // Applications that kept only their placeholder: their data is whole, but their bundle
+  // could not be installed (a run removes the old container all the same).
+  std::vector<std::string> placeholdersOnly;
+  std::vector<std::string> problems;  // one line each, empty when no byte of data was lost
   bool ok() const { return problems.empty() && files == filesVerified; }
 };
 

@@ -18,7 +18,6 @@ BundleProxy& FakeWorkspace::addApplication(const std::string& identifier,
 }
 
 bool FakeWorkspace::applicationIsInstalled(const std::string& identifier) {
-  ++installedQueries;
   return installed.count(identifier) > 0;
 }
 

@@ -44,7 +44,6 @@ class FakeWorkspace : public AppWorkspace {
   std::map<std::string, BundleProxy> proxies;
   std::deque<Outcome> outcomes;  // one per installation; none left: success
   std::vector<Install> installs;
-  size_t installedQueries = 0;
 
  private:
   AppWorkspace* previous_;
