@@ -19,7 +19,12 @@ test::RunResult Host(const std::vector<std::string>& args, const test::RunOption
   return test::RunProgram(kHost, args, options);
 }
 
-test::RunResult Migrate(const std::string& root, const test::RunOptions& options = {}) {
+// Each run gets a temporary directory of its own: the placeholder's staging lives there,
+// and tests running side by side migrate applications of the same names.
+test::RunResult Migrate(const std::string& root, test::RunOptions options = {}) {
+  const std::string tmp = root + "-tmp";
+  std::filesystem::create_directories(tmp);
+  options.environment["TMPDIR"] = tmp;
   return Host({"migrate", "--root", root, "--no-progress", "--quiet"}, options);
 }
 
@@ -37,7 +42,9 @@ TEST(SampleDeviceEndToEndTest, TwentyApplicationsMigrateWithEveryByte) {
   auto made = Host({"sample-device", root, "--apps", "20", "--seed", "7"});
   ASSERT_EQ(made.exitStatus, 0) << made.describe();
 
-  auto run = Host({"migrate", "--root", root, "--json", "--no-progress"});
+  test::RunOptions ownTmp;
+  ownTmp.environment["TMPDIR"] = t.path();
+  auto run = Host({"migrate", "--root", root, "--json", "--no-progress"}, ownTmp);
   ASSERT_EQ(run.exitStatus, 0) << run.describe();
 
   const sample::ManifestReport report = sample::CheckMigratedDevice(root);
@@ -123,6 +130,7 @@ void CutOffAtEveryStep(bool crash) {
       ++placeholderOutcomes;
     }
     std::filesystem::remove_all(root);
+    std::filesystem::remove_all(root + "-tmp");
   }
   ::testing::Test::RecordProperty("mutations", completedAt - 1);
   ::testing::Test::RecordProperty("placeholderOutcomes", placeholderOutcomes);
