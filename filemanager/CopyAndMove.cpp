@@ -34,14 +34,8 @@ SourceState CheckSource(const char* function, const FileURL& source, ErrorRef* e
 bool VXFileManager::_copyItemAtURL(const FileURL& source, const FileURL& destination,
                                    bool failIfSrcMissing, ErrorRef* error) const {
   if (!failIfSrcMissing) {
-    switch (CheckSource(kCopyFunction, source, error)) {
-      case SourceState::Missing:
-        return true;
-      case SourceState::Failed:
-        return false;
-      case SourceState::Present:
-        break;
-    }
+    const SourceState state = CheckSource(kCopyFunction, source, error);
+    if (state != SourceState::Present) return state == SourceState::Missing;
   }
   if (clonetree(source.fileSystemRepresentation(), destination.fileSystemRepresentation(),
                 kCloneAll) != 0) {
@@ -56,14 +50,8 @@ bool VXFileManager::_copyItemAtURL(const FileURL& source, const FileURL& destina
 bool VXFileManager::_moveItemAtURL(const FileURL& source, const FileURL& destination,
                                    bool failIfSrcMissing, ErrorRef* error) const {
   if (!failIfSrcMissing) {
-    switch (CheckSource(kMoveFunction, source, error)) {
-      case SourceState::Missing:
-        return true;
-      case SourceState::Failed:
-        return false;
-      case SourceState::Present:
-        break;
-    }
+    const SourceState state = CheckSource(kMoveFunction, source, error);
+    if (state != SourceState::Present) return state == SourceState::Missing;
   }
   if (sys::Rename(source.fileSystemRepresentation(), destination.fileSystemRepresentation()) == 0) {
     return true;

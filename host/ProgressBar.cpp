@@ -1,4 +1,5 @@
 #include "host/ProgressBar.h"
+#include "platform/WriteWhole.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -20,16 +21,6 @@ std::string Clock(std::chrono::seconds s) {
   char text[32];
   std::snprintf(text, sizeof text, "%ld:%02ld", total / 60, total % 60);
   return text;
-}
-
-void WriteWhole(int fd, const std::string& bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
-    done += static_cast<size_t>(n);
-  }
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "platform/LogSinks.h"
+#include "platform/WriteWhole.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,18 +11,6 @@
 
 namespace vx {
 namespace {
-
-// Finishes short writes and rides out EINTR; a log that cannot be written is dropped, since
-// there is nowhere left to report it.
-void WriteWhole(int fd, const std::string& bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
-    done += static_cast<size_t>(n);
-  }
-}
 
 std::string OneLine(const std::string& message) {
   std::string out;
