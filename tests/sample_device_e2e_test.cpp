@@ -78,6 +78,33 @@ TEST(SampleDeviceEndToEndTest, SameSeedSameDevice) {
   EXPECT_FALSE(sample::WriteSampleDevice(t / "a", options, &problem)) << "never over an old layout";
 }
 
+TEST(SampleDeviceEndToEndTest, RunWithAFailureReportsItAndKeepsWhatItCouldNotMigrate) {
+  test::TempDir t;
+  const std::string root = t / "device";
+  ASSERT_EQ(Host({"sample-device", root, "--apps", "3", "--data-bytes", "4096"}).exitStatus, 0);
+  // A symbolic link where the marker belongs: that container is left alone.
+  const std::string oldRoot = root + "/private/var/mobile/Applications";
+  std::string trapped;
+  for (const auto& entry : std::filesystem::directory_iterator(oldRoot)) {
+    if (test::Exists(entry.path().string() + "/Atlas.app")) trapped = entry.path().string();
+  }
+  ASSERT_FALSE(trapped.empty());
+  test::MakeSymlink("/etc/hostname", trapped + "/com.tarsel.velotrix.container_migrator.plist");
+
+  auto run = Migrate(root);
+  EXPECT_EQ(run.exitStatus, 1) << run.describe();
+  EXPECT_NE(run.err.find("VXAppMigrator: Migration marker was symlink; skipping container"),
+            std::string::npos);
+  EXPECT_NE(run.err.find("because 1 items remain unmigrated."), std::string::npos);
+  EXPECT_NE(run.err.find("VXAppMigrator: Returning migration failed."), std::string::npos);
+  EXPECT_TRUE(test::Exists(trapped + "/Documents/notes.txt")) << "its data stays where it was";
+  EXPECT_TRUE(test::Exists(root + "/private/var/mobile/Library/Caches/com.tarsel.velotrix.plist"));
+  EXPECT_FALSE(test::Exists(
+      root + "/private/var/mobile/Library/Velotrix/AppMigratorLastSystemVersion.plist"));
+  const sample::ManifestReport report = sample::CheckMigratedDevice(root);
+  EXPECT_EQ(report.applicationsInstalled, 2u) << Describe(report);
+}
+
 // One application's migration, cut off at every mutating call in turn (by a fault or by the
 // process ending there), and then run again cleanly: the second run must finish the job.
 void CutOffAtEveryStep(bool crash) {
