@@ -3,144 +3,93 @@
 // system version, and what it says along the way.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
-#include "AppMigrator/VXAppMigrator.h"
 #include "platform/Log.h"
-#include "platform/PlistFile.h"
 #include "platform/SystemVersion.h"
-#include "support/LogCapture.h"
-#include "support/TempDir.h"
-#include "support/TestDevice.h"
+#include "support/MigratorTestKit.h"
 
 namespace vx {
 namespace {
 
-using test::DevicePath;
-using test::Exists;
-using test::MakeDirs;
-using test::WriteFile;
+using namespace vx::test;
 
+constexpr const char* kInit = "-[VXAppMigrator init]";
 const std::string kOldRoot = "private/var/mobile/Applications";
-const std::string kInstallMap = "private/var/mobile/Library/Caches/com.tarsel.velotrix.plist";
 const std::string kDataDirectory = "private/var/mobile/Library/Velotrix";
 const std::string kVersionFile = kDataDirectory + "/AppMigratorLastSystemVersion.plist";
 const std::string kNotice = kOldRoot + "/WhereDidMyApplicationsGo.txt";
 const std::string kFailedRun =
-    "VXAppMigrator: Returning migration failed. Please include the contents of "
-    "/var/mobile/Library/Logs/Velotrix and /var/Mobile/Library/Logs/Transhift in a bug report.";
+    "Returning migration failed. Please include the contents of /var/mobile/Library/Logs/Velotrix "
+    "and /var/Mobile/Library/Logs/Transhift in a bug report.";
 
-class AppMigratorRunTest : public ::testing::Test {
+class AppMigratorRunTest : public MigratorTest {
  protected:
+  // Each test arranges the old layout before it creates the plug-in.
   void SetUp() override {
-    test::ResetTestDevice();
+    ResetTestDevice();
     WriteFile(DevicePath("etc/os-release"), "NAME=\"Test OS\"\nVERSION_ID=2.0\nBUILD_ID=2A101\n");
   }
-
-  static void WriteInstallMap(const PlistDictionary& map) {
-    MakeDirs(DevicePath("private/var/mobile/Library/Caches"));
-    ASSERT_TRUE(WritePropertyListFile(DevicePath(kInstallMap), PlistValue(map)));
-  }
-
-  // The one migration-log record with exactly this message, checked for its level and for
-  // the source, category and operation every record of the run carries.
-  ::testing::AssertionResult Logged(int level, const std::string& message,
-                                    const char* operation = "-[VXAppMigrator performMigration]") {
-    const auto records = log.records();
-    const auto n = std::count_if(records.begin(), records.end(),
-                                 [&](const LogRecord& r) { return r.message == message; });
-    if (n != 1) return ::testing::AssertionFailure() << n << " records of \"" << message << "\"";
-    const LogRecord& r = *std::find_if(records.begin(), records.end(),
-                                       [&](const LogRecord& r) { return r.message == message; });
-    if (r.log != LogKind::Migration || r.level != level || r.function != operation ||
-        r.file != "AppMigrator/AppMigrator" || r.category != "Transhifter" || !r.line) {
-      return ::testing::AssertionFailure()
-             << "\"" << message << "\" at level " << r.level << " from " << r.function;
-    }
-    return ::testing::AssertionSuccess();
-  }
-
-  test::LogCapture log;
 };
 
 TEST_F(AppMigratorRunTest, WithoutOldRootTheRunStillSucceedsAndRecordsTheVersion) {
-  auto migrator = VXAppMigrator::create();
-  ASSERT_TRUE(migrator);
-  EXPECT_EQ(migrator->dataClassName(), "VXAppMigrator");
+  create();
   EXPECT_FALSE(migrator->itemsToMigrate());
   EXPECT_EQ(migrator->estimatedDuration(), 20.0f);
   EXPECT_EQ(migrator->migrationProgress(), 0.5f);
-
   EXPECT_TRUE(migrator->performMigration());
   EXPECT_EQ(migrator->migrationProgress(), 0.5f);
   EXPECT_EQ(ReadPropertyListDictionary(DevicePath(kVersionFile)), SystemVersionRecord());
-  EXPECT_TRUE(Logged(5, "VXAppMigrator: Recorded current system version as 2A101"));
+  EXPECT_TRUE(Logged(5, "Recorded current system version as 2A101"));
   // A root that is missing at the end is the expected outcome, not a listing failure.
   EXPECT_TRUE(log.messages(3).empty()) << log.messages(3).front();
 }
 
-TEST_F(AppMigratorRunTest, EmptyRootGoesAtCreationAndTheInstallMapStays) {
+TEST_F(AppMigratorRunTest, EmptyRootGoesAtCreationButAnUnlistableOneRefusesIt) {
   MakeDirs(DevicePath(kOldRoot));
   WriteInstallMap({{"GroupContainers", PlistDictionary{}}});
-  auto migrator = VXAppMigrator::create();
-  ASSERT_TRUE(migrator);
+  create();
   EXPECT_FALSE(Exists(DevicePath(kOldRoot)));
   EXPECT_FALSE(migrator->itemsToMigrate());
   EXPECT_FALSE(migrator->groupContainerMap()) << "the map is not read without items";
-  EXPECT_EQ(migrator->migrationProgress(), 0.5f);
-
   EXPECT_TRUE(migrator->performMigration());
   EXPECT_TRUE(Exists(DevicePath(kInstallMap)));
   EXPECT_TRUE(Exists(DevicePath(kVersionFile)));
-}
 
-TEST_F(AppMigratorRunTest, RootThatCannotBeListedRefusesCreation) {
+  ResetTestDevice();
   WriteFile(DevicePath(kOldRoot), "not a directory");
   EXPECT_FALSE(VXAppMigrator::create());
-  const auto failures = log.messages(3);
-  ASSERT_EQ(failures.size(), 1u);
-  EXPECT_EQ(failures[0].rfind("VXAppMigrator: Failed to get items at " + DevicePath(kOldRoot) +
-                                  " : ",
-                              0),
-            0u)
-      << failures[0];
+  EXPECT_TRUE(log.contains("VXAppMigrator: Failed to get items at " + DevicePath(kOldRoot) + " : ",
+                           3));
 }
 
 TEST_F(AppMigratorRunTest, NoticeAloneIsRemovedAndTheOldLayoutCleared) {
   WriteFile(DevicePath(kNotice), "They moved.");
-  WriteInstallMap({{"GroupContainers",
-                    PlistDictionary{{"group.com.example.shared",
-                                     PlistDictionary{{"Container", "/private/var/mobile/G"}}}}}});
-  auto migrator = VXAppMigrator::create();
-  ASSERT_TRUE(migrator);
-  EXPECT_TRUE(Logged(5, "VXAppMigrator: 1 items to migrate", "-[VXAppMigrator init]"));
+  WriteInstallMap(GroupMap({{"group.shared", "/private/var/mobile/G"}}));
+  create();
+  EXPECT_TRUE(Logged(5, "1 items to migrate", kInit));
   ASSERT_TRUE(migrator->groupContainerMap());
-  EXPECT_EQ(migrator->groupContainerMap()->count("group.com.example.shared"), 1u);
+  EXPECT_EQ(migrator->groupContainerMap()->count("group.shared"), 1u);
   EXPECT_EQ(migrator->estimatedDuration(), 22.25f);
   EXPECT_EQ(migrator->migrationProgress(), 0.0f);
 
   EXPECT_TRUE(migrator->performMigration());
-  EXPECT_TRUE(Logged(5, "VXAppMigrator: Introspecting " + DevicePath(kNotice)));
-  EXPECT_EQ(migrator->countItemsMigrated(), 1u);
+  EXPECT_TRUE(Logged(5, "Introspecting " + DevicePath(kNotice)));
   EXPECT_EQ(migrator->migrationProgress(), 1.0f);
   EXPECT_FALSE(Exists(DevicePath(kOldRoot)));
   EXPECT_FALSE(Exists(DevicePath(kInstallMap)));
   EXPECT_EQ(ReadPropertyListDictionary(DevicePath(kVersionFile)), SystemVersionRecord());
-  EXPECT_FALSE(log.contains(kFailedRun));
 }
 
 TEST_F(AppMigratorRunTest, SymbolicLinkInTheRootIsNoItemButKeepsTheOldLayout) {
   WriteFile(DevicePath(kNotice), "They moved.");
-  test::MakeSymlink("/nowhere", DevicePath(kOldRoot + "/Link"));
+  MakeSymlink("/nowhere", DevicePath(kOldRoot + "/Link"));
   WriteInstallMap({});
-  auto migrator = VXAppMigrator::create();
-  ASSERT_TRUE(migrator);
+  create();
   ASSERT_TRUE(migrator->itemsToMigrate());
   EXPECT_EQ(migrator->itemsToMigrate()->size(), 1u);
 
   EXPECT_FALSE(migrator->performMigration());
   EXPECT_FALSE(log.contains("Introspecting " + DevicePath(kOldRoot + "/Link")));
-  EXPECT_TRUE(Logged(3, "VXAppMigrator: Not removing " + DevicePath(kInstallMap) +
+  EXPECT_TRUE(Logged(3, "Not removing " + DevicePath(kInstallMap) +
                             " because 1 items remain unmigrated."));
   EXPECT_TRUE(Logged(3, kFailedRun));
   EXPECT_TRUE(Exists(DevicePath(kOldRoot + "/Link")));
@@ -154,7 +103,7 @@ TEST_F(AppMigratorRunTest, SymbolicLinkInTheRootIsNoItemButKeepsTheOldLayout) {
 class ProgressSampler : public LogSink {
  public:
   void Write(const LogRecord& record) override {
-    if (migrator && record.message.rfind("VXAppMigrator: Introspecting ", 0) == 0) {
+    if (record.message.rfind("VXAppMigrator: Introspecting ", 0) == 0) {
       samples.push_back(migrator->migrationProgress());
     }
   }
@@ -162,75 +111,55 @@ class ProgressSampler : public LogSink {
   std::vector<float> samples;
 };
 
-TEST_F(AppMigratorRunTest, ProgressAndDurationFollowTheItems) {
-  for (int i = 0; i < 10; ++i) WriteFile(DevicePath(kOldRoot + "/stray" + std::to_string(i)), "");
-  auto ten = VXAppMigrator::create();
-  ASSERT_TRUE(ten);
-  EXPECT_EQ(ten->estimatedDuration(), 42.5f);
-
-  test::ResetTestDevice();
+TEST_F(AppMigratorRunTest, EveryEntryCountsOnceWhateverBecameOfIt) {
   for (const char* name : {"a", "b", "c"}) WriteFile(DevicePath(kOldRoot + "/" + name), "");
   WriteFile(DevicePath(kNotice), "");
-  auto four = VXAppMigrator::create();
-  ASSERT_TRUE(four);
+  create();
   auto sampler = std::make_shared<ProgressSampler>();
-  sampler->migrator = four.get();
+  sampler->migrator = migrator.get();
   AddLogSink(sampler);
-  four->performMigration();
+  migrator->performMigration();
   RemoveLogSink(sampler.get());
-  // Whatever became of each entry, every one counts once.
   EXPECT_EQ(sampler->samples, (std::vector<float>{0.0f, 0.25f, 0.5f, 0.75f}));
-  EXPECT_EQ(four->countItemsMigrated(), 4u);
-  EXPECT_EQ(four->migrationProgress(), 1.0f);
+  EXPECT_EQ(migrator->countItemsMigrated(), 4u);
+  EXPECT_EQ(migrator->migrationProgress(), 1.0f);
+}
+
+TEST_F(AppMigratorRunTest, DurationGrowsByItem) {
+  for (int i = 0; i < 10; ++i) WriteFile(DevicePath(kOldRoot + "/" + std::to_string(i)), "");
+  create();
+  EXPECT_EQ(migrator->estimatedDuration(), 42.5f);
 }
 
 TEST_F(AppMigratorRunTest, GroupContainerMapNeedsADictionaryInAReadableInstallMap) {
-  const std::string noMap = "VXAppMigrator: No group container map found in install map";
-  const std::string notFound = "VXAppMigrator: Old install map not found at " +
-                               DevicePath(kInstallMap);
-  struct Case {
-    const char* what;
-    std::optional<PlistDictionary> installMap;
-    bool mapNotFound;
-  } cases[] = {
-      {"missing install map", std::nullopt, true},
-      {"no GroupContainers", PlistDictionary{{"User", PlistDictionary{}}}, false},
-      {"GroupContainers not a dictionary", PlistDictionary{{"GroupContainers", "nope"}}, false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    test::ResetTestDevice();
+  const std::pair<const char*, std::optional<PlistDictionary>> cases[] = {
+      {"no install map", std::nullopt},
+      {"no GroupContainers", PlistDictionary{{"User", PlistDictionary{}}}},
+      {"GroupContainers not a dictionary", PlistDictionary{{"GroupContainers", "nope"}}}};
+  for (const auto& [what, map] : cases) {
+    SCOPED_TRACE(what);
+    ResetTestDevice();
     log.clear();
     WriteFile(DevicePath(kOldRoot + "/item"), "");
-    if (c.installMap) WriteInstallMap(*c.installMap);
-    auto migrator = VXAppMigrator::create();
-    ASSERT_TRUE(migrator);
+    if (map) WriteInstallMap(*map);
+    create();
     EXPECT_FALSE(migrator->groupContainerMap());
-    EXPECT_TRUE(Logged(5, noMap, "-[VXAppMigrator init]"));
-    EXPECT_EQ(log.contains(notFound, 5), c.mapNotFound);
+    EXPECT_TRUE(Logged(5, "No group container map found in install map", kInit));
+    EXPECT_EQ(log.contains("Old install map not found at " + DevicePath(kInstallMap), 5), !map);
   }
 }
 
-TEST_F(AppMigratorRunTest, UnreadableHarborMapIsReportedAndKept) {
-  WriteFile(DevicePath(kDataDirectory + "/SafeHarbor.plist"), "<plist>broken");
-  auto migrator = VXAppMigrator::create();
-  ASSERT_TRUE(migrator);
-  EXPECT_FALSE(migrator->harborMap());
-  EXPECT_TRUE(Logged(3,
-                     "VXAppMigrator: Failed to load existing harbor map from " +
-                         DevicePath(kDataDirectory + "/SafeHarbor.plist"),
-                     "-[VXAppMigrator init]"));
-  EXPECT_TRUE(Exists(DevicePath(kDataDirectory + "/SafeHarbor.plist")));
-}
-
-TEST_F(AppMigratorRunTest, VersionFileThatCannotBeWrittenDoesNotFailTheRun) {
-  // A non-empty directory where the file belongs: nothing can be renamed over it.
+TEST_F(AppMigratorRunTest, UnreadableHarborMapAndVersionFileAreReportedWithoutFailingTheRun) {
+  const std::string harborMap = DevicePath(kDataDirectory + "/SafeHarbor.plist");
+  WriteFile(harborMap, "<plist>broken");
+  // A non-empty directory where the version file belongs: nothing can be renamed over it.
   WriteFile(DevicePath(kVersionFile + "/occupied"), "");
-  auto migrator = VXAppMigrator::create();
-  ASSERT_TRUE(migrator);
+  create();
+  EXPECT_FALSE(migrator->harborMap());
+  EXPECT_TRUE(Logged(3, "Failed to load existing harbor map from " + harborMap, kInit));
   EXPECT_TRUE(migrator->performMigration());
-  EXPECT_TRUE(Logged(3, "VXAppMigrator: Failed to write current build info to " +
-                            DevicePath(kVersionFile)));
+  EXPECT_TRUE(Exists(harborMap));
+  EXPECT_TRUE(Logged(3, "Failed to write current build info to " + DevicePath(kVersionFile)));
   EXPECT_FALSE(log.contains(kFailedRun));
 }
 

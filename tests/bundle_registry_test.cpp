@@ -2,7 +2,7 @@
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/PlistFile.h"
+#include "support/AppPackages.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "support/VerboseLog.h"
@@ -10,34 +10,25 @@
 namespace vx {
 namespace {
 
-void MakeBundle(const std::string& path, const PlistValue& identifier) {
-  test::MakeDirs(path);
-  PlistDictionary info{{"KBBundleIdentifier", identifier}, {"KBBundleVersion", PlistValue("1.0")},
-                       {"KBBundleExecutable", PlistValue("Run")}};
-  ASSERT_TRUE(WritePropertyListFile(path + "/Info.plist", PlistValue(info)));
-}
-
 std::set<std::string> Keys(const BundleMapRef& map) {
   std::set<std::string> keys;
-  if (map) {
-    for (const auto& entry : *map) keys.insert(entry.first);
-  }
+  for (const auto& entry : map ? *map : BundleMap{}) keys.insert(entry.first);
   return keys;
 }
 
-TEST(BundleRegistryTest, ScanReadsRealBundlesOfTheExactExtension) {
+TEST(BundleRegistryTest, ScansReadRealBundlesOfTheExactExtensionAndLastUntilTheirRescan) {
   test::TempDir root;
   VXGlobalConfiguration config(root.path());
   const std::string dir = root / "scan";
-  MakeBundle(dir + "/A.app", PlistValue("com.example.a"));
-  MakeBundle(dir + "/B.APP", PlistValue("com.example.b"));
-  MakeBundle(dir + "/C.framework", PlistValue("com.example.c"));
-  MakeBundle(root / "elsewhere/D.app", PlistValue("com.example.d"));
-  test::MakeSymlink(root / "elsewhere/D.app", dir + "/D.app");
-  MakeBundle(dir + "/E.app", PlistValue(42));
+  test::MakeBundle(dir + "/A.app", {"com.example.a"});
+  test::MakeBundle(dir + "/B.APP", {"com.example.b"});
+  test::MakeBundle(dir + "/C.framework", {"com.example.c"});
+  test::MakeSymlink(test::MakeBundle(root / "elsewhere/D.app", {"com.example.d"}), dir + "/D.app");
+  test::WriteFile(dir + "/E.app/Info.plist",
+                  "<plist><dict><key>KBBundleIdentifier</key><integer>42</integer></dict></plist>");
   test::MakeDirs(dir + "/NoInfo.app");
-  MakeBundle(dir + "/F.app", PlistValue("com.example.dup"));
-  MakeBundle(dir + "/G.app", PlistValue("com.example.dup"));
+  test::MakeBundle(dir + "/F.app", {"com.example.dup"});
+  test::MakeBundle(dir + "/G.app", {"com.example.dup"});
 
   test::LogCapture log;
   test::VerboseLog verbose;
@@ -69,34 +60,27 @@ TEST(BundleRegistryTest, ScanReadsRealBundlesOfTheExactExtension) {
   const FileURL notADirectory = FileURL::fileURLWithPath(dir + "/A.app/Info.plist");
   EXPECT_FALSE(config._bundleIDMapForAppsInDirectory(notADirectory));
   EXPECT_EQ(log.count("Failed to search for apps in " + dir + "/A.app/Info.plist : ", 3), 1u);
-}
 
-TEST(BundleRegistryTest, CachedMapsLastUntilTheirRescan) {
-  test::TempDir root;
-  VXGlobalConfiguration config(root.path());
-  test::LogCapture log;
-
-  // A missing directory is not cached, so it is looked for again at every call.
+  // The maps of the device's own directories are kept until their rescan; a missing directory
+  // is not kept, so it is looked for again at every call.
+  log.clear();
   EXPECT_FALSE(config.internalAppBundleIDToInfoMap());
   EXPECT_TRUE(log.records().empty());
-  MakeBundle(root / "TarselInternal/Applications/I.app", PlistValue("com.example.internal"));
+  test::MakeBundle(root / "TarselInternal/Applications/I.app", {"com.example.internal"});
   EXPECT_EQ(Keys(config.internalAppBundleIDToInfoMap()),
             std::set<std::string>{"com.example.internal"});
 
-  MakeBundle(root / "Applications/S.app", PlistValue("com.example.system"));
-  MakeBundle(root / "System/Library/CoreServices/K.app", PlistValue("com.example.core"));
-  MakeBundle(root / "System/Library/Frameworks/F.framework", PlistValue("com.example.f"));
+  test::MakeBundle(root / "Applications/S.app", {"com.example.system"});
+  test::MakeBundle(root / "System/Library/CoreServices/K.app", {"com.example.core"});
+  test::MakeBundle(root / "System/Library/Frameworks/F.framework", {"com.example.f"});
   BundleMapRef system = config.systemAppBundleIDToInfoMap();
   BundleMapRef core = config.coreServicesAppBundleIDToInfoMap();
   IdentifierSetRef frameworks = config.builtInFrameworkBundleIDs();
   EXPECT_EQ(*frameworks, IdentifierSet{"com.example.f"});
 
-  MakeBundle(root / "Applications/T.app", PlistValue("com.example.system2"));
-  MakeBundle(root / "System/Library/CoreServices/L.app", PlistValue("com.example.core2"));
-  MakeBundle(root / "TarselInternal/PrivateFrameworks/G.framework", PlistValue("com.example.g"));
-  EXPECT_EQ(config.systemAppBundleIDToInfoMap(), system);
-  EXPECT_EQ(config.builtInFrameworkBundleIDs(), frameworks);
-
+  test::MakeBundle(root / "Applications/T.app", {"com.example.system2"});
+  test::MakeBundle(root / "System/Library/CoreServices/L.app", {"com.example.core2"});
+  test::MakeBundle(root / "TarselInternal/PrivateFrameworks/G.framework", {"com.example.g"});
   config.reScanCoreServicesApps();
   EXPECT_EQ(Keys(config.coreServicesAppBundleIDToInfoMap()).size(), 2u);
   EXPECT_EQ(config.systemAppBundleIDToInfoMap(), system);
@@ -106,7 +90,7 @@ TEST(BundleRegistryTest, CachedMapsLastUntilTheirRescan) {
   EXPECT_EQ(config.builtInFrameworkBundleIDs()->size(), 2u);
   EXPECT_EQ(config.systemAppBundleIDToInfoMap(), system);
 
-  MakeBundle(root / "System/Library/PrivateFrameworks/H.framework", PlistValue("com.example.h"));
+  test::MakeBundle(root / "System/Library/PrivateFrameworks/H.framework", {"com.example.h"});
   config.reScanSystemApps();
   EXPECT_EQ(Keys(config.systemAppBundleIDToInfoMap()).size(), 2u);
   EXPECT_EQ(config.builtInFrameworkBundleIDs()->size(), 3u);

@@ -23,8 +23,8 @@ TEST(FileURLTest, ComponentsExtensionsAndDirectoryKind) {
   EXPECT_EQ(dir.pathComponents(), (std::vector<std::string>{"/", "private", "var", "mobile"}));
 
   FileURL app = dir.URLByAppendingPathComponent("Foo.app", true);
+  EXPECT_EQ(app.absoluteString(), "/private/var/mobile/Foo.app/");
   EXPECT_EQ(app.pathExtension(), "app");
-  EXPECT_EQ(app.lastPathComponent(), "Foo.app");
   EXPECT_EQ(FileURL::fileURLWithPath("/x/.hidden").pathExtension(), "");
   EXPECT_EQ(FileURL::fileURLWithPath("/x/a.tar.gz").pathExtension(), "gz");
 
@@ -40,10 +40,8 @@ TEST(FormatTest, ConversionsOfTheSystemsMessages) {
             "-3|7|-9|10|11|-12|13");
   EXPECT_EQ(Format("error 0x%08X (%d)", -536870206, -536870206), "error 0xE00002C2 (-536870206)");
   EXPECT_EQ(Format("100%% of %s", "it"), "100% of it");
-  EXPECT_EQ(Format("%@ and %@", FileURL::fileURLWithPath("/a/b", true), nullptr),
-            "/a/b and (null)");
-  std::optional<FileURL> none;
-  EXPECT_EQ(Format("secondary %@", none), "secondary (null)");
+  EXPECT_EQ(Format("%@ and %@", FileURL::fileURLWithPath("/a/b", true), nullptr), "/a/b and (null)");
+  EXPECT_EQ(Format("secondary %@", std::optional<FileURL>{}), "secondary (null)");
   // A text value prints as itself, other values in property-list notation.
   PlistDictionary d{{"Key", PlistValue("two words")}, {"N", PlistValue(5)}};
   EXPECT_EQ(Format("%@ %@", PlistValue("plain"), d), "plain {Key = \"two words\"; N = 5;}");
@@ -51,22 +49,18 @@ TEST(FormatTest, ConversionsOfTheSystemsMessages) {
   EXPECT_EQ(Format("%s %q"), "(null) %q");
 }
 
-TEST(ErrorMakersTest, CreateErrorHoldsExactlyMessageFunctionAndLine) {
+TEST(ErrorMakersTest, UserInfoAndTheLoggedLine) {
   test::LogCapture log;
-  ErrorRef e = _CreateError("-[VXFileManager removeItemAtURL:error:]", 42, VXPOSIXErrorDomain, 14,
-                            "nil url passed to %s", "-removeItemAtURL:error:");
-  EXPECT_EQ(e->domain(), "POSIXErrorDomain");
-  EXPECT_EQ(e->code(), 14);
-  EXPECT_EQ(e->userInfo().size(), 3u);
-  EXPECT_EQ(*e->localizedDescription(), "nil url passed to -removeItemAtURL:error:");
-  EXPECT_EQ(*e->userInfo().at(VXFunctionNameErrorKey).string(),
-            "-[VXFileManager removeItemAtURL:error:]");
-  EXPECT_EQ(e->userInfo().at(VXSourceFileLineErrorKey).int64Value(), 42);
-  EXPECT_TRUE(log.records().empty());
-}
+  ErrorRef made = _CreateError("-[VXFileManager removeItemAtURL:error:]", 42, VXPOSIXErrorDomain, 14,
+                               "nil url passed to %s", "-removeItemAtURL:error:");
+  EXPECT_EQ(made->domain(), "POSIXErrorDomain");
+  EXPECT_EQ(made->userInfo().size(), 3u);
+  EXPECT_EQ(*made->localizedDescription(), "nil url passed to -removeItemAtURL:error:");
+  EXPECT_EQ(*made->userInfo().at(VXFunctionNameErrorKey).string(), "-[VXFileManager removeItemAtURL:error:]");
+  EXPECT_EQ(made->userInfo().at(VXSourceFileLineErrorKey).int64Value(), 42);
+  EXPECT_TRUE(log.records().empty()) << "only the logging maker logs";
 
-TEST(ErrorMakersTest, CreateAndLogErrorOrderOfUserInfoAndLogLine) {
-  test::LogCapture log;
+  // Given user info cannot override what the maker sets.
   ErrorRef cause = PosixCause(17);
   PlistDictionary given{{VXLocalizedDescriptionKey, PlistValue("old")},
                         {VXFunctionNameErrorKey, PlistValue("spoofed")},
@@ -78,16 +72,15 @@ TEST(ErrorMakersTest, CreateAndLogErrorOrderOfUserInfoAndLogLine) {
   EXPECT_EQ(*e->userInfo().at(VXPathArgumentErrorKey).string(), "/t/temp.XXXXXX");
   EXPECT_EQ(e->underlyingError(), cause);
   ASSERT_EQ(log.records().size(), 1u);
-  EXPECT_EQ(log.records()[0].level, 3);
-  EXPECT_EQ(log.records()[0].function, "fn");
-  EXPECT_EQ(log.records()[0].message,
-            "7: Failed to create temp dir at path /t/temp.XXXXXX (" + Describe(*cause) + ")");
+  const LogRecord line = log.records()[0];
+  EXPECT_EQ(line.level, 3);
+  EXPECT_EQ(line.function, "fn");
+  EXPECT_EQ(line.message, "7: Failed to create temp dir at path /t/temp.XXXXXX (" + Describe(*cause) + ")");
 
   // Without a cause the line has no parenthesis; without a format nothing is logged and
   // there is no description.
   log.clear();
-  ErrorRef plain = _CreateAndLogError("fn", 8, VXInstallerErrorDomain, 70, nullptr, nullptr,
-                                      "invalid symlink at %s", "/a");
+  _CreateAndLogError("fn", 8, VXInstallerErrorDomain, 70, nullptr, nullptr, "invalid symlink at %s", "/a");
   EXPECT_EQ(log.messages(), (std::vector<std::string>{"8: invalid symlink at /a"}));
   ErrorRef silent = _CreateAndLogError("fn", 9, VXInstallerErrorDomain, 24, nullptr, nullptr, nullptr);
   EXPECT_EQ(silent->localizedDescription(), nullptr);
@@ -96,14 +89,9 @@ TEST(ErrorMakersTest, CreateAndLogErrorOrderOfUserInfoAndLogLine) {
 
 TEST(InstallerLogTest, ThresholdRules) {
   LogHandle* saved = gLogHandle;
+  LogHandle quiet{3}, verbose{7};
   gLogHandle = nullptr;
-  EXPECT_TRUE(InstallerLogEnabled(3));
-  EXPECT_TRUE(InstallerLogEnabled(5));
-  EXPECT_FALSE(InstallerLogEnabled(7));
-  LogHandle quiet{3};
-  gLogHandle = &quiet;
-  EXPECT_FALSE(InstallerLogEnabled(5));
-  LogHandle verbose{7};
+  EXPECT_TRUE(InstallerLogEnabled(3) && InstallerLogEnabled(5) && !InstallerLogEnabled(7));
   gLogHandle = &verbose;
   EXPECT_TRUE(InstallerLogEnabled(7));
   // The arguments of a suppressed line are never computed.
@@ -123,16 +111,13 @@ TEST(PlistFileTest, RoundTripsBothEncodingsAndRefusesNonDictionaries) {
       {"List", PlistValue(PlistArray{PlistValue("x"), PlistValue(PlistDictionary{})})},
       {"When", PlistValue(PlistDate{1700000000.0})}};
   for (PlistFormat format : {PlistFormat::XML, PlistFormat::Binary}) {
-    const std::string path = dir / "r.plist";
-    ASSERT_TRUE(WritePropertyListFile(path, PlistValue(record), format));
-    auto back = ReadPropertyListDictionary(path);
-    ASSERT_TRUE(back);
-    EXPECT_EQ(*back, record);
+    ASSERT_TRUE(WritePropertyListFile(dir / "r.plist", PlistValue(record), format));
+    EXPECT_EQ(ReadPropertyListDictionary(dir / "r.plist"), record);
   }
-  test::WriteFile(dir / "empty.plist", "");
-  EXPECT_FALSE(ReadPropertyListFile(dir / "empty.plist"));
-  test::WriteFile(dir / "garbage.plist", "not a property list at all");
-  EXPECT_FALSE(ReadPropertyListFile(dir / "garbage.plist"));
+  for (const char* content : {"", "not a property list at all", "bplist00\x01"}) {
+    test::WriteFile(dir / "bad.plist", content);
+    EXPECT_FALSE(ReadPropertyListFile(dir / "bad.plist")) << content;
+  }
   ASSERT_TRUE(WritePropertyListFile(dir / "array.plist", PlistValue(PlistArray{PlistValue(1)})));
   EXPECT_TRUE(ReadPropertyListFile(dir / "array.plist"));
   EXPECT_FALSE(ReadPropertyListDictionary(dir / "array.plist"));
@@ -144,12 +129,6 @@ TEST(PlistFileTest, RoundTripsBothEncodingsAndRefusesNonDictionaries) {
   EXPECT_EQ(error, ENOENT);
 }
 
-}  // namespace
-}  // namespace vx
-
-namespace vx {
-namespace {
-
 TEST(AtomicFileTest, CrashLeftoversOfTheSameTargetAreCleared) {
   test::TempDir dir;
   // What a write killed between creating and renaming its temporary file leaves behind.
@@ -160,15 +139,8 @@ TEST(AtomicFileTest, CrashLeftoversOfTheSameTargetAreCleared) {
   ASSERT_TRUE(WriteFileAtomically(dir / "marker.plist", bytes, nullptr));
   EXPECT_EQ(test::ReadFile(dir / "marker.plist"), "ok");
   EXPECT_FALSE(test::Exists(dir / ".marker.plist.Ab3dE9"));
-  EXPECT_TRUE(test::Exists(dir / ".other.plist.Ab3dE9"));
-  EXPECT_TRUE(test::Exists(dir / ".marker.plist.toolong"));
+  EXPECT_TRUE(test::Exists(dir / ".other.plist.Ab3dE9") && test::Exists(dir / ".marker.plist.toolong"));
 }
-
-}  // namespace
-}  // namespace vx
-
-namespace vx {
-namespace {
 
 TEST(DeviceRootTest, DevicePathsStayUnderTheDeviceRoot) {
   const std::string& root = DeviceRoot();

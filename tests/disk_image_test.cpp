@@ -3,19 +3,21 @@
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "platform/DeviceRegistry.h"
-#include "platform/InstallerLog.h"
 #include "platform/MountTable.h"
-#include "platform/PlistFile.h"
+#include "support/AppPackages.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 namespace vx {
 namespace {
 
+using test::MakeBundle;
+using test::WriteFile;
+
 class DiskImageTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    MakeDirs(device_);
+    test::MakeDirs(device_);
     DeviceRegistry::shared().setSysfsRoot(sysfs_);
     SetMountTablePath(tmp_ / "mounts");
   }
@@ -23,28 +25,16 @@ class DiskImageTest : public ::testing::Test {
     DeviceRegistry::shared().setSysfsRoot("/sys");
     SetMountTablePath("/proc/self/mounts");
   }
-
-  static void MakeDirs(const std::string& path) { test::MakeDirs(path); }
-  void AddLoopDriver() { MakeDirs(sysfs_ + "/module/loop"); }
-  // A loop device; with a backing file it is a disk-image drive.
-  void AddLoop(int n, int partitions, bool bound = true) {
-    const std::string device = sysfs_ + "/block/loop" + std::to_string(n);
-    MakeDirs(device);
-    if (bound) {
-      MakeDirs(device + "/loop");
-      test::WriteFile(device + "/loop/backing_file", "/images/" + std::to_string(n) + ".img\n");
-    }
-    for (int p = 1; p <= partitions; ++p) {
-      const std::string name = "loop" + std::to_string(n) + "p" + std::to_string(p);
-      MakeDirs(device + "/" + name);
-      test::WriteFile(device + "/" + name + "/partition", std::to_string(p) + "\n");
-    }
+  void AddLoopDriver() { test::MakeDirs(sysfs_ + "/module/loop"); }
+  // A loop device bound to a backing file: a disk-image drive.
+  void AddLoop(int n) {
+    WriteFile(sysfs_ + "/block/loop" + std::to_string(n) + "/loop/backing_file", "/images/i.img\n");
   }
-  void WriteMounts(const std::string& table) { test::WriteFile(tmp_ / "mounts", table); }
-  void AddApp(const std::string& directory, const std::string& name, const std::string& id) {
-    MakeDirs(directory + "/" + name + ".app");
-    ASSERT_TRUE(WritePropertyListFile(directory + "/" + name + ".app/Info.plist",
-                                      PlistDictionary{{"KBBundleIdentifier", PlistValue(id)}}));
+  // Each pair: the /dev name mounted, and where.
+  void WriteMounts(const std::vector<std::pair<std::string, std::string>>& mounts) {
+    std::string table;
+    for (const auto& [from, on] : mounts) table += "/dev/" + from + " " + on + " ext4 rw 0 0\n";
+    WriteFile(tmp_ / "mounts", table);
   }
 
   test::TempDir tmp_;
@@ -52,78 +42,67 @@ class DiskImageTest : public ::testing::Test {
   const std::string device_ = tmp_ / "device";
 };
 
-TEST_F(DiskImageTest, MountTableDecodesEscapesAndFailsWithErrno) {
-  auto entries = ParseMountTable(
-      "/dev/loop0p1 /mnt/two\\040words ext4 rw 0 0\n"
-      "lonely\n"
-      "a\\134b /tab\\011x\\09 tmpfs rw 0 0\n");
-  ASSERT_EQ(entries.size(), 2u);
-  EXPECT_EQ(entries[0].mountedFrom, "/dev/loop0p1");
-  EXPECT_EQ(entries[0].mountedOn, "/mnt/two words");
-  EXPECT_EQ(entries[1].mountedFrom, "a\\b");
-  EXPECT_EQ(entries[1].mountedOn, "/tab\tx\\09");
-
-  std::vector<MountEntry> table;
-  errno = 0;
-  EXPECT_EQ(getmntinfo(&table), 0u);  // the file was never written
-  EXPECT_EQ(errno, ENOENT);
-  SetMountTablePath("/proc/self/mounts");
-  EXPECT_GT(getmntinfo(&table), 0u);
-}
-
-TEST_F(DiskImageTest, DiscoveryOverDrivesPartitionsAndMountPoints) {
+TEST_F(DiskImageTest, DrivesPartitionsMountPointsAndTheirApps) {
   AddLoopDriver();
-  AddLoop(0, 2);  // two mounted partitions: only the first counts
-  AddLoop(1, 0, /*bound=*/false);
-  AddLoop(2, 0);   // mounted in the debug area
-  AddLoop(3, 0);   // nothing mounted from it, though loop3p1 and loop1 are
-  AddLoop(10, 0);  // mounted on the device's developer directory
+  // loop0 has two mounted partitions, of which only the first counts; loop1 is unbound; loop2
+  // is mounted in the debug area; nothing is mounted from loop3, though loop3p1 and loop1 are;
+  // loop10 is mounted on the device's developer directory.
+  for (int n : {0, 2, 3, 10}) AddLoop(n);
+  for (const char* p : {"1", "2"}) WriteFile(sysfs_ + "/block/loop0/loop0p" + p + "/partition", p);
+  test::MakeDirs(sysfs_ + "/block/loop1");
   const std::string image = tmp_ / "image one";
-  WriteMounts("/dev/loop1 " + (tmp_ / "unbound") + " ext4 rw 0 0\n" + "/dev/loop0p2 " +
-              (tmp_ / "second") + " ext4 rw 0 0\n" + "/dev/loop0p1 " + tmp_.path() +
-              "/image\\040one ext4 rw 0 0\n" + "/dev/loop3p1 " + (tmp_ / "p1") + " ext4 rw 0 0\n" +
-              "/dev/loop2 /private/var/debug_mount/dbg ext4 ro 0 0\n" + "/dev/loop10 " + device_ +
-              "/Developer hfs ro 0 0\n");
+  WriteMounts({{"loop1", tmp_ / "unbound"}, {"loop0p2", tmp_ / "second"},
+               {"loop0p1", tmp_.path() + "/image\\040one"}, {"loop3p1", tmp_ / "p1"},
+               {"loop2", "/private/var/debug_mount/dbg"}, {"loop10", device_ + "/Developer"}});
   VXGlobalConfiguration config(device_);
-  const size_t open = DeviceRegistry::shared().openHandleCount();
+  auto& registry = DeviceRegistry::shared();
+  const size_t open = registry.openHandleCount();
 
-  EXPECT_EQ(
-      config.diskImageMountPoints(),
-      (std::vector<std::string>{image, "/private/var/debug_mount/dbg", device_ + "/Developer"}));
-  const FileURL developerApps = config.developerAppsDirectory();
-  EXPECT_EQ(developerApps, FileURL::fileURLWithPath(device_ + "/Developer/Applications", true));
+  EXPECT_EQ(config.diskImageMountPoints(), (std::vector<std::string>{
+                image, "/private/var/debug_mount/dbg", device_ + "/Developer"}));
+  const FileURL developerApps = FileURL::fileURLWithPath(device_ + "/Developer/Applications", true);
   EXPECT_EQ(config.diskImageApplicationsDirectories(),
             (std::vector<FileURL>{FileURL::fileURLWithPath(image + "/Applications", true),
                                   developerApps}));
 
   // The developer image comes later in the list, so its record wins for a shared identifier.
-  AddApp(image + "/Applications", "Shared", "com.example.shared");
-  AddApp(image + "/Applications", "OnImage", "com.example.image");
-  AddApp(developerApps.path(), "Shared", "com.example.shared");
+  MakeBundle(image + "/Applications/Shared.app", {"com.example.shared"});
+  MakeBundle(image + "/Applications/OnImage.app", {"com.example.image"});
+  MakeBundle(developerApps.path() + "/Shared.app", {"com.example.shared"});
   BundleMap apps = config.diskImageAppBundleIDToInfoMap();
   ASSERT_EQ(apps.size(), 2u);
   EXPECT_EQ(*apps.at("com.example.shared").at(kVXBundleURLKey).url(),
             developerApps.URLByAppendingPathComponent("Shared.app", true));
-  // Every handle taken on the way was given back.
-  EXPECT_EQ(DeviceRegistry::shared().openHandleCount(), open);
 
-  DeviceRegistry& registry = DeviceRegistry::shared();
+  // Built-in applications: the system's, the internal ones and the images' (read afresh).
+  MakeBundle(device_ + "/Applications/Sys.app", {"com.example.system"});
+  MakeBundle(device_ + "/TarselInternal/Applications/Int.app", {"com.example.internal"});
+  MakeBundle(device_ + "/System/Library/CoreServices/Core.app", {"com.example.core"});
+  EXPECT_EQ(config.builtInApplicationBundleIDs(),
+            (IdentifierSet{"com.example.system", "com.example.internal", "com.example.shared",
+                           "com.example.image"}));
+  WriteMounts({{"loop10", device_ + "/Developer"}});
+  EXPECT_EQ(config.builtInApplicationBundleIDs().count("com.example.image"), 0u);
+  EXPECT_EQ(registry.openHandleCount(), open);  // every handle taken was given back
+
   const RegistryHandle controller = registry.getMatchingService("KzPlovController");
-  RegistryHandle iterator = 0;
-  EXPECT_NE(registry.createIterator(controller, "KzOtherPlane", true, &iterator), kRegistrySuccess);
+  EXPECT_NE(registry.createIterator(controller, "KzOtherPlane", true, nullptr), kRegistrySuccess);
   EXPECT_EQ(registry.release(controller), kRegistrySuccess);
   EXPECT_EQ(registry.release(controller), kRegistryErrorInvalidHandle);
 }
 
-TEST_F(DiskImageTest, NoLoopDriverMeansOnlyTheDeveloperDirectory) {
-  AddLoop(0, 0);  // a bound device, but no driver registered
-  WriteMounts("/dev/loop0 /mnt/x ext4 rw 0 0\n");
+TEST_F(DiskImageTest, MountTableEscapesAndFailures) {
+  const auto entries = ParseMountTable("lonely\na\\134b /tab\\011x\\09 tmpfs rw 0 0\n");
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].mountedFrom + " " + entries[0].mountedOn, "a\\b /tab\tx\\09");
+
+  AddLoop(0);  // a bound device, but no driver registered
+  WriteMounts({{"loop0", "/mnt/x"}});
   VXGlobalConfiguration config(device_);
   test::LogCapture log;
   EXPECT_TRUE(config.diskImageMountPoints().empty());
   EXPECT_EQ(config.diskImageApplicationsDirectories(),
             std::vector<FileURL>{config.developerAppsDirectory()});
-  EXPECT_TRUE(config.diskImageAppBundleIDToInfoMap().empty());
   EXPECT_TRUE(log.records().empty());
 
   // With a driver but an unreadable mount table each drive is passed over with a log line.
@@ -132,32 +111,13 @@ TEST_F(DiskImageTest, NoLoopDriverMeansOnlyTheDeveloperDirectory) {
   EXPECT_TRUE(config.diskImageMountPoints().empty());
   EXPECT_EQ(log.messages(3),
             std::vector<std::string>{"getmntinfo failed: No such file or directory"});
-  WriteMounts("/dev/loop0 /mnt/x ext4 rw 0 0\n");
   SetMountTablePath(tmp_ / "mounts");
   log.clear();
   EXPECT_EQ(config.mountPointForDevice(0), std::nullopt);
   ASSERT_EQ(log.records().size(), 1u);
-  EXPECT_EQ(log.records()[0].message, "KzRegistryEntryCreateIterator failed for deviceObj (0)");
-  EXPECT_EQ(log.records()[0].function, "-[VXGlobalConfiguration mountPointForDevice:]");
-}
-
-TEST_F(DiskImageTest, BuiltInApplicationsJoinSystemInternalAndImages) {
-  AddLoopDriver();
-  AddLoop(0, 0);
-  const std::string image = tmp_ / "img";
-  WriteMounts("/dev/loop0 " + image + " ext4 rw 0 0\n");
-  AddApp(device_ + "/Applications", "Sys", "com.example.system");
-  AddApp(device_ + "/TarselInternal/Applications", "Int", "com.example.internal");
-  AddApp(device_ + "/System/Library/CoreServices", "Core", "com.example.core");
-  AddApp(device_ + "/Developer/Applications", "Dev", "com.example.developer");
-  AddApp(image + "/Applications", "Img", "com.example.image");
-  VXGlobalConfiguration config(device_);
-  EXPECT_EQ(config.builtInApplicationBundleIDs(),
-            (IdentifierSet{"com.example.system", "com.example.internal", "com.example.developer",
-                           "com.example.image"}));
-  // The images are looked at afresh on every call.
-  WriteMounts("/dev/loop9 " + image + " ext4 rw 0 0\n");
-  EXPECT_EQ(config.builtInApplicationBundleIDs().count("com.example.image"), 0u);
+  EXPECT_EQ(log.records()[0].function + " " + log.records()[0].message,
+            "-[VXGlobalConfiguration mountPointForDevice:] "
+            "KzRegistryEntryCreateIterator failed for deviceObj (0)");
 }
 
 }  // namespace

@@ -15,57 +15,41 @@
 namespace vx {
 namespace {
 
-using test::DevicePath;
-
-std::optional<PlistDictionary> Register() {
-  return ReadPropertyListDictionary(
-      DevicePath("private/var/mobile/Library/Velotrix/SafeHarborRegister.plist"));
-}
+using namespace test;
 
 TEST(InstallerServiceTest, SafeHarborRegisterAcceptsDirectoriesOnly) {
-  test::ResetTestDevice();
-  test::MakeDirs(DevicePath("private/var/mobile/Harbors/com.example.a"));
-  test::MakeDirs(DevicePath("private/var/mobile/Harbors/com.example.b"));
-  test::WriteFile(DevicePath("private/var/mobile/Harbors/file"), "not a directory");
+  ResetTestDevice();
+  const std::string harbors = "private/var/mobile/Harbors/";
+  MakeDirs(DevicePath(harbors + "com.example.a"));
+  MakeDirs(DevicePath(harbors + "com.example.b"));
+  WriteFile(DevicePath(harbors + "file"), "not a directory");
 
   auto registerHarbor = [](const std::string& path, const char* identifier, int type) {
-    return VelotrixRegisterSafeHarborForContainerType(path.c_str(), identifier, type, nullptr);
+    return VelotrixRegisterSafeHarborForContainerType(path.c_str(), identifier, type, nullptr) != 0;
   };
   // Harbors are named as the device records them; a path already under the root works too.
-  EXPECT_NE(registerHarbor("/private/var/mobile/Harbors/com.example.a", "com.example.a", 2), 0);
-  EXPECT_NE(
-      registerHarbor(DevicePath("private/var/mobile/Harbors/com.example.b"), "com.example.b", 3),
-      0);
-  EXPECT_EQ(registerHarbor("/private/var/mobile/Harbors/file", "com.example.file", 2), 0);
-  EXPECT_EQ(registerHarbor("/private/var/mobile/Harbors/missing", "com.example.missing", 2), 0);
-
-  auto entries = Register();
-  ASSERT_TRUE(entries);
-  EXPECT_EQ(entries->size(), 2u);
-  const PlistValue all(*entries);
-  const PlistDictionary* a = all.dictionaryForKey("com.example.a");
-  ASSERT_TRUE(a);
-  EXPECT_EQ(*a->at("Path").string(), "/private/var/mobile/Harbors/com.example.a");
-  EXPECT_EQ(a->at("ContainerType").int64Value(), 2);
-
+  EXPECT_TRUE(registerHarbor("/" + harbors + "com.example.a", "com.example.a", 2));
+  EXPECT_TRUE(registerHarbor(DevicePath(harbors + "com.example.b"), "com.example.b", 3));
+  EXPECT_FALSE(registerHarbor("/" + harbors + "file", "com.example.file", 2));
+  EXPECT_FALSE(registerHarbor("/" + harbors + "missing", "com.example.missing", 2));
   // Registering again replaces the entry rather than adding one.
-  EXPECT_NE(registerHarbor("/private/var/mobile/Harbors/com.example.a", "com.example.a", 4), 0);
-  entries = Register();
-  EXPECT_EQ(entries->size(), 2u);
-  EXPECT_EQ(
-      PlistValue(*entries).dictionaryForKey("com.example.a")->at("ContainerType").int64Value(), 4);
+  EXPECT_TRUE(registerHarbor("/" + harbors + "com.example.a", "com.example.a", 4));
+  EXPECT_EQ(ReadPropertyListDictionary(
+                DevicePath("private/var/mobile/Library/Velotrix/SafeHarborRegister.plist")),
+            (PlistDictionary{
+                {"com.example.a",
+                 PlistDictionary{{"Path", "/" + harbors + "com.example.a"}, {"ContainerType", 4}}},
+                {"com.example.b", PlistDictionary{{"Path", DevicePath(harbors + "com.example.b")},
+                                                  {"ContainerType", 3}}}}));
 }
 
 TEST(InstallerServiceTest, DataProtectionUpdateSetsClassFourWhereAsked) {
-  test::ResetTestDevice();
-  test::MakeBundle(DevicePath("Applications/Clock.app"), {.identifier = "com.tarsel.clock"});
+  ResetTestDevice();
+  MakeBundle(DevicePath("Applications/Clock.app"), {.identifier = "com.tarsel.clock"});
   VXGlobalConfiguration::sharedInstance().reScanSystemApps();
-  DeviceWorkspace workspace(test::TestDeviceRoot());
-  ASSERT_TRUE(workspace.installApplication(
-      FileURL::fileURLWithPath(test::MakeCustomerPackage(DevicePath("Staging"), "A.app",
-                                                         {.identifier = "com.example.a"}),
-                               true),
-      test::MigratorCustomerOptions("com.example.a"), nullptr));
+  DeviceWorkspace workspace(TestDeviceRoot());
+  ASSERT_TRUE(InstallCustomerPackage(workspace, DevicePath("Staging"), "A.app",
+                                     {.identifier = "com.example.a"}));
   const FileURL user = *workspace.bundleProxyForIdentifier("com.example.a")->dataContainerURL;
   const FileURL builtIn = *workspace.bundleProxyForIdentifier("com.tarsel.clock")->dataContainerURL;
 

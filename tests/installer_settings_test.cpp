@@ -14,56 +14,20 @@ namespace {
 
 using test::TempDir;
 
-std::string PreferencesOf(const TempDir& root) {
-  return root.path() + "/private/var/mobile/Library/Preferences";
-}
-
 void WritePreferences(const TempDir& root, const std::string& domain, PlistDictionary values) {
-  test::MakeDirs(PreferencesOf(root));
-  ASSERT_TRUE(WritePropertyListFile(PreferencesOf(root) + "/" + domain + ".plist",
-                                    PlistValue(std::move(values))));
-}
-
-// The settings' notices, checking on the way that each is written at level 5.
-std::vector<std::string> InitLines(const test::LogCapture& log) {
-  std::vector<std::string> lines;
-  for (const LogRecord& record : log.records()) {
-    if (record.function != "-[VXGlobalConfiguration init]") continue;
-    EXPECT_EQ(record.level, 5) << record.message;
-    lines.push_back(record.message);
-  }
-  return lines;
-}
-
-TEST(InstallerSettingsTest, DefaultsAndFixedValuesWithoutPreferences) {
-  TempDir root;
-  test::LogCapture log;
-  VXGlobalConfiguration config(root.path());
-  EXPECT_TRUE(config.lowerInstallPriority());
-  EXPECT_FALSE(config.skipDeviceFamilyCheck() || config.skipThinningCheck());
-  EXPECT_EQ(config.nSimultaneousInstallations(), 4);
-  EXPECT_EQ(config.uid() + config.gid(), 1002u);
-  EXPECT_TRUE(InitLines(log).empty());
-  EXPECT_FALSE(config.haveUpdatedPluginContainersWithParentID());
-  EXPECT_EQ(config.alternateThinningModelIdentifier(), std::nullopt);
-
-  std::vector<std::string> names = config.appUserDataItemNames();
-  names.pop_back();
-  EXPECT_EQ(config.appUserDataItemNames(),
-            (std::vector<std::string>{"Documents", "Library", "tmp", "Marvish"}));
-  IdentifierSetRef blacklist = config.installationBlacklist();
-  EXPECT_EQ(*blacklist, IdentifierSet{"com.tarsel.Orvik6Updater"});
-  EXPECT_EQ(VXGlobalConfiguration(root.path()).installationBlacklist(), blacklist);
+  const std::string directory = root / "private/var/mobile/Library/Preferences";
+  test::MakeDirs(directory);
+  ASSERT_TRUE(WritePropertyListFile(directory + "/" + domain + ".plist", PlistValue(values)));
 }
 
 TEST(InstallerSettingsTest, OnlyStoredBooleansAndNumbersCount) {
   struct Case {
-    PlistDictionary values;
-    bool lower, family, thinning;
-    int32_t simultaneous;
-    std::vector<std::string> lines;
+    PlistDictionary values;  // none: no preferences at all
+    bool lower, family, thinning; int32_t simultaneous;
+    std::vector<std::string> lines;  // the notices, each at level 5
   };
   const Case cases[] = {
+      {{}, true, false, false, 4, {}},
       {{{"LowerInstallPriority", false}, {"SimultaneousInstallsNumber", 0}}, false, false, false, 0,
        {"Not running installation at background priority because of a set default",
         "Setting simultaneous installations allowed to 0"}},
@@ -78,30 +42,37 @@ TEST(InstallerSettingsTest, OnlyStoredBooleansAndNumbersCount) {
   for (const Case& c : cases) {
     SCOPED_TRACE(Describe(c.values));
     TempDir root;
-    WritePreferences(root, "com.tarsel.velotrix", c.values);
+    if (!c.values.empty()) WritePreferences(root, "com.tarsel.velotrix", c.values);
     test::LogCapture log;
     VXGlobalConfiguration config(root.path());
-    EXPECT_EQ(config.lowerInstallPriority(), c.lower);
-    EXPECT_EQ(config.skipDeviceFamilyCheck(), c.family);
-    EXPECT_EQ(config.skipThinningCheck(), c.thinning);
-    EXPECT_EQ(config.nSimultaneousInstallations(), c.simultaneous);
-    EXPECT_EQ(InitLines(log), c.lines);
+    EXPECT_EQ(std::tuple(config.lowerInstallPriority(), config.skipDeviceFamilyCheck(),
+                         config.skipThinningCheck(), config.nSimultaneousInstallations()),
+              std::tuple(c.lower, c.family, c.thinning, c.simultaneous));
+    EXPECT_EQ(log.messages(5), c.lines);
   }
 }
 
-TEST(InstallerSettingsTest, PreferenceBackedValuesAreReadOnEveryCall) {
+TEST(InstallerSettingsTest, FixedValuesAndPreferencesReadOnEveryCall) {
   TempDir root;
   VXGlobalConfiguration config(root.path());
+  EXPECT_EQ(config.uid() + config.gid(), 1002u);
+  EXPECT_EQ(config.appUserDataItemNames(),
+            (std::vector<std::string>{"Documents", "Library", "tmp", "Marvish"}));
+  IdentifierSetRef blacklist = config.installationBlacklist();
+  EXPECT_EQ(*blacklist, IdentifierSet{"com.tarsel.Orvik6Updater"});
+  EXPECT_EQ(VXGlobalConfiguration(root.path()).installationBlacklist(), blacklist);
+
+  EXPECT_FALSE(config.haveUpdatedPluginContainersWithParentID());
   config.setHaveUpdatedPluginContainersWithParentID(true);
   EXPECT_TRUE(VXGlobalConfiguration(root.path()).haveUpdatedPluginContainersWithParentID());
   // Changed behind the object's back, as another process would: seen at once.
-  WritePreferences(root, "com.tarsel.velotrix",
-                   {{"UpdatedPluginContainersWithParentIDWithSafeHarborFix", false}});
+  const std::string key = "UpdatedPluginContainersWithParentIDWithSafeHarborFix";
+  WritePreferences(root, "com.tarsel.velotrix", {{key, false}});
   EXPECT_FALSE(config.haveUpdatedPluginContainersWithParentID());
-  WritePreferences(root, "com.tarsel.velotrix",
-                   {{"UpdatedPluginContainersWithParentIDWithSafeHarborFix", "no"}});
+  WritePreferences(root, "com.tarsel.velotrix", {{key, "no"}});
   EXPECT_TRUE(config.haveUpdatedPluginContainersWithParentID());
 
+  EXPECT_EQ(config.alternateThinningModelIdentifier(), std::nullopt);
   WritePreferences(root, "com.tarsel.lyrandstored", {{"ThinnedAppVariantID", "Model7,2"}});
   EXPECT_EQ(config.alternateThinningModelIdentifier(), "Model7,2");
   WritePreferences(root, "com.tarsel.lyrandstored", {{"ThinnedAppVariantID", 7}});
@@ -109,24 +80,23 @@ TEST(InstallerSettingsTest, PreferenceBackedValuesAreReadOnEveryCall) {
 }
 
 TEST(InstallerSettingsTest, PreferenceStoreKeepsEveryConcurrentWrite) {
+  using namespace PreferenceStore;
   TempDir root;
-  const std::string directory = PreferencesOf(root);
+  const std::string& dir = root.path();
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
-      for (int k = 0; k < 10; ++k) {
-        PreferenceStore::setValue(std::to_string(t * 10 + k), PlistValue(k), "d", directory);
-      }
+      for (int k = 0; k < 10; ++k) setValue(std::to_string(t * 10 + k), k, "d", dir);
     });
   }
   for (std::thread& t : threads) t.join();
-  EXPECT_TRUE(PreferenceStore::synchronize("d", directory));
-  EXPECT_EQ(ReadPropertyListDictionary(directory + "/d.plist").value_or(PlistDictionary{}).size(), 40u);
+  EXPECT_TRUE(synchronize("d", dir));
+  EXPECT_EQ(ReadPropertyListDictionary(dir + "/d.plist").value_or(PlistDictionary{}).size(), 40u);
 
-  EXPECT_TRUE(PreferenceStore::setValue("13", std::nullopt, "d", directory));
-  EXPECT_EQ(PreferenceStore::copyValue("13", "d", directory), std::nullopt);
-  EXPECT_EQ(PreferenceStore::copyValue("23", "d", directory), PlistValue(3));
-  EXPECT_FALSE(PreferenceStore::setValue("k", PlistValue(1), "../escape", directory));
+  EXPECT_TRUE(setValue("13", std::nullopt, "d", dir));
+  EXPECT_EQ(copyValue("13", "d", dir), std::nullopt);
+  EXPECT_EQ(copyValue("23", "d", dir), PlistValue(3));
+  EXPECT_FALSE(setValue("k", PlistValue(1), "../escape", dir));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // The sinks the host writes the two logs to.
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 #include <set>
@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "platform/LogSinks.h"
-#include "platform/UniqueFd.h"
 #include "support/TempDir.h"
 
 namespace vx {
@@ -16,54 +15,29 @@ namespace {
 
 using nlohmann::json;
 
-LogRecord InstallerRecord(std::string message, int level = 5) {
-  LogRecord r;
-  r.time = std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000123));
-  r.log = LogKind::Installer;
-  r.level = level;
-  r.function = "-[VXFileManager removeItemAtURL:error:]";
-  r.message = std::move(message);
-  return r;
-}
+// Its milliseconds need their leading zeros.
+const std::chrono::system_clock::time_point kTime{std::chrono::milliseconds(1700000000005)};
 
-LogRecord MigrationRecord(std::string message, int level = 5) {
-  LogRecord r = InstallerRecord(std::move(message), level);
-  r.log = LogKind::Migration;
-  r.category = "Transhifter";
-  r.function = "-[VXAppMigrator performMigration]";
-  r.file = "AppMigrator/AppMigrator";
-  r.line = 42;
-  return r;
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
+// An installer record carries only a function; a migration record says where it came from.
+LogRecord Record(LogKind log, const std::string& message, int level = 5) {
+  if (log == LogKind::Installer) return {kTime, log, level, {}, "-[FM remove]", {}, {}, message};
+  return {kTime, log, level, "Transhifter", "-[AM migrate]", "AM/AM", 42, message};
 }
 
 TEST(LogSinksTest, JsonLineHasExactlyTheAgreedKeysAndNulls) {
-  const json installer = json::parse(FormatJsonLogLine(InstallerRecord("a\nb")));
-  EXPECT_EQ(installer,
-            (json{{"time", "2023-11-14T22:13:20.123Z"}, {"log", "installer"}, {"level", 5},
-                  {"category", nullptr}, {"function", "-[VXFileManager removeItemAtURL:error:]"},
-                  {"file", nullptr}, {"line", nullptr}, {"message", "a\nb"}}));
-  const json migration = json::parse(FormatJsonLogLine(MigrationRecord("done", 3)));
-  EXPECT_EQ(migration["log"], "migration");
-  EXPECT_EQ(migration["level"], 3);
-  EXPECT_EQ(migration["category"], "Transhifter");
-  EXPECT_EQ(migration["file"], "AppMigrator/AppMigrator");
-  EXPECT_EQ(migration["line"], 42);
+  EXPECT_EQ(json::parse(FormatJsonLogLine(Record(LogKind::Installer, "a\nb"))),
+            json::parse(R"({"time": "2023-11-14T22:13:20.005Z", "log": "installer", "level": 5,
+                "category": null, "function": "-[FM remove]", "file": null, "line": null,
+                "message": "a\nb"})"));
+  EXPECT_EQ(json::parse(FormatJsonLogLine(Record(LogKind::Migration, "done", 3))),
+            json::parse(R"({"time": "2023-11-14T22:13:20.005Z", "log": "migration", "level": 3,
+                "category": "Transhifter", "function": "-[AM migrate]", "file": "AM/AM",
+                "line": 42, "message": "done"})"));
 
   // A path that is not UTF-8 still makes one valid line rather than an exception.
-  const std::string line = FormatJsonLogLine(InstallerRecord("bad \xff\xfe path"));
+  const std::string line = FormatJsonLogLine(Record(LogKind::Installer, "bad \xff\xfe path"));
   EXPECT_EQ(line.find('\n'), line.size() - 1);
   EXPECT_FALSE(json::parse(line, nullptr, false).is_discarded());
-
-  // Milliseconds keep their leading zeros.
-  EXPECT_EQ(FormatLogTime(std::chrono::system_clock::time_point(std::chrono::milliseconds(5))),
-            "1970-01-01T00:00:00.005Z");
 }
 
 TEST(LogSinksTest, TextFilesTakeTheirOwnLogAndAppend) {
@@ -73,19 +47,13 @@ TEST(LogSinksTest, TextFilesTakeTheirOwnLogAndAppend) {
   auto migration = TextLogFileSink::Open(dir / "migration.log", LogKind::Migration, nullptr);
   ASSERT_TRUE(installer && migration);
   for (LogSink* sink : std::vector<LogSink*>{installer.get(), migration.get()}) {
-    sink->Write(InstallerRecord("removed it"));
-    sink->Write(MigrationRecord("two\nlines"));
+    sink->Write(Record(LogKind::Installer, "removed it"));
+    sink->Write(Record(LogKind::Migration, "two\nlines"));
   }
-
-  EXPECT_EQ(Lines(test::ReadFile(dir / "installer.log")),
-            (std::vector<std::string>{
-                "earlier line",
-                "2023-11-14T22:13:20.123Z <5> -[VXFileManager removeItemAtURL:error:]: "
-                "removed it"}));
-  EXPECT_EQ(Lines(test::ReadFile(dir / "migration.log")),
-            (std::vector<std::string>{"2023-11-14T22:13:20.123Z <5> [Transhifter] "
-                                      "AppMigrator/AppMigrator:42 -[VXAppMigrator "
-                                      "performMigration]: two\\nlines"}));
+  EXPECT_EQ(test::ReadFile(dir / "installer.log"),
+            "earlier line\n2023-11-14T22:13:20.005Z <5> -[FM remove]: removed it\n");
+  EXPECT_EQ(test::ReadFile(dir / "migration.log"),
+            "2023-11-14T22:13:20.005Z <5> [Transhifter] AM/AM:42 -[AM migrate]: two\\nlines\n");
 
   int error = 0;
   EXPECT_FALSE(TextLogFileSink::Open(dir / "no/such/dir/x.log", LogKind::Installer, &error));
@@ -97,52 +65,42 @@ TEST(LogSinksTest, ConcurrentWritersNeverSplitARecord) {
   auto sink = JsonLinesLogSink::Open(dir / "log.jsonl", nullptr);
   ASSERT_TRUE(sink);
   constexpr int kThreads = 4, kRecords = 150;
-  // Long enough that a torn write would show.
-  const std::string padding(1500, 'x');
+  const std::string padding(1500, 'x');  // long enough that a torn write would show
   {
     std::vector<std::jthread> writers;
     for (int t = 0; t < kThreads; ++t) {
       writers.emplace_back([&, t] {
         for (int i = 0; i < kRecords; ++i) {
-          sink->Write(MigrationRecord(std::to_string(t) + ":" + std::to_string(i) + padding));
+          sink->Write(Record(LogKind::Migration, std::to_string(t * kRecords + i) + padding));
         }
       });
     }
   }
-  const auto lines = Lines(test::ReadFile(dir / "log.jsonl"));
-  ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kRecords));
   std::set<std::string> seen;
-  for (const std::string& line : lines) {
+  std::istringstream lines(test::ReadFile(dir / "log.jsonl"));
+  for (std::string line; std::getline(lines, line);) {
     const json record = json::parse(line, nullptr, false);
     ASSERT_FALSE(record.is_discarded()) << line.substr(0, 80);
     seen.insert(record["message"].get<std::string>());
   }
-  EXPECT_EQ(seen.size(), lines.size());
+  EXPECT_EQ(seen.size(), static_cast<size_t>(kThreads * kRecords));
 }
 
 TEST(LogSinksTest, TerminalShowsLevelsUpToItsThreshold) {
-  auto shown = [](int maxLevel, bool eraseLine) {
-    int fds[2];
-    EXPECT_EQ(::pipe(fds), 0);
-    UniqueFd readEnd(fds[0]), writeEnd(fds[1]);
-    {
-      TerminalLogSink sink(writeEnd.get(), maxLevel, eraseLine);
-      sink.Write(MigrationRecord("broke", 3));
-      sink.Write(MigrationRecord("moving on", 5));
-      sink.Write(InstallerRecord("looked", 7));
-    }
-    writeEnd.reset();
-    std::string text;
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(readEnd.get(), buffer, sizeof buffer)) > 0;) text.append(buffer, n);
-    return text;
+  test::TempDir dir;
+  auto shown = [&](int maxLevel, bool eraseLine) {
+    const UniqueFd out(::open((dir / "terminal").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+    TerminalLogSink sink(out.get(), maxLevel, eraseLine);
+    sink.Write(Record(LogKind::Migration, "broke", 3));
+    sink.Write(Record(LogKind::Migration, "moving on", 5));
+    sink.Write(Record(LogKind::Installer, "looked", 7));
+    return test::ReadFile(dir / "terminal");
   };
-  EXPECT_EQ(shown(3, false), "error: broke\n");
   EXPECT_EQ(shown(5, false), "error: broke\nnotice: moving on\n");
-  EXPECT_EQ(shown(7, false),
-            "error: broke\nnotice: moving on\n"
-            "debug: -[VXFileManager removeItemAtURL:error:]: looked\n");
-  EXPECT_EQ(shown(3, true), "\r\033[Kerror: broke\n");
+  // Erasing the terminal line comes before every record.
+  EXPECT_EQ(
+      shown(7, true),
+      "\r\033[Kerror: broke\n\r\033[Knotice: moving on\n\r\033[Kdebug: -[FM remove]: looked\n");
 }
 
 }  // namespace

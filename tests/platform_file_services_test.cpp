@@ -1,6 +1,5 @@
 // The Linux file services under the file manager: removal, copy, directory chains and
 // protection classes, on real trees.
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -27,16 +26,9 @@
 namespace vx {
 namespace {
 
-using test::Exists;
-using test::MakeDirs;
-using test::MakeSymlink;
-using test::ReadFile;
-using test::TempDir;
-using test::WriteFile;
+using namespace test;
 
-struct DisarmAtEnd {
-  ~DisarmAtEnd() { fault::Disarm(); }
-};
+struct DisarmAtEnd { ~DisarmAtEnd() { fault::Disarm(); } };
 
 struct Reports {
   std::vector<std::pair<std::string, int>> items;
@@ -68,22 +60,18 @@ struct stat Lstat(const std::string& path) {
   return st;
 }
 
-// Holds the soft descriptor limit at `extra` above the highest descriptor now open.
-class DescriptorBudget {
- public:
+// Holds the soft descriptor limit at `extra` above the lowest free descriptor: new ones
+// can only take that many slots.
+struct DescriptorBudget {
+  struct rlimit saved {};
   explicit DescriptorBudget(int extra) {
-    ::getrlimit(RLIMIT_NOFILE, &saved_);
-    int highest = 0;
-    UniqueDir dir(::opendir("/proc/self/fd"));
-    while (const dirent* e = ::readdir(dir.get())) highest = std::max(highest, std::atoi(e->d_name));
-    struct rlimit tight = saved_;
-    tight.rlim_cur = static_cast<rlim_t>(highest + 1 + extra);
+    ::getrlimit(RLIMIT_NOFILE, &saved);
+    const int lowestFree = ::open("/", O_RDONLY);
+    ::close(lowestFree);
+    const struct rlimit tight = {static_cast<rlim_t>(lowestFree + extra), saved.rlim_max};
     ::setrlimit(RLIMIT_NOFILE, &tight);
   }
-  ~DescriptorBudget() { ::setrlimit(RLIMIT_NOFILE, &saved_); }
-
- private:
-  struct rlimit saved_ {};
+  ~DescriptorBudget() { ::setrlimit(RLIMIT_NOFILE, &saved); }
 };
 
 // Deep trees take seconds on this disk and a fraction of that in memory.
@@ -100,82 +88,82 @@ void MakeChain(const std::string& top, int levels) {
   }
 }
 
+// `x` is the source's as it was before the copy: reading it may have moved its atime since.
+void ExpectSameMetadata(const struct stat& x, const std::string& copy) {
+  const struct stat y = Lstat(copy);
+  EXPECT_EQ(std::tie(x.st_mode, x.st_uid, x.st_gid, x.st_mtim.tv_sec, x.st_mtim.tv_nsec, x.st_atim.tv_nsec),
+            std::tie(y.st_mode, y.st_uid, y.st_gid, y.st_mtim.tv_sec, y.st_mtim.tv_nsec, y.st_atim.tv_nsec)) << copy;
+}
+
+std::string Attribute(const std::string& path, const char* name) {
+  char value[64];
+  const ssize_t n = ::lgetxattr(path.c_str(), name, value, sizeof value);
+  return n < 0 ? std::strerror(errno) : std::string(value, n);
+}
+
 TEST(PurgeTreeTest, RemovesTreesButNeverWhatLinksPointTo) {
   TempDir t;
   WriteFile(t / "outside/kept", "keep");
   WriteFile(t / "tree/a/b/file", "x");
-  MakeDirs(t / "tree/empty");
-  MakeSymlink(t / "outside/kept", t / "tree/a/to-file");
   MakeSymlink(t / "outside", t / "tree/a/b/to-dir");
   MakeSymlink(t / "outside", t / "top-link");
   Reports reports;
-  EXPECT_EQ(Purge(t / "tree", &reports), 0);
-  EXPECT_FALSE(Exists(t / "tree"));
   // Named with a trailing slash, a link is still the link, not the directory behind it.
-  EXPECT_EQ(Purge(t / "top-link/", &reports), 0);
-  EXPECT_FALSE(Exists(t / "top-link"));
+  for (const char* p : {"tree", "top-link/"}) EXPECT_EQ(Purge(t / p, &reports), 0) << p;
+  EXPECT_FALSE(Exists(t / "tree") || Exists(t / "top-link"));
   EXPECT_EQ(ReadFile(t / "outside/kept"), "keep");
 
   EXPECT_EQ(Purge(t / "tree", &reports), ENOENT);
   EXPECT_TRUE(reports.items.empty()) << "an absent path is no item that failed";
   EXPECT_EQ(Purge(t / "outside", &reports, false), ENOTEMPTY);
-  int error = 0;
-  EXPECT_EQ(purgetree_state_get_error(PurgeTreeStateHandle(purgetree_state_alloc()).get(), &error), -1)
-      << "outside the callback no failure is being reported";
 }
 
 TEST(PurgeTreeTest, ReportsEachStuckItemAndRemovesTheRest) {
   TempDir t;
   DisarmAtEnd disarm;
-  auto arrange = [&] {
-    for (const char* p : {"tree/d/one", "tree/two", "tree/three"}) WriteFile(t / p, "x");
-  };
-  auto filesLeft = [&] { return Exists(t / "tree/d/one") + Exists(t / "tree/two") + Exists(t / "tree/three"); };
-
-  arrange();
-  Reports reports;
-  fault::Arm(1, fault::Action::Fail, EPERM);
-  EXPECT_EQ(Purge(t / "tree", &reports), EPERM);
-  ASSERT_EQ(reports.items.size(), 1u) << "the directories that keep it are not reported";
-  EXPECT_EQ(reports.items[0].second, EPERM);
-  EXPECT_TRUE(Exists(reports.items[0].first));
-  EXPECT_EQ(filesLeft(), 1);
-
-  // An item that "vanished" while still there: reported as ENOENT, no failure, and its
-  // directory is read again so that nothing stays.
-  arrange();
-  reports = {};
-  fault::Arm(1, fault::Action::Fail, ENOENT);
-  EXPECT_EQ(Purge(t / "tree", &reports), 0);
+  const char* files[] = {"tree/d/one", "tree/two", "tree/three"};
+  auto filesLeft = [&] { return std::count_if(files, files + 3, [&](const char* f) { return Exists(t / f); }); };
+  // The first removal in a fresh tree fails: with EPERM while the callback lets the removal
+  // go on, with EIO while it stops it at once, and with ENOENT as for an item that vanished
+  // (yet is still there), which is no failure: its directory is read again.
+  for (const int error : {EPERM, EIO, ENOENT}) {
+    for (const char* f : files) WriteFile(t / f, "x");
+    Reports reports;
+    if (error == EIO) reports.decision = PurgeTreeDecision::Stop;
+    fault::Arm(1, fault::Action::Fail, error);
+    EXPECT_EQ(Purge(t / "tree", &reports), error == ENOENT ? 0 : error);
+    ASSERT_EQ(reports.items.size(), 1u) << "the directories that keep it are not reported";
+    EXPECT_EQ(reports.items[0].second, error);
+    EXPECT_EQ(Exists(reports.items[0].first), error != ENOENT) << error;
+    EXPECT_EQ(filesLeft(), error == EPERM ? 1 : error == EIO ? 3 : 0) << error;
+  }
   EXPECT_FALSE(Exists(t / "tree"));
-  EXPECT_EQ(reports.items.size(), 1u);
-
-  arrange();
-  reports = {};
-  reports.decision = PurgeTreeDecision::Stop;
-  fault::Arm(1, fault::Action::Fail, EIO);
-  EXPECT_EQ(Purge(t / "tree", &reports), EIO);
-  EXPECT_EQ(filesLeft(), 3) << "Stop ends the removal at once";
 }
 
 TEST(PurgeTreeTest, DirectoryWithoutWritePermissionKeepsItsEntries) {
-  if (test::RunningAsRoot()) GTEST_SKIP() << "root may remove from any directory";
+  if (RunningAsRoot()) GTEST_SKIP() << "root may remove from any directory";
   TempDir t;
   WriteFile(t / "tree/locked/f", "x");
-  WriteFile(t / "tree/free", "y");
   ASSERT_EQ(::chmod((t / "tree/locked").c_str(), 0555), 0);
   Reports reports;
   EXPECT_EQ(Purge(t / "tree", &reports), EACCES);
-  ASSERT_EQ(reports.items.size(), 1u);
-  EXPECT_EQ(reports.items[0], std::make_pair(t / "tree/locked/f", EACCES));
-  EXPECT_FALSE(Exists(t / "tree/free"));
+  EXPECT_EQ(reports.items, (std::vector{std::pair(t / "tree/locked/f", EACCES)}));
 }
 
-TEST(PurgeTreeTest, TenThousandLevelsWithABoundedNumberOfDescriptors) {
+// Deeper than both the descriptor budget and PATH_MAX: both walk by descriptors.
+TEST(DeepTreeTest, CopiedAndRemovedWithABoundedNumberOfDescriptors) {
   TempDir t(FastestTemporaryParent());
   DisarmAtEnd disarm;
-  MakeChain(t / "deep", 10000);
+  MakeChain(t / "deep", 3000);
+  const struct stat before = Lstat(t / "deep/d/d");
   DescriptorBudget budget(100);
+  ASSERT_EQ(Clone(t / "deep", t / "copy"), 0);
+  UniqueFd fd(::open((t / "copy").c_str(), O_RDONLY | O_DIRECTORY));
+  int depth = 0;
+  while (fd && (fd = UniqueFd(::openat(fd.get(), "d", O_RDONLY | O_DIRECTORY)))) ++depth;
+  EXPECT_EQ(depth, 3000);
+  ExpectSameMetadata(before, t / "copy/d/d");
+
   // A failure deep down (past the few files unlinked on the way down): everything around it
   // goes, its ancestors stay and are not reported.
   Reports reports;
@@ -183,28 +171,9 @@ TEST(PurgeTreeTest, TenThousandLevelsWithABoundedNumberOfDescriptors) {
   EXPECT_EQ(Purge(t / "deep", &reports), EPERM);
   fault::Disarm();
   ASSERT_EQ(reports.items.size(), 1u);
-  EXPECT_GT(reports.items[0].first.size(), 19000u);
-  EXPECT_EQ(Purge(t / "deep", &reports), 0);
-  EXPECT_FALSE(Exists(t / "deep"));
-}
-
-void SetTimes(const std::string& path, long seconds) {
-  const struct timespec times[2] = {{seconds, 123456789}, {seconds + 100, 987654321}};
-  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
-}
-
-// `x` is the source's as it was before the copy: reading it may have moved its atime since.
-void ExpectSameMetadata(const struct stat& x, const std::string& copy) {
-  const struct stat y = Lstat(copy);
-  EXPECT_EQ(std::tie(x.st_mode, x.st_uid, x.st_gid), std::tie(y.st_mode, y.st_uid, y.st_gid)) << copy;
-  EXPECT_EQ(std::tie(x.st_mtim.tv_sec, x.st_mtim.tv_nsec, x.st_atim.tv_nsec),
-            std::tie(y.st_mtim.tv_sec, y.st_mtim.tv_nsec, y.st_atim.tv_nsec)) << copy;
-}
-
-std::string Attribute(const std::string& path, const char* name) {
-  char value[64];
-  const ssize_t n = ::lgetxattr(path.c_str(), name, value, sizeof value);
-  return n < 0 ? std::strerror(errno) : std::string(value, n);
+  EXPECT_GT(reports.items[0].first.size(), 5000u);
+  EXPECT_EQ(Purge(t / "deep", &reports) + Purge(t / "copy", &reports), 0);
+  EXPECT_FALSE(Exists(t / "deep") || Exists(t / "copy"));
 }
 
 TEST(CloneTreeTest, CopiesDataLinksAttributesModesAndTimes) {
@@ -217,21 +186,22 @@ TEST(CloneTreeTest, CopiesDataLinksAttributesModesAndTimes) {
   MakeSymlink("../file", t / "src/dir/link");
   MakeSymlink("/nonexistent/target", t / "src/dangling");
   ASSERT_EQ(::mkfifo((t / "src/fifo").c_str(), 0600), 0);
-  ASSERT_EQ(::chmod((t / "src/file").c_str(), 0640), 0);
-  ASSERT_EQ(::chmod((t / "src/dir").c_str(), 0750), 0);
+  ASSERT_EQ(::chmod((t / "src/file").c_str(), 0640) + ::chmod((t / "src/dir").c_str(), 0750), 0);
   ASSERT_EQ(::lsetxattr((t / "src/file").c_str(), "user.test", "abc", 3, 0), 0);
   ASSERT_EQ(::lsetxattr((t / "src/dir").c_str(), "user.dir", "1", 1, 0), 0);
   const std::string paths[] = {"file", "dir/big", "hard1", "dir/link", "dangling", "dir", ""};
+  const struct timespec times[2] = {{1'000'000'000, 123456789}, {1'000'000'100, 987654321}};
   std::vector<struct stat> before;
-  for (const std::string& p : paths) SetTimes(t / ("src/" + p), 1'000'000'000);
-  for (const std::string& p : paths) before.push_back(Lstat(t / ("src/" + p)));
+  for (const std::string& p : paths) {
+    ASSERT_EQ(::utimensat(AT_FDCWD, (t / ("src/" + p)).c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << p;
+    before.push_back(Lstat(t / ("src/" + p)));
+  }
 
   ASSERT_EQ(Clone(t / "src", t / "dst"), 0);
   for (size_t i = 0; i < before.size(); ++i) ExpectSameMetadata(before[i], t / ("dst/" + paths[i]));
   EXPECT_EQ(Lstat(t / "dst/hard1").st_ino, Lstat(t / "dst/dir/hard2").st_ino) << "still one file";
   EXPECT_FALSE(Exists(t / "dst/fifo")) << "special files are left out";
-  EXPECT_EQ(Attribute(t / "dst/file", "user.test"), "abc");
-  EXPECT_EQ(Attribute(t / "dst/dir", "user.dir"), "1");
+  EXPECT_EQ(Attribute(t / "dst/file", "user.test") + Attribute(t / "dst/dir", "user.dir"), "abc1");
   EXPECT_EQ(ReadFile(t / "dst/dir/big"), big);
   EXPECT_EQ(ReadFile(t / "dst/dir/link"), "hello") << "a relative link resolves within the copy";
 }
@@ -239,13 +209,10 @@ TEST(CloneTreeTest, CopiesDataLinksAttributesModesAndTimes) {
 TEST(CloneTreeTest, ReplacesFilesMergesDirectoriesAndStopsAtTheFirstFailure) {
   TempDir t;
   DisarmAtEnd disarm;
-  WriteFile(t / "src/file", "new");
-  WriteFile(t / "src/sub/inner", "in");
-  WriteFile(t / "src/over-link", "plain");
-  WriteFile(t / "dst/file", "old content");
+  const char* files[][2] = {{"src/file", "new"}, {"src/sub/inner", "in"}, {"src/over-link", "plain"},
+                            {"dst/file", "old content"}, {"dst/sub/extra", "stays"}, {"elsewhere", "untouched"}};
+  for (const auto& [path, content] : files) WriteFile(t / path, content);
   ASSERT_EQ(::chmod((t / "dst/file").c_str(), 0444), 0);
-  WriteFile(t / "dst/sub/extra", "stays");
-  WriteFile(t / "elsewhere", "untouched");
   MakeSymlink(t / "elsewhere", t / "dst/over-link");
 
   ASSERT_EQ(Clone(t / "src", t / "dst"), 0);
@@ -258,9 +225,7 @@ TEST(CloneTreeTest, ReplacesFilesMergesDirectoriesAndStopsAtTheFirstFailure) {
   ASSERT_EQ(Clone(t / "src", t / "src/sub/copy"), 0);
   EXPECT_FALSE(Exists(t / "src/sub/copy/sub/copy"));
 
-  WriteFile(t / "plain", "x");
-  EXPECT_EQ(Clone(t / "src", t / "plain"), EEXIST) << "a file where the directory goes";
-  EXPECT_EQ(Clone(t / "missing", t / "out"), ENOENT);
+  EXPECT_EQ(Clone(t / "src", t / "elsewhere"), EEXIST) << "a file where the directory goes";
   ASSERT_EQ(::mkfifo((t / "pipe").c_str(), 0600), 0);
   EXPECT_EQ(Clone(t / "pipe", t / "pipe-copy"), ENOTSUP);
   fault::Arm(4, fault::Action::Fail, ENOSPC);
@@ -288,46 +253,12 @@ TEST(CloneTreeTest, ReplacedFileIsOldOrNewAfterACrashAtAnyStep) {
   EXPECT_TRUE(finished);
 }
 
-TEST(CloneTreeTest, CrossDeviceFromSharedMemory) {
-  TempDir t;
-  struct stat shm {};
-  if (::stat("/dev/shm", &shm) != 0 || shm.st_dev == Lstat(t.path()).st_dev) {
-    GTEST_SKIP() << "no /dev/shm on another file system than " << t.path();
-  }
-  TempDir memory("/dev/shm");
-  const std::string data(1 << 20, 'q');
-  WriteFile(memory / "src/sub/data", data);
-  MakeSymlink("sub/data", memory / "src/link");
-  SetTimes(memory / "src/sub/data", 1'234'567'890);
-  const struct stat before = Lstat(memory / "src/sub/data");
-  ASSERT_EQ(Clone(memory / "src", t / "from-shm"), 0);
-  ExpectSameMetadata(before, t / "from-shm/sub/data");
-  EXPECT_EQ(ReadFile(t / "from-shm/link"), data);
-}
-
-TEST(CloneTreeTest, DeeperThanTheDescriptorBudget) {
-  TempDir t(FastestTemporaryParent());
-  MakeChain(t / "deep", 1500);
-  const struct stat before = Lstat(t / "deep/d/d");
-  {
-    DescriptorBudget budget(100);
-    ASSERT_EQ(Clone(t / "deep", t / "copy"), 0);
-  }
-  UniqueFd fd(::open((t / "copy").c_str(), O_RDONLY | O_DIRECTORY));
-  int depth = 0;
-  while (fd && (fd = UniqueFd(::openat(fd.get(), "d", O_RDONLY | O_DIRECTORY)))) ++depth;
-  EXPECT_EQ(depth, 1500);
-  EXPECT_TRUE(Exists(t / "copy/f"));
-  ExpectSameMetadata(before, t / "copy/d/d");
-}
-
 TEST(DirChainTest, CreatesAncestorsAndNamesWhatStandsInTheWay) {
   TempDir t;
   DisarmAtEnd disarm;
   const mode_t mask = ::umask(022);
   ASSERT_EQ(dirchain((t / "a/b/c").c_str(), 0751), 0);
   for (const char* p : {"a", "a/b", "a/b/c"}) EXPECT_EQ(Lstat(t / p).st_mode, S_IFDIR | 0751) << p;
-  EXPECT_EQ(dirchain((t / "a/b/c//").c_str(), 0755), EEXIST);
   EXPECT_EQ(dirchain((t / "x//y/z/").c_str(), 0755), 0);
   MakeSymlink(t / "a", t / "via-link");
   EXPECT_EQ(dirchain((t / "via-link/new/deeper").c_str(), 0755), 0);
@@ -335,13 +266,7 @@ TEST(DirChainTest, CreatesAncestorsAndNamesWhatStandsInTheWay) {
   WriteFile(t / "file", "");
   EXPECT_EQ(dirchain((t / "file/g/h").c_str(), 0755), ENOTDIR);
   EXPECT_EQ(dirchain((t / "file").c_str(), 0755), EEXIST);
-
-  UniqueFd cwd(::open(".", O_RDONLY | O_DIRECTORY));
-  ASSERT_EQ(::chdir(t.path().c_str()), 0);
-  EXPECT_EQ(dirchain("rel/one/two", 0755), 0);
-  ASSERT_EQ(::fchdir(cwd.get()), 0);
   ::umask(mask);
-  EXPECT_TRUE(Exists(t / "rel/one/two"));
 
   // The final mkdir finds no parent (1), the parent's creation is refused (2).
   fault::Arm(2, fault::Action::Fail, EROFS);
@@ -349,36 +274,20 @@ TEST(DirChainTest, CreatesAncestorsAndNamesWhatStandsInTheWay) {
   EXPECT_FALSE(Exists(t / "m"));
 }
 
-TEST(ProtectionClassTest, DefaultSetGetBadValuesAndSharedMemory) {
+TEST(ProtectionClassTest, StoredBytesAndBadValues) {
   TempDir t;
   DisarmAtEnd disarm;
   WriteFile(t / "file", "x");
-  for (const std::string& path : {t / "file", t.path()}) {
-    UniqueFd fd(::open(path.c_str(), O_RDONLY));
-    EXPECT_EQ(GetProtectionClass(fd.get()), kDefaultProtectionClass);
-    ASSERT_EQ(SetProtectionClass(fd.get(), 4), 0) << std::strerror(errno);
-    EXPECT_EQ(GetProtectionClass(fd.get()), 4);
-    const int32_t four = 4;
-    EXPECT_EQ(Attribute(path, kProtectionClassAttribute), std::string(reinterpret_cast<const char*>(&four), 4));
-  }
   UniqueFd fd(::open((t / "file").c_str(), O_RDONLY));
+  ASSERT_EQ(SetProtectionClass(fd.get(), 4), 0) << std::strerror(errno);
+  const int32_t four = 4;
+  EXPECT_EQ(Attribute(t / "file", kProtectionClassAttribute), std::string(reinterpret_cast<const char*>(&four), 4));
   EXPECT_EQ(SetProtectionClass(fd.get(), -1) == -1 ? errno : 0, EINVAL);
   fault::Arm(1, fault::Action::Fail, EIO);
   EXPECT_EQ(SetProtectionClass(fd.get(), 2) == -1 ? errno : 0, EIO);
   EXPECT_EQ(GetProtectionClass(fd.get()), 4) << "the refused change left the class alone";
   ASSERT_EQ(::fsetxattr(fd.get(), kProtectionClassAttribute, "\x01\x02", 2, 0), 0);
   EXPECT_EQ(GetProtectionClass(fd.get()) == -1 ? errno : 0, EINVAL) << "a value we never wrote";
-
-  if (::access("/dev/shm", W_OK) != 0) return;
-  TempDir memory("/dev/shm");
-  WriteFile(memory / "file", "x");
-  fd = UniqueFd(::open((memory / "file").c_str(), O_RDONLY));
-  if (SetProtectionClass(fd.get(), 3) == 0) {
-    EXPECT_EQ(GetProtectionClass(fd.get()), 3);
-  } else {
-    EXPECT_EQ(errno, ENOTSUP) << "a tmpfs without user attributes says so";
-    EXPECT_EQ(GetProtectionClass(fd.get()) == -1 ? errno : 0, ENOTSUP);
-  }
 }
 
 }  // namespace

@@ -15,8 +15,7 @@
 namespace vx {
 namespace {
 
-using test::Exists;
-using test::ReadFile;
+using namespace test;
 
 constexpr const char* kIdentifier = "com.example.crash";
 constexpr uint64_t kMaxSteps = 1000;
@@ -27,31 +26,27 @@ struct Scenario {
   explicit Scenario(bool withPlaceholder) : withPlaceholder(withPlaceholder) {
     DeviceWorkspace workspace(device.path());
     if (withPlaceholder) {
-      const std::string placeholder =
-          test::MakeBundle(device / "tmp/crash.app", {.identifier = kIdentifier});
-      EXPECT_TRUE(workspace.installApplication(FileURL::fileURLWithPath(placeholder, true),
-                                               test::PlaceholderOptions(kIdentifier), nullptr));
+      EXPECT_TRUE(
+          InstallPlaceholder(workspace, device / "tmp/crash.app", {.identifier = kIdentifier}));
       auto proxy = workspace.bundleProxyForIdentifier(kIdentifier);
-      test::WriteFile(proxy->dataContainerURL->path() + "/Documents/keep.txt", "kept");
+      WriteFile(proxy->dataContainerURL->path() + "/Documents/keep.txt", "kept");
     }
-    staging = test::MakeCustomerPackage(device / "Staging", "Crash.app",
-                                        {.identifier = kIdentifier,
-                                         .version = "2.0",
-                                         .groups = {"group.crash"},
-                                         .executable = "real"});
+    staging = MakeCustomerPackage(
+        device / "Staging", "Crash.app",
+        {.identifier = kIdentifier, .groups = {"group.crash"}, .executable = "real"});
   }
 
   bool install() {
-    DeviceWorkspace workspace(device.path());
-    return workspace.installApplication(FileURL::fileURLWithPath(staging, true),
-                                        test::MigratorCustomerOptions(kIdentifier), nullptr);
+    return DeviceWorkspace(device.path())
+        .installApplication(FileURL::fileURLWithPath(staging, true),
+                            MigratorCustomerOptions(kIdentifier), nullptr);
   }
 
   // Counted on disk: the index would show only one of two.
   size_t dataContainersOnDisk() const {
     const FileURL data = WorkspaceLayout(device.path()).directoryForClass(ContainerClass::Data);
     size_t count = 0;
-    for (const std::string& name : test::ContainerNames(data.path())) {
+    for (const std::string& name : ContainerNames(data.path())) {
       auto record = WorkspaceLayout::readRecord(data.URLByAppendingPathComponent(name, true));
       count += record && record->identifier == kIdentifier;
     }
@@ -83,84 +78,74 @@ struct Scenario {
 
   // A later installation finishes the job and leaves nothing of the interrupted one.
   void expectRecovery() {
-    if (Exists(staging)) {
-      EXPECT_TRUE(install());
-    } else {
-      // Something else to install, so that the workspace cleans up on its way.
-      DeviceWorkspace workspace(device.path());
-      const std::string other = test::MakeCustomerPackage(device / "Other", "Other.app",
-                                                          {.identifier = "com.example.other"});
-      EXPECT_TRUE(workspace.installApplication(FileURL::fileURLWithPath(other, true),
-                                               test::MigratorCustomerOptions("com.example.other"),
-                                               nullptr));
-    }
-    EXPECT_TRUE(expectOldOrNew());
     DeviceWorkspace workspace(device.path());
-    const WorkspaceIndex index = ScanWorkspace(workspace.layout());
-    EXPECT_TRUE(index.abandoned.empty());
-    EXPECT_TRUE(index.superseded.empty());
+    // With the package consumed, something else to install, so that the workspace cleans up
+    // on its way.
+    EXPECT_TRUE(Exists(staging) ? install()
+                                : InstallCustomerPackage(workspace, device / "Other", "Other.app",
+                                                         {.identifier = "com.example.other"}));
+    EXPECT_TRUE(expectOldOrNew());
+    const WorkspaceIndex index = ScanWorkspace(WorkspaceLayout(device.path()));
+    EXPECT_TRUE(index.abandoned.empty() && index.superseded.empty());
     EXPECT_EQ(index.groupContainers.size(), 1u);
-    for (const char* kind : {"Bundles", "Data", "Groups"}) {
-      for (const std::string& name : test::DirectoryEntries(
-               device / (std::string("private/var/mobile/Containers/") + kind))) {
+    for (const std::string kind : {"Bundles", "Data", "Groups"}) {
+      for (const std::string& name :
+           DirectoryEntries(device / ("private/var/mobile/Containers/" + kind))) {
         EXPECT_NE(name.front(), '.') << kind << "/" << name;
       }
     }
   }
 
   const bool withPlaceholder;
-  test::TempDir device;
+  TempDir device;
   std::string staging;
 };
 
-TEST(WorkspaceCrashTest, FailureAtEveryStepLeavesOldOrNew) {
+// Cuts the installation off at step 1, 2, ... until it runs to its end; `runCutOffAt` says
+// whether the step was reached.
+template <typename RunCutOffAt>
+void CutOffAtEveryStep(RunCutOffAt runCutOffAt) {
   for (bool withPlaceholder : {true, false}) {
     uint64_t step = 1;
     for (; step < kMaxSteps; ++step) {
       SCOPED_TRACE(testing::Message() << "placeholder " << withPlaceholder << ", step " << step);
       Scenario scenario(withPlaceholder);
-      fault::Arm(step, fault::Action::Fail, EIO);
-      const bool installed = scenario.install();
-      const bool fired = fault::MutationCount() >= step;
-      fault::Disarm();
-      // A reported failure means nothing changed; a reported success means it is all there.
-      EXPECT_EQ(scenario.expectOldOrNew(), installed);
+      const bool reached = runCutOffAt(scenario, step);
       scenario.expectRecovery();
-      if (!fired) break;
-      if (HasFailure()) return;
+      if (testing::Test::HasFailure()) return;
+      if (!reached) break;
     }
-    EXPECT_GT(step, 10u);
-    EXPECT_LT(step, kMaxSteps);
+    EXPECT_TRUE(step > 10 && step < kMaxSteps) << step;
   }
 }
 
+TEST(WorkspaceCrashTest, FailureAtEveryStepLeavesOldOrNew) {
+  CutOffAtEveryStep([](Scenario& scenario, uint64_t step) {
+    fault::Arm(step, fault::Action::Fail, EIO);
+    const bool installed = scenario.install();
+    const bool fired = fault::MutationCount() >= step;
+    fault::Disarm();
+    // A reported failure means nothing changed; a reported success means it is all there.
+    EXPECT_EQ(scenario.expectOldOrNew(), installed);
+    return fired;
+  });
+}
+
 TEST(WorkspaceCrashTest, CrashAtEveryStepLeavesOldOrNew) {
-  for (bool withPlaceholder : {true, false}) {
-    uint64_t step = 1;
-    for (; step < kMaxSteps; ++step) {
-      SCOPED_TRACE(testing::Message() << "placeholder " << withPlaceholder << ", step " << step);
-      Scenario scenario(withPlaceholder);
-      const pid_t child = ::fork();
-      ASSERT_GE(child, 0);
-      if (child == 0) {
-        fault::Arm(step, fault::Action::Crash, 0);
-        ::_exit(scenario.install() ? 0 : 1);
-      }
-      int status = 0;
-      ASSERT_EQ(::waitpid(child, &status, 0), child);
-      const bool crashed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-      if (!crashed) {
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-        EXPECT_TRUE(scenario.expectOldOrNew());
-        break;
-      }
-      scenario.expectOldOrNew();
-      scenario.expectRecovery();
-      if (HasFailure()) return;
+  CutOffAtEveryStep([](Scenario& scenario, uint64_t step) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      fault::Arm(step, fault::Action::Crash, 0);
+      ::_exit(scenario.install() ? 0 : 1);
     }
-    EXPECT_GT(step, 10u);
-    EXPECT_LT(step, kMaxSteps);
-  }
+    int status = 0;
+    EXPECT_TRUE(child > 0 && ::waitpid(child, &status, 0) == child);
+    const bool crashed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    const bool isNew = scenario.expectOldOrNew();
+    // An installation the crash never reached finished the job.
+    EXPECT_TRUE(crashed || (WIFEXITED(status) && WEXITSTATUS(status) == 0 && isNew));
+    return crashed;
+  });
 }
 
 }  // namespace

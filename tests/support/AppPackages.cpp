@@ -48,6 +48,19 @@ PlistDictionary PlaceholderOptions(const std::string& identifier) {
           {"SkipBlacklist", true}};
 }
 
+bool InstallCustomerPackage(AppWorkspace& workspace, const std::string& staging,
+                            const std::string& appName, const TestBundle& app) {
+  MakeCustomerPackage(staging, appName, app);
+  return workspace.installApplication(FileURL::fileURLWithPath(staging, true),
+                                      MigratorCustomerOptions(app.identifier), nullptr);
+}
+
+bool InstallPlaceholder(AppWorkspace& workspace, const std::string& path,
+                        const TestBundle& bundle) {
+  return workspace.installApplication(FileURL::fileURLWithPath(MakeBundle(path, bundle), true),
+                                      PlaceholderOptions(bundle.identifier), nullptr);
+}
+
 std::vector<std::string> DirectoryEntries(const std::string& directory) {
   std::vector<std::string> names;
   std::error_code ec;

@@ -8,6 +8,10 @@
 
 #include "support/PlistValue.h"
 
+namespace vx {
+class AppWorkspace;
+}
+
 namespace vx::test {
 
 struct TestBundle {
@@ -29,6 +33,12 @@ std::string MakeCustomerPackage(const std::string& staging, const std::string& a
 // The options the migration installs a staged application with.
 PlistDictionary MigratorCustomerOptions(const std::string& identifier);
 PlistDictionary PlaceholderOptions(const std::string& identifier);
+
+// Stages `app` as a customer package at `staging` and installs it with the migration's options.
+bool InstallCustomerPackage(AppWorkspace& workspace, const std::string& staging,
+                            const std::string& appName, const TestBundle& app);
+// Makes `bundle` at `path` and installs it as a placeholder.
+bool InstallPlaceholder(AppWorkspace& workspace, const std::string& path, const TestBundle& bundle);
 
 // Names of the containers in one container directory (hidden leftovers excluded).
 std::vector<std::string> ContainerNames(const std::string& classDirectory);

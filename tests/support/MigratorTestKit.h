@@ -1,14 +1,25 @@
-// What the plug-in's tests share: the old container root on the test device, and the check
-// of a migration-log record.
+// What the plug-in's tests share: a fresh test device with the plug-in and a log capture, the
+// old layout's paths, and the check of a migration-log record.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <map>
+#include <memory>
 #include <string>
 
+#include "AppMigrator/VXAppMigrator.h"
+#include "platform/PlistFile.h"
 #include "support/LogCapture.h"
+#include "support/TempDir.h"
 #include "support/TestDevice.h"
 
 namespace vx::test {
+
+inline const std::string kMarker = "/com.tarsel.velotrix.container_migrator.plist";
+inline const std::string kInstallMap =
+    "private/var/mobile/Library/Caches/com.tarsel.velotrix.plist";
 
 inline std::string OldContainer(const std::string& name) {
   return DevicePath("private/var/mobile/Applications/" + name);
@@ -16,15 +27,46 @@ inline std::string OldContainer(const std::string& name) {
 
 inline FileURL Dir(const std::string& path) { return FileURL::fileURLWithPath(path, true); }
 
-// Exactly one record says `message`, and it came from the plug-in's `operation` at `level`.
-inline bool LoggedOnce(const LogCapture& log, int level, const std::string& message,
-                       const std::string& operation) {
-  const auto records = log.records();
-  const auto same = [&](const LogRecord& r) { return r.message == message; };
-  const auto it = std::find_if(records.begin(), records.end(), same);
-  return std::count_if(records.begin(), records.end(), same) == 1 &&
-         it->log == LogKind::Migration && it->level == level && it->function == operation &&
-         it->file == "AppMigrator/AppMigrator" && it->category == "Transhifter";
+inline void WriteInstallMap(const PlistDictionary& map) {
+  MakeDirs(DevicePath("private/var/mobile/Library/Caches"));
+  ASSERT_TRUE(WritePropertyListFile(DevicePath(kInstallMap), PlistValue(map)));
 }
+
+// An install map whose "GroupContainers" names each group's old container by device path.
+inline PlistDictionary GroupMap(const std::map<std::string, std::string>& containers) {
+  PlistDictionary groups;
+  for (const auto& [group, path] : containers) groups[group] = PlistDictionary{{"Container", path}};
+  return {{"GroupContainers", groups}};
+}
+
+class MigratorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ResetTestDevice();
+    create();
+  }
+  void create() { ASSERT_TRUE(migrator = VXAppMigrator::create()); }
+
+  // Exactly one record says "VXAppMigrator: `message`", and it came from the plug-in's
+  // `operation` at `level`.
+  ::testing::AssertionResult Logged(
+      int level, const std::string& message,
+      const std::string& operation = "-[VXAppMigrator performMigration]") const {
+    const auto records = log.records();
+    const auto same = [&](const LogRecord& r) { return r.message == "VXAppMigrator: " + message; };
+    const auto n = std::count_if(records.begin(), records.end(), same);
+    if (n != 1) return ::testing::AssertionFailure() << n << " records of \"" << message << "\"";
+    const LogRecord& r = *std::find_if(records.begin(), records.end(), same);
+    if (r.log != LogKind::Migration || r.level != level || r.function != operation ||
+        r.file != "AppMigrator/AppMigrator" || r.category != "Transhifter" || !r.line) {
+      return ::testing::AssertionFailure()
+             << "\"" << message << "\" at level " << r.level << " from " << r.function;
+    }
+    return ::testing::AssertionSuccess();
+  }
+
+  std::unique_ptr<VXAppMigrator> migrator;
+  LogCapture log;
+};
 
 }  // namespace vx::test

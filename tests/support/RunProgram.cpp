@@ -1,8 +1,10 @@
 #include "support/RunProgram.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,34 +18,35 @@ extern char** environ;
 namespace vx::test {
 namespace {
 
-struct Pipe {
-  UniqueFd read;
-  UniqueFd write;
-  bool open() {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return false;
-    read.reset(fds[0]);
-    write.reset(fds[1]);
-    return true;
+// The child's standard streams are memory files rather than pipes: a child can then never
+// block on a full pipe while we wait for it, and an early exit cannot raise SIGPIPE in us.
+UniqueFd MemoryFile(const std::string& content) {
+  UniqueFd fd(::memfd_create("RunProgram", MFD_CLOEXEC));
+  const auto size = static_cast<ssize_t>(content.size());
+  if (fd && ::pwrite(fd.get(), content.data(), content.size(), 0) != size) fd.reset();
+  return fd;
+}
+
+std::string ReadAll(const UniqueFd& fd) {
+  std::string text;
+  char buffer[65536];
+  for (ssize_t r; (r = ::pread(fd.get(), buffer, sizeof buffer, text.size())) > 0;) {
+    text.append(buffer, static_cast<size_t>(r));
   }
-};
+  return text;
+}
 
 std::vector<std::string> ChildEnvironment(const RunOptions& options) {
   std::map<std::string, std::string> variables;
-  if (options.inheritEnvironment) {
-    for (char** e = environ; e && *e; ++e) {
-      const std::string entry = *e;
-      const size_t equals = entry.find('=');
-      if (equals == std::string::npos) continue;
+  for (char** e = environ; options.inheritEnvironment && e && *e; ++e) {
+    const std::string entry = *e;
+    if (const size_t equals = entry.find('='); equals != std::string::npos) {
       variables[entry.substr(0, equals)] = entry.substr(equals + 1);
     }
   }
   for (const auto& [name, value] : options.environment) {
-    if (value) {
-      variables[name] = *value;
-    } else {
-      variables.erase(name);
-    }
+    variables.erase(name);
+    if (value) variables.emplace(name, *value);
   }
   std::vector<std::string> out;
   for (const auto& [name, value] : variables) out.push_back(name + "=" + value);
@@ -57,71 +60,25 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
   return out;
 }
 
-// Only async-signal-safe calls from here to exec: the parent may have other threads.
-[[noreturn]] void BecomeChild(const std::string& program, char** argv, char** envp,
-                              const RunOptions& options, Pipe& in, Pipe& out, Pipe& err) {
-  if (::dup2(in.read.get(), STDIN_FILENO) < 0 || ::dup2(out.write.get(), STDOUT_FILENO) < 0 ||
-      ::dup2(err.write.get(), STDERR_FILENO) < 0) {
-    _exit(127);
+// False when the timeout passed before the child ended.
+bool AwaitExit(pid_t pid, std::chrono::milliseconds timeout) {
+  const UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+  if (!process) return true;  // the caller's waitpid blocks instead
+  pollfd ended{process.get(), POLLIN, 0};
+  // An interruption restarts the whole wait: the timeout only guards against a hung child.
+  int ready;
+  while ((ready = ::poll(&ended, 1, static_cast<int>(timeout.count()))) < 0 && errno == EINTR) {
   }
-  if (options.workingDirectory && ::chdir(options.workingDirectory->c_str()) != 0) _exit(127);
-  ::execve(program.c_str(), argv, envp);
-  const char message[] = "RunProgram: exec failed\n";
-  ssize_t ignored = ::write(STDERR_FILENO, message, sizeof message - 1);
-  (void)ignored;
-  _exit(127);
-}
-
-// Feeds the input and drains both outputs together, so that a child filling one pipe never
-// blocks while we wait on the other. False when the deadline passed first.
-bool Exchange(Pipe& in, Pipe& out, Pipe& err, const std::string& input, RunResult& result,
-              std::chrono::steady_clock::time_point deadline) {
-  size_t written = 0;
-  if (input.empty()) in.write.reset();
-  char buffer[65536];
-  while (out.read || err.read) {
-    pollfd fds[3];
-    nfds_t n = 0;
-    auto watch = [&](UniqueFd& fd, short events) {
-      if (fd) fds[n++] = pollfd{fd.get(), events, 0};
-    };
-    watch(out.read, POLLIN);
-    watch(err.read, POLLIN);
-    watch(in.write, POLLOUT);
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return false;
-    if (::poll(fds, n, static_cast<int>(left.count())) < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    for (nfds_t i = 0; i < n; ++i) {
-      if (!fds[i].revents) continue;
-      if (fds[i].fd == in.write.get()) {
-        const ssize_t w = ::write(in.write.get(), input.data() + written, input.size() - written);
-        if (w > 0) written += static_cast<size_t>(w);
-        if (w < 0 || written == input.size()) in.write.reset();
-        continue;
-      }
-      UniqueFd& source = fds[i].fd == out.read.get() ? out.read : err.read;
-      const ssize_t r = ::read(source.get(), buffer, sizeof buffer);
-      if (r > 0) {
-        (&source == &out.read ? result.out : result.err).append(buffer, static_cast<size_t>(r));
-      } else if (r == 0 || errno != EINTR) {
-        source.reset();
-      }
-    }
-  }
-  return true;
+  return ready != 0;
 }
 
 }  // namespace
 
 std::string RunResult::describe() const {
-  std::string what = !started    ? "not started"
-                     : timedOut  ? "timed out"
-                     : signal    ? "killed by signal " + std::to_string(signal)
-                                 : "exit status " + std::to_string(exitStatus);
+  std::string what = !started   ? "not started"
+                     : timedOut ? "timed out"
+                     : signal   ? "killed by signal " + std::to_string(signal)
+                                : "exit status " + std::to_string(exitStatus);
   return what + "\n--- stdout ---\n" + out + "--- stderr ---\n" + err;
 }
 
@@ -131,41 +88,44 @@ RunResult RunProgram(const std::string& program, const std::vector<std::string>&
   std::vector<std::string> args{program};
   args.insert(args.end(), arguments.begin(), arguments.end());
   std::vector<std::string> environment = ChildEnvironment(options);
-  std::vector<char*> argv = Pointers(args);
-  std::vector<char*> envp = Pointers(environment);
+  std::vector<char*> argv = Pointers(args), envp = Pointers(environment);
 
-  Pipe in, out, err;
-  if (!in.open() || !out.open() || !err.open()) {
-    result.err = std::string("RunProgram: pipe: ") + std::strerror(errno);
+  const UniqueFd in = MemoryFile(options.input), out = MemoryFile(""), err = MemoryFile("");
+  if (!in || !out || !err) {
+    result.err = std::string("RunProgram: memfd: ") + std::strerror(errno);
     return result;
   }
-  const pid_t pid = ::fork();
-  if (pid < 0) {
-    result.err = std::string("RunProgram: fork: ") + std::strerror(errno);
+  // Spawning rather than forking: the parent may have other threads, and a program or
+  // working directory that cannot be used comes back as an error here.
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, in.get(), STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, out.get(), STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, err.get(), STDERR_FILENO);
+  if (options.workingDirectory) {
+    posix_spawn_file_actions_addchdir_np(&actions, options.workingDirectory->c_str());
+  }
+  pid_t pid = -1;
+  const int spawned =
+      ::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) {
+    result.err = "RunProgram: " + program + ": " + std::strerror(spawned);
     return result;
   }
-  if (pid == 0) BecomeChild(program, argv.data(), envp.data(), options, in, out, err);
 
   result.started = true;
-  in.read.reset();
-  out.write.reset();
-  err.write.reset();
-  // A child that exits early must not kill us with SIGPIPE while we feed it.
-  struct sigaction ignore {}, previous {};
-  ignore.sa_handler = SIG_IGN;
-  ::sigaction(SIGPIPE, &ignore, &previous);
-  const auto deadline = std::chrono::steady_clock::now() + options.timeout;
-  if (!Exchange(in, out, err, options.input, result, deadline)) {
+  if (!AwaitExit(pid, options.timeout)) {
     result.timedOut = true;
     ::kill(pid, SIGKILL);
   }
-  ::sigaction(SIGPIPE, &previous, nullptr);
-
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   if (WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
   if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+  result.out = ReadAll(out);
+  result.err = ReadAll(err);
   return result;
 }
 
