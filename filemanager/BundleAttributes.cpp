@@ -26,8 +26,27 @@ std::string InstallTypeAttribute() {
   return LinuxAttributeName("com.tarsel.velotrixd.installType");
 }
 
-UniqueFd OpenWithoutFollowing(const FileURL& url) {
-  return UniqueFd(::open(url.fileSystemRepresentation(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+// The class is read and set through a descriptor of the item itself: a symbolic link is
+// refused, never followed.
+UniqueFd OpenForClass(const char* function, const FileURL& url, ErrorRef* error) {
+  UniqueFd fd(::open(url.fileSystemRepresentation(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) {
+    const int saved = errno;
+    SetError(error, PosixError(function, __LINE__, saved, "Failed to open %s : %s", url.path(),
+                               std::strerror(saved)));
+  }
+  return fd;
+}
+
+// The current class, or -1 with the error set.
+int ReadClass(const char* function, int fd, const FileURL& url, ErrorRef* error) {
+  const int current = GetProtectionClass(fd);
+  if (current < 0) {
+    const int saved = errno;
+    SetError(error, PosixError(function, __LINE__, saved, "Failed to getclass of file %s: %s",
+                               url.path(), std::strerror(saved)));
+  }
+  return current;
 }
 
 }  // namespace
@@ -97,20 +116,10 @@ bool VXFileManager::dataProtectionClassOfItemAtURL(const FileURL& url, int32_t* 
                                                    ErrorRef* error) const {
   static constexpr const char* kFunction =
       "-[VXFileManager dataProtectionClassOfItemAtURL:class:error:]";
-  UniqueFd fd = OpenWithoutFollowing(url);
-  if (!fd) {
-    int saved = errno;
-    SetError(error, PosixError(kFunction, __LINE__, saved, "Failed to open %s : %s", url.path(),
-                               std::strerror(saved)));
-    return false;
-  }
-  int current = GetProtectionClass(fd.get());
-  if (current < 0) {
-    int saved = errno;
-    SetError(error, PosixError(kFunction, __LINE__, saved, "Failed to getclass of file %s: %s",
-                               url.path(), std::strerror(saved)));
-    return false;
-  }
+  UniqueFd fd = OpenForClass(kFunction, url, error);
+  if (!fd) return false;
+  const int current = ReadClass(kFunction, fd.get(), url, error);
+  if (current < 0) return false;
   if (protectionClass) *protectionClass = current;
   return true;
 }
@@ -120,21 +129,11 @@ bool VXFileManager::setDataProtectionClassOfItemAtURL(const FileURL& url, int32_
                                                       ErrorRef* error) const {
   static constexpr const char* kFunction =
       "-[VXFileManager setDataProtectionClassOfItemAtURL:toClass:ifPredicate:error:]";
-  UniqueFd fd = OpenWithoutFollowing(url);
-  if (!fd) {
-    int saved = errno;
-    SetError(error, PosixError(kFunction, __LINE__, saved, "Failed to open %s : %s", url.path(),
-                               std::strerror(saved)));
-    return false;
-  }
+  UniqueFd fd = OpenForClass(kFunction, url, error);
+  if (!fd) return false;
   if (predicate) {
-    int current = GetProtectionClass(fd.get());
-    if (current < 0) {
-      int saved = errno;
-      SetError(error, PosixError(kFunction, __LINE__, saved, "Failed to getclass of file %s: %s",
-                                 url.path(), std::strerror(saved)));
-      return false;
-    }
+    const int current = ReadClass(kFunction, fd.get(), url, error);
+    if (current < 0) return false;
     if (!predicate(current)) return true;
   }
   if (SetProtectionClass(fd.get(), protectionClass) != 0) {

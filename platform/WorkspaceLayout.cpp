@@ -5,6 +5,7 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -196,6 +197,22 @@ bool IsAbandonedHiddenName(const std::string& name) {
   if (end == rest.c_str() || *end != '-' || pid <= 0) return true;
   if (pid == ::getpid()) return true;
   return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
+}
+
+std::vector<std::string> SortedEntryNames(const FileURL& directory) {
+  std::vector<std::string> names;
+  UniqueFd fd(::open(directory.fileSystemRepresentation(),
+                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) return names;
+  UniqueDir dir(::fdopendir(fd.get()));
+  if (!dir) return names;
+  fd.release();
+  while (const dirent* entry = ::readdir(dir.get())) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 bool SyncDirectory(const FileURL& directory, ErrorRef* error) {

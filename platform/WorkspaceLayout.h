@@ -72,6 +72,10 @@ bool IsHiddenContainerName(const std::string& name);
 // process is gone (or is this one, which has no assembly open between installations).
 bool IsAbandonedHiddenName(const std::string& name);
 
+// The names in `directory` ("." and ".." left out; a symbolic link is not followed), in
+// name order, so that every scan resolves a tie the same way. Empty when it cannot be read.
+std::vector<std::string> SortedEntryNames(const FileURL& directory);
+
 // Makes the entries renamed into `directory` durable (fsyncs the directory itself).
 bool SyncDirectory(const FileURL& directory, ErrorRef* error);
 

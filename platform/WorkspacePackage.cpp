@@ -11,6 +11,7 @@
 #include "platform/AppWorkspace.h"
 #include "platform/BundleHandle.h"
 #include "platform/UniqueFd.h"
+#include "platform/WorkspaceLayout.h"
 #include "platform/Workspace.h"
 #include "support/Format.h"
 
@@ -30,18 +31,11 @@ bool IsDirectory(const FileURL& url) {
 // every time.
 std::vector<std::string> SubdirectoryNames(const FileURL& directory) {
   std::vector<std::string> names;
-  UniqueFd fd(::open(directory.fileSystemRepresentation(),
-                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!fd) return names;
-  UniqueDir dir(::fdopendir(fd.get()));
-  if (!dir) return names;
-  fd.release();
-  while (const dirent* entry = ::readdir(dir.get())) {
-    const std::string name = entry->d_name;
-    if (name == "." || name == "..") continue;
-    if (IsDirectory(directory.URLByAppendingPathComponent(name, true))) names.push_back(name);
+  for (std::string& name : SortedEntryNames(directory)) {
+    if (IsDirectory(directory.URLByAppendingPathComponent(name, true))) {
+      names.push_back(std::move(name));
+    }
   }
-  std::sort(names.begin(), names.end());
   return names;
 }
 

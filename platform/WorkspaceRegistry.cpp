@@ -10,28 +10,10 @@
 namespace vx {
 namespace {
 
-// Directory entries of one container class, in name order so that every scan resolves a
-// tie the same way.
-std::vector<std::string> DirectoryNames(const FileURL& directory) {
-  std::vector<std::string> names;
-  UniqueFd fd(::open(directory.fileSystemRepresentation(),
-                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!fd) return names;
-  UniqueDir dir(::fdopendir(fd.get()));
-  if (!dir) return names;
-  fd.release();
-  while (const dirent* entry = ::readdir(dir.get())) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 void ScanClass(const WorkspaceLayout& layout, ContainerClass containerClass,
                WorkspaceIndex& index) {
   const FileURL directory = layout.directoryForClass(containerClass);
-  for (const std::string& name : DirectoryNames(directory)) {
+  for (const std::string& name : SortedEntryNames(directory)) {
     const FileURL url = directory.URLByAppendingPathComponent(name, true);
     if (IsHiddenContainerName(name)) {
       if (IsAbandonedHiddenName(name)) index.abandoned.push_back(url);
