@@ -43,15 +43,28 @@ void WriteToMemory(png_structp png, png_bytep data, png_size_t length) {
 
 void FlushMemory(png_structp) {}
 
-class PngReadState {
+// libpng's read and write structures with their info structure, released on every path
+// (also after a longjmp out of libpng, since the owner lives outside the setjmp frame).
+enum class PngDirection { Read, Write };
+
+template <PngDirection kDirection>
+class PngState {
  public:
-  PngReadState() {
-    png_ = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, OnPngError, OnPngWarning);
+  PngState() {
+    png_ = kDirection == PngDirection::Read
+               ? png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, OnPngError, OnPngWarning)
+               : png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, OnPngError, OnPngWarning);
     if (png_) info_ = png_create_info_struct(png_);
   }
-  ~PngReadState() { png_destroy_read_struct(&png_, &info_, nullptr); }
-  PngReadState(const PngReadState&) = delete;
-  PngReadState& operator=(const PngReadState&) = delete;
+  ~PngState() {
+    if constexpr (kDirection == PngDirection::Read) {
+      png_destroy_read_struct(&png_, &info_, nullptr);
+    } else {
+      png_destroy_write_struct(&png_, &info_);
+    }
+  }
+  PngState(const PngState&) = delete;
+  PngState& operator=(const PngState&) = delete;
   png_structp png() const { return png_; }
   png_infop info() const { return info_; }
   explicit operator bool() const { return png_ && info_; }
@@ -60,24 +73,8 @@ class PngReadState {
   png_structp png_ = nullptr;
   png_infop info_ = nullptr;
 };
-
-class PngWriteState {
- public:
-  PngWriteState() {
-    png_ = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, OnPngError, OnPngWarning);
-    if (png_) info_ = png_create_info_struct(png_);
-  }
-  ~PngWriteState() { png_destroy_write_struct(&png_, &info_); }
-  PngWriteState(const PngWriteState&) = delete;
-  PngWriteState& operator=(const PngWriteState&) = delete;
-  png_structp png() const { return png_; }
-  png_infop info() const { return info_; }
-  explicit operator bool() const { return png_ && info_; }
-
- private:
-  png_structp png_ = nullptr;
-  png_infop info_ = nullptr;
-};
+using PngReadState = PngState<PngDirection::Read>;
+using PngWriteState = PngState<PngDirection::Write>;
 
 // Reads the header and asks libpng for 8-bit RGBA rows whatever the file holds.
 bool ReadHeaderAsRGBA(png_structp png, png_infop info, png_uint_32* width, png_uint_32* height) {
