@@ -4,10 +4,10 @@
 #include "AppMigrator/VXAppMigrator.h"
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/InstallerService.h"
-#include "platform/MigrationLog.h"
-#include "platform/PlistFile.h"
-#include "platform/SystemVersion.h"
+#include "platform/installer/InstallerService.h"
+#include "platform/log/MigrationLog.h"
+#include "platform/plist/PlistFile.h"
+#include "platform/system/SystemVersion.h"
 
 namespace vx {
 namespace {

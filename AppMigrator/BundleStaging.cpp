@@ -6,8 +6,8 @@
 #include "AppMigrator/VXAppMigrator.h"
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/AppWorkspace.h"
-#include "platform/MigrationLog.h"
+#include "platform/log/MigrationLog.h"
+#include "platform/workspace/AppWorkspace.h"
 
 namespace vx {
 namespace {

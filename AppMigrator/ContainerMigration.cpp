@@ -5,8 +5,8 @@
 // even though the bundle could not be installed.
 #include "AppMigrator/VXAppMigrator.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/AppWorkspace.h"
-#include "platform/MigrationLog.h"
+#include "platform/log/MigrationLog.h"
+#include "platform/workspace/AppWorkspace.h"
 
 namespace vx {
 namespace {

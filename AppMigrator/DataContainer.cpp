@@ -7,7 +7,7 @@
 #include "AppMigrator/VXAppMigrator.h"
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/MigrationLog.h"
+#include "platform/log/MigrationLog.h"
 
 namespace vx {
 namespace {

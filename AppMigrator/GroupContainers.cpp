@@ -3,9 +3,9 @@
 // moves once, with the first of them; its entry then leaves the map.
 #include "AppMigrator/VXAppMigrator.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/AppWorkspace.h"
-#include "platform/DeviceRoot.h"
-#include "platform/MigrationLog.h"
+#include "platform/log/MigrationLog.h"
+#include "platform/system/DeviceRoot.h"
+#include "platform/workspace/AppWorkspace.h"
 
 namespace vx {
 namespace {

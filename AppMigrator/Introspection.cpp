@@ -9,8 +9,8 @@
 
 #include "AppMigrator/VXAppMigrator.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/BundleHandle.h"
-#include "platform/MigrationLog.h"
+#include "platform/bundle/BundleHandle.h"
+#include "platform/log/MigrationLog.h"
 
 namespace vx {
 namespace {

@@ -2,8 +2,8 @@
 // it is touched, so that a run cut off half-way can still tell what the container was after
 // its bundle has left for the staging directory.
 #include "AppMigrator/VXAppMigrator.h"
-#include "platform/MigrationLog.h"
-#include "platform/PlistFile.h"
+#include "platform/log/MigrationLog.h"
+#include "platform/plist/PlistFile.h"
 
 namespace vx {
 namespace {

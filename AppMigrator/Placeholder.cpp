@@ -8,13 +8,13 @@
 
 #include "AppMigrator/VXAppMigrator.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/AppWorkspace.h"
-#include "platform/AtomicFile.h"
-#include "platform/BundleHandle.h"
-#include "platform/IconImage.h"
-#include "platform/MigrationLog.h"
-#include "platform/PlistFile.h"
-#include "support/ErrorMakers.h"
+#include "platform/bundle/BundleHandle.h"
+#include "platform/files/AtomicFile.h"
+#include "platform/image/IconImage.h"
+#include "platform/log/MigrationLog.h"
+#include "platform/plist/PlistFile.h"
+#include "platform/workspace/AppWorkspace.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 namespace {

@@ -4,9 +4,9 @@
 #include "AppMigrator/VXAppMigrator.h"
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/DeviceRoot.h"
-#include "platform/InstallerService.h"
-#include "platform/MigrationLog.h"
+#include "platform/installer/InstallerService.h"
+#include "platform/log/MigrationLog.h"
+#include "platform/system/DeviceRoot.h"
 
 namespace vx {
 namespace {

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "host/MigratorPlugin.h"
-#include "support/FileURL.h"
-#include "support/PlistValue.h"
+#include "support/types/FileURL.h"
+#include "support/types/PlistValue.h"
 
 namespace vx {
 

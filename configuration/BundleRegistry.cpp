@@ -3,7 +3,7 @@
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/InstallerLog.h"
+#include "platform/log/InstallerLog.h"
 #include "support/LoadInfoPlist.h"
 
 namespace vx {

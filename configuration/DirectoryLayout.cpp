@@ -5,8 +5,8 @@
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/DeviceRoot.h"
-#include "platform/InstallerLog.h"
+#include "platform/log/InstallerLog.h"
+#include "platform/system/DeviceRoot.h"
 
 namespace vx {
 namespace {

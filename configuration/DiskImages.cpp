@@ -12,9 +12,9 @@
 #include <cstring>
 
 #include "configuration/VXGlobalConfiguration.h"
-#include "platform/DeviceRegistry.h"
-#include "platform/InstallerLog.h"
-#include "platform/MountTable.h"
+#include "platform/log/InstallerLog.h"
+#include "platform/registry/DeviceRegistry.h"
+#include "platform/registry/MountTable.h"
 
 namespace vx {
 namespace {

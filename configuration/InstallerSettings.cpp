@@ -4,8 +4,8 @@
 #include <limits>
 
 #include "configuration/VXGlobalConfiguration.h"
-#include "platform/InstallerLog.h"
-#include "platform/PreferenceStore.h"
+#include "platform/log/InstallerLog.h"
+#include "platform/preferences/PreferenceStore.h"
 
 namespace vx {
 namespace {

@@ -4,11 +4,11 @@
 #include <cstring>
 
 #include "filemanager/VXFileManager.h"
-#include "platform/ExtendedAttributes.h"
-#include "platform/ProtectionClass.h"
-#include "platform/Sys.h"
-#include "platform/UniqueFd.h"
-#include "support/ErrorMakers.h"
+#include "platform/files/ExtendedAttributes.h"
+#include "platform/files/ProtectionClass.h"
+#include "platform/files/Sys.h"
+#include "platform/files/UniqueFd.h"
+#include "support/errors/ErrorMakers.h"
 
 // The attributes live in the "user." namespace. On a file system that keeps no user
 // attributes (a tmpfs mounted without them) every call fails with ENOTSUP: the setters and

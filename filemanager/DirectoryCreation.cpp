@@ -4,11 +4,11 @@
 #include <cstring>
 
 #include "filemanager/VXFileManager.h"
-#include "platform/DirChain.h"
-#include "platform/ProtectionClass.h"
-#include "platform/Sys.h"
-#include "platform/UniqueFd.h"
-#include "support/ErrorMakers.h"
+#include "platform/files/DirChain.h"
+#include "platform/files/ProtectionClass.h"
+#include "platform/files/Sys.h"
+#include "platform/files/UniqueFd.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 namespace {

@@ -11,9 +11,9 @@
 
 #include "filemanager/StringAdditions.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/DirHarvest.h"
-#include "platform/InstallerLog.h"
-#include "platform/UniqueFd.h"
+#include "platform/files/DirHarvest.h"
+#include "platform/files/UniqueFd.h"
+#include "platform/log/InstallerLog.h"
 
 namespace vx {
 namespace {

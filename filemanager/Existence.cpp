@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "filemanager/VXFileManager.h"
-#include "platform/InstallerLog.h"
+#include "platform/log/InstallerLog.h"
 
 namespace vx {
 

@@ -11,9 +11,9 @@
 
 #include "filemanager/StringAdditions.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/InstallerLog.h"
-#include "platform/UniqueFd.h"
-#include "support/ErrorMakers.h"
+#include "platform/files/UniqueFd.h"
+#include "platform/log/InstallerLog.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 namespace {

@@ -6,9 +6,9 @@
 #include <cstring>
 
 #include "filemanager/VXFileManager.h"
-#include "platform/InstallerLog.h"
-#include "platform/Sys.h"
-#include "support/ErrorMakers.h"
+#include "platform/files/Sys.h"
+#include "platform/log/InstallerLog.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 namespace {

@@ -11,7 +11,7 @@
 
 #include "filemanager/StringAdditions.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/InstallerLog.h"
+#include "platform/log/InstallerLog.h"
 
 namespace vx {
 namespace {

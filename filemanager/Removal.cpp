@@ -2,9 +2,9 @@
 #include <cstring>
 
 #include "filemanager/VXFileManager.h"
-#include "platform/InstallerLog.h"
-#include "platform/PurgeTree.h"
-#include "support/ErrorMakers.h"
+#include "platform/files/PurgeTree.h"
+#include "platform/log/InstallerLog.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 namespace {

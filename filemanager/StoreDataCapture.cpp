@@ -1,5 +1,5 @@
 #include "filemanager/VXFileManager.h"
-#include "support/ErrorMakers.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 namespace {

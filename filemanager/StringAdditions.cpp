@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "support/FileURL.h"
+#include "support/types/FileURL.h"
 
 namespace vx::VelotrixAdditions {
 

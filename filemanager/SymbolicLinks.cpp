@@ -5,8 +5,8 @@
 
 #include "filemanager/StringAdditions.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/Sys.h"
-#include "support/ErrorMakers.h"
+#include "platform/files/Sys.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 

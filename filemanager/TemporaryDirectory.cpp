@@ -2,8 +2,8 @@
 #include <string>
 
 #include "filemanager/VXFileManager.h"
-#include "platform/Sys.h"
-#include "support/ErrorMakers.h"
+#include "platform/files/Sys.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "filemanager/VXFileManager.h"
-#include "support/ErrorMakers.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 namespace {

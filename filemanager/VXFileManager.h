@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "support/FileURL.h"
-#include "support/InstallerError.h"
+#include "support/types/FileURL.h"
+#include "support/types/InstallerError.h"
 
 namespace vx {
 

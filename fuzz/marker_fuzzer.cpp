@@ -7,7 +7,7 @@
 #include <string>
 
 #include "AppMigrator/VXAppMigrator.h"
-#include "platform/AtomicFile.h"
+#include "platform/files/AtomicFile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string dir = [] {

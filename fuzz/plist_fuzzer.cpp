@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <span>
 
-#include "platform/PlistFile.h"
+#include "platform/plist/PlistFile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   auto value = vx::ParsePropertyList(std::span<const uint8_t>(data, size));

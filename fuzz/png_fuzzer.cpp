@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/IconImage.h"
+#include "platform/image/IconImage.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<uint8_t> bytes(data, data + size);

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "host/Command.h"
-#include "platform/DeviceRoot.h"
-#include "platform/Workspace.h"
+#include "platform/system/DeviceRoot.h"
+#include "platform/workspace/Workspace.h"
 
 namespace vx::host {
 namespace {

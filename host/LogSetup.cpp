@@ -7,7 +7,7 @@
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/LogSinks.h"
+#include "platform/log/LogSinks.h"
 
 namespace vx::host {
 namespace {

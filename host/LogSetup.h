@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/InstallerLog.h"
-#include "platform/Log.h"
+#include "platform/log/InstallerLog.h"
+#include "platform/log/Log.h"
 
 namespace vx::host {
 

@@ -13,8 +13,8 @@
 #include "host/LogSetup.h"
 #include "host/PluginLoader.h"
 #include "host/ProgressBar.h"
-#include "platform/DeviceRoot.h"
-#include "platform/Fault.h"
+#include "platform/files/Fault.h"
+#include "platform/system/DeviceRoot.h"
 
 namespace vx::host {
 namespace {

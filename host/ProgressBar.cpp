@@ -1,5 +1,5 @@
 #include "host/ProgressBar.h"
-#include "platform/WriteWhole.h"
+#include "platform/files/WriteWhole.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>

@@ -11,8 +11,8 @@
 #include <cstring>
 #include <memory>
 
-#include "platform/InstallerLog.h"
-#include "platform/UniqueFd.h"
+#include "platform/files/UniqueFd.h"
+#include "platform/log/InstallerLog.h"
 
 namespace vx {
 namespace {

@@ -7,7 +7,7 @@
 #include <span>
 #include <string>
 
-#include "support/FileURL.h"
+#include "support/types/FileURL.h"
 
 namespace vx {
 

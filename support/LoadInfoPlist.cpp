@@ -3,8 +3,8 @@
 #include <mutex>
 
 #include "filemanager/VXFileManager.h"
-#include "platform/BundleHandle.h"
-#include "platform/InstallerLog.h"
+#include "platform/bundle/BundleHandle.h"
+#include "platform/log/InstallerLog.h"
 
 namespace vx {
 namespace {

@@ -5,8 +5,8 @@
 #include <set>
 #include <string>
 
-#include "support/FileURL.h"
-#include "support/PlistValue.h"
+#include "support/types/FileURL.h"
+#include "support/types/PlistValue.h"
 
 namespace vx {
 

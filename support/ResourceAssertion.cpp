@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include "platform/CpuUsageMonitor.h"
+#include "platform/system/CpuUsageMonitor.h"
 
 namespace vx {
 namespace {

@@ -1,6 +1,6 @@
 #include "support/TransactionalTask.h"
 
-#include "platform/ProcessTransaction.h"
+#include "platform/system/ProcessTransaction.h"
 
 namespace vx {
 

@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "platform/DispatchQueue.h"
+#include "platform/system/DispatchQueue.h"
 
 namespace vx {
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "support/Format.h"
+#include "support/types/Format.h"
 
 namespace vx {
 namespace {

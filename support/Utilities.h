@@ -1,3 +1,7 @@
+// support: the shared layer's exported helper functions (digests, bundle information, resource
+// assertions, transactional tasks, crash reports). Uses filemanager/, support/types and the
+// platform services below the workspace.
+//
 // Tolerant conversions for values whose type is not known in advance: a value of the wrong
 // kind is treated as absent instead of failing.
 #pragma once
@@ -7,7 +11,7 @@
 #include <variant>
 #include <vector>
 
-#include "support/PlistValue.h"
+#include "support/types/PlistValue.h"
 
 namespace vx {
 

@@ -3,8 +3,8 @@
 // system version, and what it says along the way.
 #include <gtest/gtest.h>
 
-#include "platform/Log.h"
-#include "platform/SystemVersion.h"
+#include "platform/log/Log.h"
+#include "platform/system/SystemVersion.h"
 #include "support/MigratorTestKit.h"
 
 namespace vx {

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "filemanager/VXFileManager.h"
-#include "platform/PlistFile.h"
-#include "platform/Workspace.h"
+#include "platform/plist/PlistFile.h"
+#include "platform/workspace/Workspace.h"
 #include "support/AppPackages.h"
 #include "support/TempDir.h"
 

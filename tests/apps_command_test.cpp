@@ -3,7 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "platform/Workspace.h"
+#include "platform/workspace/Workspace.h"
 #include "support/AppPackages.h"
 #include "support/RunProgram.h"
 #include "support/TempDir.h"

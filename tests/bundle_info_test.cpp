@@ -3,8 +3,8 @@
 
 #include <thread>
 
-#include "platform/BundleHandle.h"
-#include "platform/PlistFile.h"
+#include "platform/bundle/BundleHandle.h"
+#include "platform/plist/PlistFile.h"
 #include "support/LoadInfoPlist.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"

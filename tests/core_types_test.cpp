@@ -2,16 +2,16 @@
 // formatter and the two error makers.
 #include <gtest/gtest.h>
 
-#include "platform/AtomicFile.h"
-#include "platform/DeviceRoot.h"
-#include "platform/InstallerLog.h"
-#include "platform/PlistFile.h"
-#include "support/ErrorMakers.h"
-#include "support/FileURL.h"
-#include "support/Format.h"
+#include "platform/files/AtomicFile.h"
+#include "platform/log/InstallerLog.h"
+#include "platform/plist/PlistFile.h"
+#include "platform/system/DeviceRoot.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "support/TestDevice.h"
+#include "support/errors/ErrorMakers.h"
+#include "support/types/FileURL.h"
+#include "support/types/Format.h"
 
 namespace vx {
 namespace {

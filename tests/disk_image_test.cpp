@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "configuration/VXGlobalConfiguration.h"
-#include "platform/DeviceRegistry.h"
-#include "platform/MountTable.h"
+#include "platform/registry/DeviceRegistry.h"
+#include "platform/registry/MountTable.h"
 #include "support/AppPackages.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"

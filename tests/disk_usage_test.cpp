@@ -9,8 +9,8 @@
 #include <memory>
 
 #include "filemanager/VXFileManager.h"
-#include "platform/DirHarvest.h"
-#include "platform/UniqueFd.h"
+#include "platform/files/DirHarvest.h"
+#include "platform/files/UniqueFd.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "support/VerboseLog.h"

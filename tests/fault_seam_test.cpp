@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/Fault.h"
-#include "platform/Sys.h"
-#include "platform/UniqueFd.h"
+#include "platform/files/Fault.h"
+#include "platform/files/Sys.h"
+#include "platform/files/UniqueFd.h"
 #include "support/TempDir.h"
 
 namespace vx {

@@ -9,9 +9,9 @@
 
 #include "filemanager/StringAdditions.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/Fault.h"
-#include "platform/ProtectionClass.h"
-#include "platform/UniqueFd.h"
+#include "platform/files/Fault.h"
+#include "platform/files/ProtectionClass.h"
+#include "platform/files/UniqueFd.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 

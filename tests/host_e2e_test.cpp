@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "platform/PlistFile.h"
+#include "platform/plist/PlistFile.h"
 #include "support/RunProgram.h"
 #include "support/TempDir.h"
 

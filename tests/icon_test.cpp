@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "platform/BundleHandle.h"
-#include "platform/IconImage.h"
-#include "platform/PlistFile.h"
+#include "platform/bundle/BundleHandle.h"
+#include "platform/image/IconImage.h"
+#include "platform/plist/PlistFile.h"
 #include "support/TempDir.h"
 
 namespace vx {

@@ -4,8 +4,8 @@
 #include <thread>
 
 #include "configuration/VXGlobalConfiguration.h"
-#include "platform/PlistFile.h"
-#include "platform/PreferenceStore.h"
+#include "platform/plist/PlistFile.h"
+#include "platform/preferences/PreferenceStore.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 

@@ -7,7 +7,7 @@
 #include <sstream>
 #include <thread>
 
-#include "platform/LogSinks.h"
+#include "platform/log/LogSinks.h"
 #include "support/TempDir.h"
 
 namespace vx {

@@ -3,7 +3,7 @@
 #include <cerrno>
 
 #include "filemanager/VXFileManager.h"
-#include "platform/Fault.h"
+#include "platform/files/Fault.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 

@@ -1,7 +1,7 @@
 // The running system's version record, read from the device's os-release.
 #include <gtest/gtest.h>
 
-#include "platform/SystemVersion.h"
+#include "platform/system/SystemVersion.h"
 #include "support/TempDir.h"
 #include "support/TestDevice.h"
 

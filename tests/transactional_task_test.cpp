@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/DispatchQueue.h"
-#include "platform/ProcessTransaction.h"
+#include "platform/system/DispatchQueue.h"
+#include "platform/system/ProcessTransaction.h"
 #include "support/TransactionalTask.h"
 
 namespace vx {

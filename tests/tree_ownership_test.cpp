@@ -8,10 +8,10 @@
 #include <algorithm>
 
 #include "filemanager/VXFileManager.h"
-#include "platform/Fault.h"
-#include "support/ErrorMakers.h"
+#include "platform/files/Fault.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 namespace {

@@ -6,9 +6,9 @@
 
 #include <csignal>
 
-#include "platform/Fault.h"
-#include "platform/Workspace.h"
-#include "platform/WorkspaceRegistry.h"
+#include "platform/files/Fault.h"
+#include "platform/workspace/Workspace.h"
+#include "platform/workspace/WorkspaceRegistry.h"
 #include "support/AppPackages.h"
 #include "support/TempDir.h"
 

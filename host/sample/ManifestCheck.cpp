@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/sample/SampleDevice.h"
-#include "platform/Workspace.h"
+#include "platform/workspace/Workspace.h"
 #include "support/FileDigest.h"
 
 namespace vx::sample {

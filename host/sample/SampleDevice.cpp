@@ -8,8 +8,8 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
-#include "platform/IconImage.h"
-#include "platform/PlistFile.h"
+#include "platform/image/IconImage.h"
+#include "platform/plist/PlistFile.h"
 #include "support/FileDigest.h"
 
 namespace vx::sample {

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/Log.h"
-#include "support/FileURL.h"
-#include "support/InstallerError.h"
+#include "platform/log/Log.h"
+#include "support/types/FileURL.h"
+#include "support/types/InstallerError.h"
 
 namespace vx::vxfile {
 

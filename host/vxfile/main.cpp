@@ -3,8 +3,8 @@
 #include <CLI/CLI.hpp>
 
 #include "host/vxfile/Tool.h"
-#include "platform/InstallerLog.h"
-#include "platform/LogSinks.h"
+#include "platform/log/InstallerLog.h"
+#include "platform/log/LogSinks.h"
 
 int main(int argc, char** argv) {
   using namespace vx::vxfile;

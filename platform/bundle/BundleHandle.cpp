@@ -1,11 +1,11 @@
-#include "platform/BundleHandle.h"
+#include "platform/bundle/BundleHandle.h"
 
 #include <sys/stat.h>
 
 #include <atomic>
 
-#include "platform/AtomicFile.h"
-#include "platform/PlistFile.h"
+#include "platform/files/AtomicFile.h"
+#include "platform/plist/PlistFile.h"
 
 namespace vx {
 

@@ -1,3 +1,6 @@
+// platform/bundle: the device's bundle reader. Uses platform/plist, platform/files and the
+// shared types.
+//
 // An opened bundle directory. Each open reads the bundle afresh (no cache), so what it
 // gives is the current content of its files.
 #pragma once
@@ -8,8 +11,8 @@
 #include <set>
 #include <string>
 
-#include "support/FileURL.h"
-#include "support/PlistValue.h"
+#include "support/types/FileURL.h"
+#include "support/types/PlistValue.h"
 
 namespace vx {
 

@@ -1,4 +1,4 @@
-#include "platform/AtomicFile.h"
+#include "platform/files/AtomicFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Sys.h"
-#include "platform/UniqueFd.h"
+#include "platform/files/Sys.h"
+#include "platform/files/UniqueFd.h"
 
 namespace vx {
 namespace {

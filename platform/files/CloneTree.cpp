@@ -1,4 +1,4 @@
-#include "platform/CloneTree.h"
+#include "platform/files/CloneTree.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -16,8 +16,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Sys.h"
-#include "platform/UniqueFd.h"
+#include "platform/files/Sys.h"
+#include "platform/files/UniqueFd.h"
 
 namespace vx {
 namespace {

@@ -1,11 +1,11 @@
-#include "platform/DirChain.h"
+#include "platform/files/DirChain.h"
 
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <string>
 
-#include "platform/Sys.h"
+#include "platform/files/Sys.h"
 
 namespace vx {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/DirHarvest.h"
+#include "platform/files/DirHarvest.h"
 
 #include <dirent.h>
 #include <fcntl.h>

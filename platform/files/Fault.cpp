@@ -1,4 +1,4 @@
-#include "platform/Fault.h"
+#include "platform/files/Fault.h"
 
 #include <signal.h>
 #include <unistd.h>

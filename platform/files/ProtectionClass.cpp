@@ -1,11 +1,11 @@
-#include "platform/ProtectionClass.h"
+#include "platform/files/ProtectionClass.h"
 
 #include <sys/xattr.h>
 
 #include <cerrno>
 #include <cstdint>
 
-#include "platform/Sys.h"
+#include "platform/files/Sys.h"
 
 namespace vx {
 

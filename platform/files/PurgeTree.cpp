@@ -1,4 +1,4 @@
-#include "platform/PurgeTree.h"
+#include "platform/files/PurgeTree.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -10,8 +10,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "platform/Sys.h"
-#include "platform/UniqueFd.h"
+#include "platform/files/Sys.h"
+#include "platform/files/UniqueFd.h"
 
 namespace vx {
 

@@ -1,4 +1,4 @@
-#include "platform/Sys.h"
+#include "platform/files/Sys.h"
 
 #include <linux/fs.h>
 #include <stdlib.h>
@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "platform/Fault.h"
+#include "platform/files/Fault.h"
 
 namespace vx::sys {
 namespace {

@@ -1,3 +1,8 @@
+// platform/files: the device's file-system services (atomic writes, descriptors, tree
+// removal and copying, directory chains and listings, protection classes, extended
+// attributes) and the fault seam every mutation passes through. The bottom of the platform
+// layer: it uses only the C library and the kernel.
+//
 // The system calls that change the file system, each behind the fault seam. Code of the
 // platform layer and the file manager makes such calls only through these wrappers, so that
 // no mutation escapes fault injection. They behave exactly as the calls they wrap (-1 and

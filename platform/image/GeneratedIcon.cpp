@@ -2,7 +2,7 @@
 #include <cctype>
 #include <cmath>
 
-#include "platform/IconImage.h"
+#include "platform/image/IconImage.h"
 
 namespace vx {
 namespace {

@@ -1,3 +1,6 @@
+// platform/image: the device's image services: icon rendering, scaling and PNG encoding.
+// Uses platform/bundle and platform/files.
+//
 // Icons: rendering a bundle's home-screen icon, and encoding images as PNG.
 #pragma once
 

@@ -4,10 +4,10 @@
 
 #include <set>
 
-#include "platform/AtomicFile.h"
-#include "platform/BundleHandle.h"
-#include "platform/IconImage.h"
-#include "platform/UniqueFd.h"
+#include "platform/bundle/BundleHandle.h"
+#include "platform/files/AtomicFile.h"
+#include "platform/files/UniqueFd.h"
+#include "platform/image/IconImage.h"
 
 namespace vx {
 namespace {

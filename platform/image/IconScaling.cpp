@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "platform/IconImage.h"
+#include "platform/image/IconImage.h"
 
 namespace vx {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/IconImage.h"
+#include "platform/image/IconImage.h"
 
 namespace vx {
 

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <new>
 
-#include "platform/IconImage.h"
+#include "platform/image/IconImage.h"
 
 // libpng reports errors by longjmp. Every function here that calls setjmp keeps nothing
 // with a destructor in its own frame, so a jump out of libpng skips no cleanup; what needs

@@ -3,7 +3,7 @@
 // The register is "SafeHarborRegister.plist" in the installer data directory: a dictionary
 // from identifier to {"Path" = the harbor's path as given; "ContainerType" = integer}. A
 // second registration of an identifier replaces the first.
-#include "platform/InstallerService.h"
+#include "platform/installer/InstallerService.h"
 
 #include <sys/stat.h>
 
@@ -13,11 +13,11 @@
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/DeviceRoot.h"
-#include "platform/InstallerLog.h"
-#include "platform/PlistFile.h"
-#include "platform/WorkspaceLayout.h"
-#include "platform/WorkspaceRegistry.h"
+#include "platform/log/InstallerLog.h"
+#include "platform/plist/PlistFile.h"
+#include "platform/system/DeviceRoot.h"
+#include "platform/workspace/WorkspaceLayout.h"
+#include "platform/workspace/WorkspaceRegistry.h"
 
 namespace vx {
 

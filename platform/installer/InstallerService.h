@@ -1,7 +1,11 @@
+// platform/installer: the device's installer service, as far as the migration calls it.
+// Stands above the workspace; uses it, configuration/, filemanager/ and the lower platform
+// services.
+//
 // The installer service's functions that the migration calls.
 #pragma once
 
-#include "support/PlistValue.h"
+#include "support/types/PlistValue.h"
 
 namespace vx {
 

@@ -1,6 +1,6 @@
-#include "platform/InstallerLog.h"
+#include "platform/log/InstallerLog.h"
 
-#include "platform/Log.h"
+#include "platform/log/Log.h"
 
 namespace vx {
 

@@ -1,4 +1,4 @@
-#include "platform/Log.h"
+#include "platform/log/Log.h"
 
 #include <algorithm>
 #include <mutex>

@@ -1,3 +1,6 @@
+// platform/log: the device's logging service, the installer and migration logs and the sinks
+// their records reach. Uses platform/files and the shared types.
+//
 // The log service: records from both logs go to whatever sinks the host installs.
 #pragma once
 

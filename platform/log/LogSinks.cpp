@@ -1,5 +1,5 @@
-#include "platform/LogSinks.h"
-#include "platform/WriteWhole.h"
+#include "platform/log/LogSinks.h"
+#include "platform/files/WriteWhole.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -9,8 +9,8 @@
 #include <mutex>
 #include <string>
 
-#include "platform/Log.h"
-#include "platform/UniqueFd.h"
+#include "platform/files/UniqueFd.h"
+#include "platform/log/Log.h"
 
 namespace vx {
 

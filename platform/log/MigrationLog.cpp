@@ -1,6 +1,6 @@
-#include "platform/MigrationLog.h"
+#include "platform/log/MigrationLog.h"
 
-#include "platform/Log.h"
+#include "platform/log/Log.h"
 
 namespace vx {
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "support/Format.h"
+#include "support/types/Format.h"
 
 namespace vx {
 

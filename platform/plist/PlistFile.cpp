@@ -1,4 +1,4 @@
-#include "platform/PlistFile.h"
+#include "platform/plist/PlistFile.h"
 
 #include <plist/plist.h>
 
@@ -6,7 +6,7 @@
 #include <limits>
 #include <memory>
 
-#include "platform/AtomicFile.h"
+#include "platform/files/AtomicFile.h"
 
 namespace vx {
 namespace {

@@ -1,3 +1,5 @@
+// platform/plist: the device's property-list files. Uses platform/files and the shared types.
+//
 // Property-list files: read in either encoding (detected from the bytes), written as XML
 // by default, always atomically.
 #pragma once
@@ -8,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "support/PlistValue.h"
+#include "support/types/PlistValue.h"
 
 namespace vx {
 

@@ -1,16 +1,16 @@
-#include "platform/PreferenceStore.h"
+#include "platform/preferences/PreferenceStore.h"
 
 #include <fcntl.h>
 
 #include <cerrno>
 #include <mutex>
 
-#include "platform/AtomicFile.h"
-#include "platform/DeviceRoot.h"
-#include "platform/DirChain.h"
-#include "platform/PlistFile.h"
-#include "platform/Sys.h"
-#include "platform/UniqueFd.h"
+#include "platform/files/AtomicFile.h"
+#include "platform/files/DirChain.h"
+#include "platform/files/Sys.h"
+#include "platform/files/UniqueFd.h"
+#include "platform/plist/PlistFile.h"
+#include "platform/system/DeviceRoot.h"
 
 namespace vx::PreferenceStore {
 namespace {

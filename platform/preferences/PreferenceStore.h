@@ -1,3 +1,6 @@
+// platform/preferences: the device's preference store. Uses platform/system, platform/plist,
+// platform/files and the shared types.
+//
 // Preferences: one property-list file per domain under <home>/Library/Preferences/
 // ("<domain>.plist"). Writes are atomic; synchronising makes them durable.
 #pragma once
@@ -5,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "support/PlistValue.h"
+#include "support/types/PlistValue.h"
 
 namespace vx::PreferenceStore {
 

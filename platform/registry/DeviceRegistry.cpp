@@ -1,6 +1,6 @@
-#include "platform/DeviceRegistry.h"
+#include "platform/registry/DeviceRegistry.h"
 
-#include "platform/RegistrySnapshot.h"
+#include "platform/registry/RegistrySnapshot.h"
 
 namespace vx {
 

@@ -1,3 +1,6 @@
+// platform/registry: the device registry and mount table, from which disk images are found.
+// Uses platform/files and the shared types.
+//
 // The device registry: the platform's tree of device objects, reached through handles.
 // Objects and iterators are unsigned 32-bit handles (0 is none) that the caller releases;
 // calls that can fail return a status, 0 for success.
@@ -15,7 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "support/PlistValue.h"
+#include "support/types/PlistValue.h"
 
 namespace vx {
 

@@ -1,10 +1,10 @@
-#include "platform/MountTable.h"
+#include "platform/registry/MountTable.h"
 
 #include <cerrno>
 #include <mutex>
 #include <sstream>
 
-#include "platform/AtomicFile.h"
+#include "platform/files/AtomicFile.h"
 
 namespace vx {
 namespace {

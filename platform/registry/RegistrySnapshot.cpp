@@ -1,4 +1,4 @@
-#include "platform/RegistrySnapshot.h"
+#include "platform/registry/RegistrySnapshot.h"
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -7,7 +7,7 @@
 #include <cctype>
 #include <optional>
 
-#include "platform/UniqueFd.h"
+#include "platform/files/UniqueFd.h"
 
 namespace vx {
 namespace {

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "support/PlistValue.h"
+#include "support/types/PlistValue.h"
 
 namespace vx {
 

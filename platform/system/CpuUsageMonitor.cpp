@@ -1,4 +1,4 @@
-#include "platform/CpuUsageMonitor.h"
+#include "platform/system/CpuUsageMonitor.h"
 
 #include <sys/resource.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "platform/DeviceRoot.h"
+#include "platform/system/DeviceRoot.h"
 
 #include <sys/stat.h>
 

@@ -1,3 +1,7 @@
+// platform/system: the device's system services: where its file system lives (the device
+// root), the recorded system version, CPU accounting, transactions and dispatch queues.
+// Uses platform/files and the shared types.
+//
 // The device root: the directory under which the device's file system lives. It is "/" on
 // a real device; a device image can live under any directory (the host's --root, or the
 // environment variable VX_DEVICE_ROOT). Every fixed location of the layout is derived from it.
@@ -6,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "support/FileURL.h"
+#include "support/types/FileURL.h"
 
 namespace vx {
 

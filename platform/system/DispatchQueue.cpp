@@ -1,4 +1,4 @@
-#include "platform/DispatchQueue.h"
+#include "platform/system/DispatchQueue.h"
 
 #include <pthread.h>
 

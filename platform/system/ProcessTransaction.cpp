@@ -1,4 +1,4 @@
-#include "platform/ProcessTransaction.h"
+#include "platform/system/ProcessTransaction.h"
 
 #include <atomic>
 

@@ -1,10 +1,10 @@
-#include "platform/SystemVersion.h"
+#include "platform/system/SystemVersion.h"
 
 #include <cctype>
 #include <string_view>
 
-#include "platform/AtomicFile.h"
-#include "platform/DeviceRoot.h"
+#include "platform/files/AtomicFile.h"
+#include "platform/system/DeviceRoot.h"
 
 namespace vx {
 namespace {

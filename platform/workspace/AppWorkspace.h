@@ -1,3 +1,7 @@
+// platform/workspace: the device's application workspace. The top of the platform layer
+// below the installer service: it uses configuration/, filemanager/, support/errors and the
+// lower platform services (bundle, files, log, plist, system).
+//
 // The application workspace: which applications are installed, their containers, and
 // installation. Its state lives on disk under the device root and nowhere else; the file
 // system is its database, so a second process (or a run after a crash) sees exactly what
@@ -11,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "support/FileURL.h"
-#include "support/InstallerError.h"
-#include "support/PlistValue.h"
+#include "support/types/FileURL.h"
+#include "support/types/InstallerError.h"
+#include "support/types/PlistValue.h"
 
 namespace vx {
 

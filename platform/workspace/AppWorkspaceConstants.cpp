@@ -1,4 +1,4 @@
-#include "platform/AppWorkspace.h"
+#include "platform/workspace/AppWorkspace.h"
 
 namespace vx {
 

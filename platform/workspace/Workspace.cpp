@@ -1,9 +1,9 @@
-#include "platform/Workspace.h"
+#include "platform/workspace/Workspace.h"
 
 #include <atomic>
 
 #include "configuration/VXGlobalConfiguration.h"
-#include "platform/DeviceRoot.h"
+#include "platform/system/DeviceRoot.h"
 
 namespace vx {
 namespace {

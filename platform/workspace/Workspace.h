@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/AppWorkspace.h"
-#include "platform/WorkspaceLayout.h"
+#include "platform/workspace/AppWorkspace.h"
+#include "platform/workspace/WorkspaceLayout.h"
 
 namespace vx {
 

@@ -1,7 +1,7 @@
-#include "platform/WorkspaceContainers.h"
+#include "platform/workspace/WorkspaceContainers.h"
 
 #include "filemanager/VXFileManager.h"
-#include "platform/InstallerLog.h"
+#include "platform/log/InstallerLog.h"
 
 namespace vx {
 namespace {

@@ -7,10 +7,10 @@
 #include <optional>
 #include <string>
 
-#include "platform/WorkspaceLayout.h"
-#include "platform/WorkspaceRegistry.h"
-#include "support/FileURL.h"
-#include "support/InstallerError.h"
+#include "platform/workspace/WorkspaceLayout.h"
+#include "platform/workspace/WorkspaceRegistry.h"
+#include "support/types/FileURL.h"
+#include "support/types/InstallerError.h"
 
 namespace vx {
 

@@ -11,15 +11,15 @@
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/AtomicFile.h"
-#include "platform/InstallerLog.h"
-#include "platform/Sys.h"
-#include "platform/Workspace.h"
-#include "platform/WorkspaceContainers.h"
-#include "platform/WorkspacePackage.h"
-#include "platform/WorkspaceRegistry.h"
-#include "support/ErrorMakers.h"
-#include "support/Format.h"
+#include "platform/files/AtomicFile.h"
+#include "platform/files/Sys.h"
+#include "platform/log/InstallerLog.h"
+#include "platform/workspace/Workspace.h"
+#include "platform/workspace/WorkspaceContainers.h"
+#include "platform/workspace/WorkspacePackage.h"
+#include "platform/workspace/WorkspaceRegistry.h"
+#include "support/errors/ErrorMakers.h"
+#include "support/types/Format.h"
 
 namespace vx {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/WorkspaceLayout.h"
+#include "platform/workspace/WorkspaceLayout.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -11,10 +11,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/PlistFile.h"
-#include "platform/Sys.h"
-#include "platform/UniqueFd.h"
-#include "support/ErrorMakers.h"
+#include "platform/files/Sys.h"
+#include "platform/files/UniqueFd.h"
+#include "platform/plist/PlistFile.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 

@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "support/FileURL.h"
-#include "support/InstallerError.h"
-#include "support/PlistValue.h"
+#include "support/types/FileURL.h"
+#include "support/types/InstallerError.h"
+#include "support/types/PlistValue.h"
 
 namespace vx {
 

@@ -1,4 +1,4 @@
-#include "platform/WorkspacePackage.h"
+#include "platform/workspace/WorkspacePackage.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -8,12 +8,12 @@
 #include <cctype>
 #include <cstdio>
 
-#include "platform/AppWorkspace.h"
-#include "platform/BundleHandle.h"
-#include "platform/UniqueFd.h"
-#include "platform/WorkspaceLayout.h"
-#include "platform/Workspace.h"
-#include "support/Format.h"
+#include "platform/bundle/BundleHandle.h"
+#include "platform/files/UniqueFd.h"
+#include "platform/workspace/AppWorkspace.h"
+#include "platform/workspace/Workspace.h"
+#include "platform/workspace/WorkspaceLayout.h"
+#include "support/types/Format.h"
 
 namespace vx {
 namespace {

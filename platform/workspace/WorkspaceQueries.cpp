@@ -3,12 +3,12 @@
 #include <set>
 
 #include "configuration/VXGlobalConfiguration.h"
-#include "platform/BundleHandle.h"
-#include "platform/InstallerLog.h"
-#include "platform/Workspace.h"
-#include "platform/WorkspaceContainers.h"
-#include "platform/WorkspacePackage.h"
-#include "platform/WorkspaceRegistry.h"
+#include "platform/bundle/BundleHandle.h"
+#include "platform/log/InstallerLog.h"
+#include "platform/workspace/Workspace.h"
+#include "platform/workspace/WorkspaceContainers.h"
+#include "platform/workspace/WorkspacePackage.h"
+#include "platform/workspace/WorkspaceRegistry.h"
 
 namespace vx {
 namespace {

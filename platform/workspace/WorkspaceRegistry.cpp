@@ -1,11 +1,11 @@
-#include "platform/WorkspaceRegistry.h"
+#include "platform/workspace/WorkspaceRegistry.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 
 #include <algorithm>
 
-#include "platform/UniqueFd.h"
+#include "platform/files/UniqueFd.h"
 
 namespace vx {
 namespace {

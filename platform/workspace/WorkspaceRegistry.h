@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/WorkspaceLayout.h"
-#include "support/FileURL.h"
+#include "platform/workspace/WorkspaceLayout.h"
+#include "support/types/FileURL.h"
 
 namespace vx {
 

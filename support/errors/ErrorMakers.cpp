@@ -1,6 +1,6 @@
-#include "support/ErrorMakers.h"
+#include "support/errors/ErrorMakers.h"
 
-#include "platform/InstallerLog.h"
+#include "platform/log/InstallerLog.h"
 
 namespace vx {
 

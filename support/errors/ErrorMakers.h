@@ -1,3 +1,5 @@
+// support/errors: the error makers. Uses support/types and platform/log.
+//
 // The two error makers. `_CreateError` only builds an error (system-call failures, which the
 // caller reports as it sees fit); `_CreateAndLogError` also writes the message to the
 // installer log, because its errors end an installer operation.
@@ -6,8 +8,8 @@
 #include <cstdint>
 #include <span>
 
-#include "support/Format.h"
-#include "support/InstallerError.h"
+#include "support/types/Format.h"
+#include "support/types/InstallerError.h"
 
 namespace vx {
 

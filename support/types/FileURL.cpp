@@ -1,4 +1,4 @@
-#include "support/FileURL.h"
+#include "support/types/FileURL.h"
 
 #include <unistd.h>
 

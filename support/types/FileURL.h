@@ -1,3 +1,7 @@
+// support/types: the shared value types (locations, property-list values, errors and their
+// formatting). The bottom of the whole project: it uses only the standard library and
+// libplist.
+//
 // An absolute file-system location, the currency of every file operation.
 #pragma once
 

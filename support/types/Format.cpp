@@ -1,4 +1,4 @@
-#include "support/Format.h"
+#include "support/types/Format.h"
 
 #include <cinttypes>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "support/InstallerError.h"
+#include "support/types/InstallerError.h"
 
 namespace vx {
 

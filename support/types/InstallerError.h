@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "support/PlistValue.h"
+#include "support/types/PlistValue.h"
 
 namespace vx {
 

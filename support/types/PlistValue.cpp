@@ -1,4 +1,4 @@
-#include "support/PlistValue.h"
+#include "support/types/PlistValue.h"
 
 #include <cctype>
 #include <cmath>

@@ -10,7 +10,7 @@
 #include <variant>
 #include <vector>
 
-#include "support/FileURL.h"
+#include "support/types/FileURL.h"
 
 namespace vx {
 

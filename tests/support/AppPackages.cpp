@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "platform/AppWorkspace.h"
-#include "platform/PlistFile.h"
+#include "platform/plist/PlistFile.h"
+#include "platform/workspace/AppWorkspace.h"
 #include "support/TempDir.h"
 
 namespace vx::test {

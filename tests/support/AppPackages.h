@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "support/PlistValue.h"
+#include "support/types/PlistValue.h"
 
 namespace vx {
 class AppWorkspace;

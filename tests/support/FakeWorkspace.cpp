@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "platform/PlistFile.h"
+#include "platform/plist/PlistFile.h"
 #include "support/TempDir.h"
 
 namespace vx::test {

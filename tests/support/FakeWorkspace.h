@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/AppWorkspace.h"
+#include "platform/workspace/AppWorkspace.h"
 
 namespace vx::test {
 

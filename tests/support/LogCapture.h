@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Log.h"
+#include "platform/log/Log.h"
 
 namespace vx::test {
 

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "AppMigrator/VXAppMigrator.h"
-#include "platform/PlistFile.h"
+#include "platform/plist/PlistFile.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "support/TestDevice.h"

@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/UniqueFd.h"
+#include "platform/files/UniqueFd.h"
 
 extern char** environ;
 

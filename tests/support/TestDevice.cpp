@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "platform/DeviceRoot.h"
+#include "platform/system/DeviceRoot.h"
 
 namespace vx::test {
 namespace {

@@ -1,7 +1,7 @@
 // Lets the installer log's debugging detail (level 7) through while it lives.
 #pragma once
 
-#include "platform/InstallerLog.h"
+#include "platform/log/InstallerLog.h"
 
 namespace vx::test {
 
