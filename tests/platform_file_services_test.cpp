@@ -15,12 +15,13 @@
 #include <tuple>
 #include <vector>
 
-#include "platform/CloneTree.h"
-#include "platform/DirChain.h"
-#include "platform/Fault.h"
-#include "platform/ProtectionClass.h"
-#include "platform/PurgeTree.h"
-#include "platform/UniqueFd.h"
+#include "platform/files/Beneath.h"
+#include "platform/files/CloneTree.h"
+#include "platform/files/DirChain.h"
+#include "platform/files/Fault.h"
+#include "platform/files/ProtectionClass.h"
+#include "platform/files/PurgeTree.h"
+#include "platform/files/UniqueFd.h"
 #include "support/TempDir.h"
 
 namespace vx {
@@ -288,6 +289,44 @@ TEST(ProtectionClassTest, StoredBytesAndBadValues) {
   EXPECT_EQ(GetProtectionClass(fd.get()), 4) << "the refused change left the class alone";
   ASSERT_EQ(::fsetxattr(fd.get(), kProtectionClassAttribute, "\x01\x02", 2, 0), 0);
   EXPECT_EQ(GetProtectionClass(fd.get()) == -1 ? errno : 0, EINVAL) << "a value we never wrote";
+}
+
+// What an application planted in its own tree cannot lead an open out of it, nor stall it.
+TEST(BeneathTest, NoLinkNoParentNoWait) {
+  TempDir dir;
+  MakeDirs(dir / "tree/real/deeper");
+  MakeDirs(dir / "outside");
+  WriteFile(dir / "outside/secret", "secret");
+  WriteFile(dir / "tree/real/deeper/file", "mine");
+  MakeSymlink("../outside", dir / "tree/hop");
+  MakeSymlink("../../outside/secret", dir / "tree/real/last");
+  ASSERT_EQ(::mkfifo((dir / "tree/real/fifo").c_str(), 0600), 0);
+  UniqueFd tree(::open((dir / "tree").c_str(), O_RDONLY | O_DIRECTORY));
+  ASSERT_TRUE(tree);
+
+  EXPECT_TRUE(OpenBeneath(tree.get(), "real/./deeper//file", O_RDONLY));
+  EXPECT_TRUE(OpenBeneath(tree.get(), "", O_RDONLY | O_DIRECTORY));
+  for (const char* escape : {"hop/secret", "real/last", "real/../../outside/secret", "/etc/passwd"}) {
+    errno = 0;
+    EXPECT_FALSE(OpenBeneath(tree.get(), escape, O_RDONLY)) << escape;
+    EXPECT_NE(errno, 0) << escape;
+  }
+  // Creating through a planted link must not create at its target.
+  EXPECT_FALSE(OpenBeneath(tree.get(), "hop/new", O_WRONLY | O_CREAT | O_EXCL, 0600));
+  EXPECT_FALSE(Exists(dir / "outside/new"));
+
+  UniqueFd real = OpenBeneath(tree.get(), "real", O_RDONLY | O_DIRECTORY);
+  ASSERT_TRUE(real);
+  struct stat st {};
+  EXPECT_TRUE(OpenRegularFileAt(real.get(), "deeper/file", &st));
+  EXPECT_EQ(st.st_size, 4);
+  errno = 0;
+  EXPECT_FALSE(OpenRegularFileAt(real.get(), "fifo"));  // would block without O_NONBLOCK
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_FALSE(OpenRegularFileAt(real.get(), "last"));
+  EXPECT_EQ(errno, ELOOP);
+  EXPECT_FALSE(OpenRegularFileAt(tree.get(), "real"));
+  EXPECT_EQ(errno, EISDIR);
 }
 
 }  // namespace
