@@ -44,6 +44,44 @@ std::optional<PlistDictionary> ReadGroupContainerMap(const FileURL& installMapPa
   return std::nullopt;
 }
 
+// Group containers an earlier run could not empty, recorded in what it kept of the install
+// map; nothing when there are none, so that a device without leftovers runs as it always did.
+std::optional<PlistDictionary> ReadGroupLeftovers(const FileURL& installMapPath) {
+  const auto installMap = ReadPropertyListDictionary(installMapPath.path());
+  if (!installMap) return std::nullopt;
+  auto groups = installMap->find(kGroupContainersKey);
+  if (groups == installMap->end() || !groups->second.isDictionary()) return std::nullopt;
+  for (const auto& [group, entry] : *groups->second.dictionary()) {
+    if (entry.stringForKey(kGroupLeftoverOwnerKey)) return *groups->second.dictionary();
+  }
+  return std::nullopt;
+}
+
+// The entries of groups whose items could not all be moved.
+PlistDictionary GroupLeftovers(const std::optional<PlistDictionary>& groups) {
+  PlistDictionary leftovers;
+  if (!groups) return leftovers;
+  for (const auto& [group, entry] : *groups) {
+    if (entry.stringForKey(kGroupLeftoverOwnerKey)) leftovers.emplace(group, entry);
+  }
+  return leftovers;
+}
+
+// When the old root is gone, the install map only still matters for the group containers
+// that kept items: it is reduced to them, and goes once they are done.
+bool KeepInstallMapForLeftovers(const FileURL& installMapPath, const PlistDictionary& leftovers) {
+  if (leftovers.empty()) return false;
+  const PlistDictionary reduced{{kGroupContainersKey, leftovers}};
+  if (!WritePropertyListFile(installMapPath.path(), PlistValue(reduced))) {
+    VX_MIGRATION_LOG(3, kRunOperation, "VXAppMigrator: Failed to record group containers in %@",
+                     installMapPath.path());
+  }
+  VX_MIGRATION_LOG(3, kRunOperation,
+                   "VXAppMigrator: Keeping %@ because %lu group containers still hold items",
+                   installMapPath.path(), static_cast<unsigned long>(leftovers.size()));
+  return true;
+}
+
 // An unreadable map is only reported; it stays where it is for someone to look at.
 std::optional<PlistDictionary> ReadHarborMap(const FileURL& path,
                                              const VXFileManager& fileManager) {
@@ -59,7 +97,8 @@ std::optional<PlistDictionary> ReadHarborMap(const FileURL& path,
 // The old root and the old install map go only together, and only once nothing is left in
 // the root: an entry still there may be an application that a later run must migrate, and
 // that run needs the map's group containers. False when entries remain.
-bool RemoveOldLayoutIfEmpty(VXGlobalConfiguration& config, const VXFileManager& fileManager) {
+bool RemoveOldLayoutIfEmpty(VXGlobalConfiguration& config, const VXFileManager& fileManager,
+                            const PlistDictionary& leftovers) {
   const FileURL root = config.oldContainerPath();
   ErrorRef error;
   auto remaining = fileManager.urlsForItemsInDirectoryAtURL(root, false, &error);
@@ -70,6 +109,12 @@ bool RemoveOldLayoutIfEmpty(VXGlobalConfiguration& config, const VXFileManager& 
       VX_MIGRATION_LOG(
           3, kRunOperation,
           "VXAppMigrator: Failed to determine if any items were remaining to migrate: %@", error);
+      return true;
+    }
+    // The map an earlier run kept for its leftovers goes once they are done.
+    if (KeepInstallMapForLeftovers(config.oldInstallMapPath(), leftovers)) return false;
+    if (ReadGroupLeftovers(config.oldInstallMapPath())) {
+      fileManager.removeItemAtURL(config.oldInstallMapPath(), nullptr);
     }
     return true;
   }
@@ -80,14 +125,16 @@ bool RemoveOldLayoutIfEmpty(VXGlobalConfiguration& config, const VXFileManager& 
                      static_cast<unsigned long>(remaining->size()));
     return false;
   }
+  const bool keepMap = KeepInstallMapForLeftovers(config.oldInstallMapPath(), leftovers);
   for (const FileURL& url : {root, config.oldInstallMapPath()}) {
+    if (keepMap && url == config.oldInstallMapPath()) continue;
     ErrorRef removeError;
     if (!fileManager.removeItemAtURL(url, &removeError)) {
       VX_MIGRATION_LOG(3, kRunOperation, "VXAppMigrator: Failed to remove %@ : %@", url.path(),
                        removeError);
     }
   }
-  return true;
+  return !keepMap;
 }
 
 // Tells a later system which build this migration ran for. Not being able to say so does
@@ -126,6 +173,7 @@ std::unique_ptr<VXAppMigrator> VXAppMigrator::create() {
       if (!fileManager.removeItemAtURL(root, nullptr)) {
         VX_MIGRATION_LOG(3, kInitOperation, "VXAppMigrator: Failed to remove %@", root.path());
       }
+      migrator->_groupContainerMap = ReadGroupLeftovers(config.oldInstallMapPath());
     } else {
       VX_MIGRATION_LOG(5, kInitOperation, "VXAppMigrator: %ld items to migrate",
                        static_cast<long>(items->size()));
@@ -134,6 +182,9 @@ std::unique_ptr<VXAppMigrator> VXAppMigrator::create() {
     }
   }
 
+  if (!migrator->_itemsToMigrate && !migrator->_groupContainerMap) {
+    migrator->_groupContainerMap = ReadGroupLeftovers(config.oldInstallMapPath());
+  }
   migrator->_harborMap = ReadHarborMap(
       config.dataDirectory().URLByAppendingPathComponent(kHarborMapFileName), fileManager);
   return migrator;
@@ -195,6 +246,7 @@ bool VXAppMigrator::performMigration() {
     ++_countItemsMigrated;
   }
 
+  if (!_migrateLeftoverGroupContainers()) result = false;
   if (!_migrateSafeHarbors()) result = false;
 
   const PlistDictionary protectionOptions{
@@ -205,7 +257,7 @@ bool VXAppMigrator::performMigration() {
     result = false;
   }
 
-  if (!RemoveOldLayoutIfEmpty(config, fileManager)) {
+  if (!RemoveOldLayoutIfEmpty(config, fileManager, GroupLeftovers(_groupContainerMap))) {
     result = false;
   } else if (result) {
     RecordSystemVersion(config);

@@ -11,5 +11,6 @@ const char* const kContainerTypeApp = "App";
 const char* const kContainerTypeVPNBundle = "VPNBundle";
 const char* const kMigrationMarkerName = "com.tarsel.velotrix.container_migrator.plist";
 const char* const kStrayNoticeFileName = "WhereDidMyApplicationsGo.txt";
+const char* const kGroupLeftoverOwnerKey = "MigratingIdentifier";
 
 }  // namespace vx

@@ -5,6 +5,7 @@
 // even though the bundle could not be installed.
 #include "AppMigrator/VXAppMigrator.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/installer/RecoveryArea.h"
 #include "platform/log/MigrationLog.h"
 #include "platform/workspace/AppWorkspace.h"
 
@@ -100,7 +101,8 @@ bool VXAppMigrator::_migrateContainerWithInfo(const ContainerInfo& info) {
                      vpnPlugin ? std::optional<std::string>(vpnPlugin->path()) : std::nullopt);
     if (!_stageAndInstallBundleAtURL(bundle, identifier, vpnPlugin, container)) {
       // The data is already in its new home and the application keeps its place (its
-      // placeholder, or the installation it had); the container goes all the same.
+      // placeholder, or the installation it had); the container leaves the old root all the
+      // same, for the recovery area.
       success = false;
     } else {
       if (!_migrateGroupContainersForIdentifier(identifier)) return false;
@@ -110,6 +112,12 @@ bool VXAppMigrator::_migrateContainerWithInfo(const ContainerInfo& info) {
 
   VX_MIGRATION_LOG(5, kOperation, "VXAppMigrator: Removing container for %@ at %@", identifier,
                    container.path());
+  if (!success) {
+    // The bundle the installation gave up on is the only copy there is: it goes to the
+    // recovery area with the container, from where `vxmigrate recover` installs it again.
+    _setAsideItemAtURL(container, identifier, kRecoveryCourseInstallFailed);
+    return false;
+  }
   ErrorRef error;
   if (!fileManager.removeItemAtURL(container, &error)) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to remove container %@ : %@",

@@ -7,6 +7,7 @@
 #include "AppMigrator/VXAppMigrator.h"
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/installer/RecoveryArea.h"
 #include "platform/log/MigrationLog.h"
 
 namespace vx {
@@ -40,8 +41,10 @@ bool VXAppMigrator::_migrateDataContainerForIdentifier(const std::string& identi
     // An item already moved by a cut-off attempt is gone from the source; its destination
     // must then be left alone, since it now holds the user's data.
     if (!fileManager.itemExistsAtURL(source)) continue;
-    // The new container's own item is a fresh, empty default; the user's data replaces it.
-    fileManager.removeItemAtURL(destination, nullptr);
+    // The new container's own item is normally a fresh, empty default that the user's data
+    // replaces; one that holds bytes (a second old container of the same application) is
+    // kept in the recovery area instead.
+    if (!_setAsideItemAtURL(destination, identifier, kRecoveryCourseGaveWay)) return false;
     ErrorRef error;
     if (!fileManager.moveItemIfExistsAtURL(source, destination, &error)) {
       VX_MIGRATION_LOG(3, kMoveOperation,

@@ -2,8 +2,13 @@
 // container that the new installation was given. A group shared by several applications
 // moves once, with the first of them; its entry then leaves the map.
 #include "AppMigrator/VXAppMigrator.h"
+#include <map>
+
+#include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/installer/RecoveryArea.h"
 #include "platform/log/MigrationLog.h"
+#include "platform/plist/PlistFile.h"
 #include "platform/system/DeviceRoot.h"
 #include "platform/workspace/AppWorkspace.h"
 
@@ -16,6 +21,7 @@ constexpr const char* kGroupOperation =
 constexpr const char* kMoveOperation =
     "-[VXAppMigrator _moveAllItemsInGroupContainerURL:toGroupContainerURL:]";
 constexpr const char* kContainerKey = "Container";
+constexpr const char* kGroupContainersKey = "GroupContainers";
 
 }  // namespace
 
@@ -41,54 +47,102 @@ bool VXAppMigrator::_migrateGroupContainersForIdentifier(const std::string& iden
     return true;
   }
 
-  const VXFileManager& fileManager = VXFileManager::defaultManager();
   // The new installation decides which groups the application belongs to; a group the old
   // map knows but the installation does not list stays where it is.
   for (const auto& [group, destination] : *proxy->groupContainerURLs) {
-    auto entry = _groupContainerMap->find(group);
-    if (entry == _groupContainerMap->end() || !entry->second.isDictionary()) {
-      VX_MIGRATION_LOG(5, kGroupOperation,
-                       "VXAppMigrator: No group container entry to migrate for %@[%@]",
-                       identifier, group);
-      continue;
-    }
-    const std::string* devicePath = entry->second.stringForKey(kContainerKey);
-    if (!devicePath) {
-      VX_MIGRATION_LOG(5, kGroupOperation,
-                       "VXAppMigrator: Failed to get path to group container for %@[%@]",
-                       identifier, group);
-      continue;
-    }
-    // The install map records the path as the device sees it.
-    const FileURL source = ResolveDevicePath(*devicePath, true);
-    if (!fileManager.itemExistsAtURL(source)) {
-      VX_MIGRATION_LOG(3, kGroupOperation, "VXAppMigrator: Missing source group container at %@",
-                       source.path());
-      continue;
-    }
-    VX_MIGRATION_LOG(5, kGroupOperation, "VXAppMigrator: Migrating group container %@ at %@ to %@",
-                     group, source, destination);
-    size_t unmoved = 0;
-    if (!_moveAllItemsInGroupContainerURL(source, destination, &unmoved)) continue;
-    if (unmoved > 0) {
-      // Removing the old container now would delete what is still in it; keeping it and its
-      // entry lets a later run move the rest.
-      VX_MIGRATION_LOG(
-          3, kGroupOperation,
-          "VXAppMigrator: Not removing old group container at %@ because %lu items could not be "
-          "moved",
-          source.path(), static_cast<unsigned long>(unmoved));
-      continue;
-    }
-    _groupContainerMap->erase(entry);
-    ErrorRef error;
-    if (!fileManager.removeItemAtURL(source, &error)) {
-      VX_MIGRATION_LOG(3, kGroupOperation,
-                       "VXAppMigrator: Failed to remove old group container at %@ : %@",
-                       source.path(), error);
-    }
+    _migrateGroupContainer(group, destination, identifier);
   }
   return true;
+}
+
+void VXAppMigrator::_migrateGroupContainer(const std::string& group, const FileURL& destination,
+                                           const std::string& identifier) {
+  auto entry = _groupContainerMap->find(group);
+  if (entry == _groupContainerMap->end() || !entry->second.isDictionary()) {
+    VX_MIGRATION_LOG(5, kGroupOperation,
+                     "VXAppMigrator: No group container entry to migrate for %@[%@]", identifier,
+                     group);
+    return;
+  }
+  const std::string* devicePath = entry->second.stringForKey(kContainerKey);
+  if (!devicePath) {
+    VX_MIGRATION_LOG(5, kGroupOperation,
+                     "VXAppMigrator: Failed to get path to group container for %@[%@]",
+                     identifier, group);
+    return;
+  }
+  const VXFileManager& fileManager = VXFileManager::defaultManager();
+  // The install map records the path as the device sees it.
+  const FileURL source = ResolveDevicePath(*devicePath, true);
+  if (!fileManager.itemExistsAtURL(source)) {
+    // A leftover whose container has gone was finished by a run cut off before it could say so.
+    if (entry->second.stringForKey(kGroupLeftoverOwnerKey)) {
+      _groupContainerMap->erase(entry);
+      return;
+    }
+    VX_MIGRATION_LOG(3, kGroupOperation, "VXAppMigrator: Missing source group container at %@",
+                     source.path());
+    return;
+  }
+  VX_MIGRATION_LOG(5, kGroupOperation, "VXAppMigrator: Migrating group container %@ at %@ to %@",
+                   group, source, destination);
+  size_t unmoved = 0;
+  if (!_moveAllItemsInGroupContainerURL(source, destination, &unmoved)) return;
+  if (unmoved > 0) {
+    // Removing the old container now would delete what is still in it. Keeping it, and its
+    // entry marked with the application that owns it now, lets a later run move the rest even
+    // when no old container of that application is left to lead it there.
+    VX_MIGRATION_LOG(
+        3, kGroupOperation,
+        "VXAppMigrator: Not removing old group container at %@ because %lu items could not be "
+        "moved",
+        source.path(), static_cast<unsigned long>(unmoved));
+    PlistDictionary marked = *entry->second.dictionary();
+    marked[kGroupLeftoverOwnerKey] = identifier;
+    entry->second = PlistValue(std::move(marked));
+    _saveGroupContainerMap();
+    return;
+  }
+  _groupContainerMap->erase(entry);
+  ErrorRef error;
+  if (!fileManager.removeItemAtURL(source, &error)) {
+    VX_MIGRATION_LOG(3, kGroupOperation,
+                     "VXAppMigrator: Failed to remove old group container at %@ : %@",
+                     source.path(), error);
+  }
+}
+
+bool VXAppMigrator::_migrateLeftoverGroupContainers() {
+  if (!_groupContainerMap) return true;
+  std::map<std::string, std::string> leftovers;  // group to the application that owns it
+  for (const auto& [group, entry] : *_groupContainerMap) {
+    if (const std::string* owner = entry.stringForKey(kGroupLeftoverOwnerKey)) {
+      leftovers[group] = *owner;
+    }
+  }
+  AppWorkspace& workspace = AppWorkspace::defaultWorkspace();
+  for (const auto& [group, owner] : leftovers) {
+    std::optional<BundleProxy> proxy = workspace.bundleProxyForIdentifier(owner);
+    if (!proxy || !proxy->groupContainerURLs) continue;
+    auto destination = proxy->groupContainerURLs->find(group);
+    if (destination != proxy->groupContainerURLs->end()) {
+      _migrateGroupContainer(group, destination->second, owner);
+    }
+  }
+  for (const auto& [group, owner] : leftovers) {
+    if (_groupContainerMap->count(group)) return false;
+  }
+  return true;
+}
+
+void VXAppMigrator::_saveGroupContainerMap() {
+  const FileURL path = VXGlobalConfiguration::sharedInstance().oldInstallMapPath();
+  PlistDictionary installMap = ReadPropertyListDictionary(path.path()).value_or(PlistDictionary{});
+  installMap[kGroupContainersKey] = *_groupContainerMap;
+  if (!WritePropertyListFile(path.path(), PlistValue(std::move(installMap)))) {
+    VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to record group containers in %@",
+                     path.path());
+  }
 }
 
 bool VXAppMigrator::_moveAllItemsInGroupContainerURL(const FileURL& source,
@@ -106,8 +160,12 @@ bool VXAppMigrator::_moveAllItemsInGroupContainerURL(const FileURL& source,
   size_t unmoved = 0;
   for (const FileURL& entry : *entries) {
     const FileURL target = destination.URLByAppendingPathComponent(entry.lastPathComponent());
-    // What the new container already holds under the same name gives way to the old data.
-    fileManager.removeItemAtURL(target, nullptr);
+    // What the new container already holds under the same name gives way to the old data;
+    // if it holds bytes, it gives way into the recovery area.
+    if (!_setAsideItemAtURL(target, std::string(), kRecoveryCourseGaveWay)) {
+      ++unmoved;
+      continue;
+    }
     ErrorRef moveError;
     if (!fileManager.moveItemIfExistsAtURL(entry, target, &moveError)) {
       VX_MIGRATION_LOG(3, kMoveOperation, "VXAppMigrator: Failed to move item %@ to %@ : %@",

@@ -9,6 +9,7 @@
 
 #include "AppMigrator/VXAppMigrator.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/installer/RecoveryArea.h"
 #include "platform/bundle/BundleHandle.h"
 #include "platform/log/MigrationLog.h"
 
@@ -133,7 +134,8 @@ std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& 
     VX_MIGRATION_LOG(3, kOperation,
                      "VXAppMigrator: No app or vpn bundle found in container %@ ; removing it",
                      container.path());
-    fileManager.removeItemAtURL(container, nullptr);
+    // With no bundle to say whose it is, what the container holds can only be kept aside.
+    _setAsideItemAtURL(container, std::string(), kRecoveryCourseNoBundle);
     return std::nullopt;
   }
   if (recordDropped) return std::nullopt;

@@ -33,6 +33,9 @@ extern const char* const kContainerTypeApp;        // "App"
 extern const char* const kContainerTypeVPNBundle;  // "VPNBundle"
 extern const char* const kMigrationMarkerName;  // "com.tarsel.velotrix.container_migrator.plist"
 extern const char* const kStrayNoticeFileName;  // "WhereDidMyApplicationsGo.txt"
+// In a group's entry of the install map: the application whose migration could not move all
+// of the group's items.
+extern const char* const kGroupLeftoverOwnerKey;  // "MigratingIdentifier"
 
 class VXAppMigrator : public MigratorPlugin {
  public:
@@ -69,6 +72,15 @@ class VXAppMigrator : public MigratorPlugin {
                                           const FileURL& to);
   bool _containerHasMissedItems(const FileURL& container, const std::string& identifier);
   bool _migrateGroupContainersForIdentifier(const std::string& identifier);
+  // Moves one old group container's items into `destination`; its map entry goes once it is
+  // empty.
+  void _migrateGroupContainer(const std::string& group, const FileURL& destination,
+                              const std::string& identifier);
+  // Groups an earlier run could not finish, whose applications are installed by now. True
+  // when none is left.
+  bool _migrateLeftoverGroupContainers();
+  // Writes the group map back into the old install map, so that it outlives the run.
+  void _saveGroupContainerMap();
   // False only when the source cannot be listed; items that could not be moved are logged
   // and, when `unmovedCount` is given, counted there.
   bool _moveAllItemsInGroupContainerURL(const FileURL& source, const FileURL& destination,
@@ -76,6 +88,13 @@ class VXAppMigrator : public MigratorPlugin {
 
   // --- Safe harbors -------------------------------------------------------------------
   bool _migrateSafeHarbors();
+
+  // --- Recovery -----------------------------------------------------------------------
+  // Where the written course deletes `item`: moves it to the recovery area when it holds
+  // user bytes, else removes it. False when it holds bytes and could not be moved; it then
+  // stays where it is.
+  bool _setAsideItemAtURL(const FileURL& item, const std::string& identifier,
+                          const char* course);
 
   // Read-only views for the host's report and for tests.
   const std::optional<std::vector<FileURL>>& itemsToMigrate() const { return _itemsToMigrate; }

@@ -2,12 +2,14 @@
 // looks: containers that do not exist yet (a built-in application's data container before
 // its first use) are shown as absent rather than made.
 #include <iostream>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
 #include "host/Command.h"
+#include "platform/installer/RecoveryArea.h"
 #include "platform/system/DeviceRoot.h"
 #include "platform/workspace/Workspace.h"
 
@@ -32,7 +34,19 @@ nlohmann::ordered_json PathOrNull(const std::optional<FileURL>& url) {
   return url ? nlohmann::ordered_json(url->path()) : nlohmann::ordered_json(nullptr);
 }
 
-nlohmann::ordered_json Entry(const BundleProxy& proxy) {
+// Placeholders whose real bundle a failed installation left in the recovery area, by
+// identifier: the newest entry of each.
+std::map<std::string, std::string> RecoverableBundles() {
+  std::map<std::string, std::string> recoverable;
+  for (const RecoveredEntry& entry : RecoveredEntries()) {
+    if (entry.record.course == kRecoveryCourseInstallFailed && !entry.record.identifier.empty()) {
+      recoverable[entry.record.identifier] = entry.name;
+    }
+  }
+  return recoverable;
+}
+
+nlohmann::ordered_json Entry(const BundleProxy& proxy, const std::string* recoverable) {
   nlohmann::ordered_json groups = nlohmann::ordered_json::object();
   if (proxy.groupContainerURLs) {
     for (const auto& [group, url] : *proxy.groupContainerURLs) groups[group] = url.path();
@@ -44,12 +58,15 @@ nlohmann::ordered_json Entry(const BundleProxy& proxy) {
           {"bundlePath", PathOrNull(proxy.bundleURL)},
           {"bundleContainerPath", PathOrNull(proxy.bundleContainerURL)},
           {"dataContainerPath", PathOrNull(proxy.dataContainerURL)},
-          {"groupContainers", std::move(groups)}};
+          {"groupContainers", std::move(groups)},
+          {"recoverableBundle", recoverable ? nlohmann::ordered_json(*recoverable)
+                                            : nlohmann::ordered_json(nullptr)}};
 }
 
-void PrintText(const BundleProxy& proxy, std::ostream& out) {
+void PrintText(const BundleProxy& proxy, const std::string* recoverable, std::ostream& out) {
   auto path = [](const std::optional<FileURL>& url) { return url ? url->path() : "-"; };
-  out << proxy.bundleIdentifier << "  " << KindOf(proxy) << "  "
+  out << proxy.bundleIdentifier << "  " << KindOf(proxy)
+      << (recoverable ? " with a recoverable bundle" : "") << "  "
       << proxy.bundleVersion.value_or("-") << "\n"
       << "  bundle:           " << path(proxy.bundleURL) << "\n"
       << "  bundle container: " << path(proxy.bundleContainerURL) << "\n"
@@ -59,6 +76,7 @@ void PrintText(const BundleProxy& proxy, std::ostream& out) {
       out << "  group " << group << ": " << url.path() << "\n";
     }
   }
+  if (recoverable) out << "  recover with:     vxmigrate recover " << *recoverable << "\n";
 }
 
 int RunApps(const AppsOptions& options) {
@@ -67,14 +85,18 @@ int RunApps(const AppsOptions& options) {
     return kExitUsage;
   }
   DeviceWorkspace workspace(DeviceRoot());
+  const std::map<std::string, std::string> recoverable = RecoverableBundles();
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   for (const std::string& identifier : workspace.installedBundleIdentifiers()) {
     auto proxy = workspace.existingBundleProxy(identifier);
     if (!proxy) continue;
+    auto found = recoverable.find(identifier);
+    const std::string* entry =
+        found != recoverable.end() && KindOf(*proxy) == "placeholder" ? &found->second : nullptr;
     if (options.json) {
-      list.push_back(Entry(*proxy));
+      list.push_back(Entry(*proxy, entry));
     } else {
-      PrintText(*proxy, std::cout);
+      PrintText(*proxy, entry, std::cout);
     }
   }
   if (options.json) std::cout << list.dump(2) << std::endl;

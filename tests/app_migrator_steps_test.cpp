@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "platform/installer/RecoveryArea.h"
 #include "support/AppPackages.h"
 #include "support/FakeWorkspace.h"
 #include "support/MigratorTestKit.h"
@@ -174,6 +175,9 @@ TEST_F(GroupContainerTest, SharedGroupMovesOnceAndUnmovableItemsKeepTheOldContai
 
   EXPECT_TRUE(migrator->_migrateGroupContainersForIdentifier("com.a"));
   EXPECT_EQ(ReadFile(fresh + "a/db"), "old");
+  const std::vector<RecoveredEntry> keptAside = RecoveredEntries();  // what gave way
+  ASSERT_EQ(keptAside.size(), 1u);
+  EXPECT_EQ(ReadFile(keptAside[0].content.path() + "/db"), "fresh");
   EXPECT_TRUE(std::filesystem::is_symlink(fresh + "a/link"));
   EXPECT_FALSE(Exists(old + "shared"));
   EXPECT_EQ(ReadFile(old + "stuck/New/a"), "a");
@@ -190,6 +194,21 @@ TEST_F(GroupContainerTest, SharedGroupMovesOnceAndUnmovableItemsKeepTheOldContai
   workspace.proxies["com.b"].groupContainerURLs.reset();
   EXPECT_FALSE(migrator->_migrateGroupContainersForIdentifier("com.b"));
   EXPECT_FALSE(migrator->_migrateGroupContainersForIdentifier("com.none"));
+
+  // The leftover outlives the run in the install map, marked with its owner, so that a later
+  // run with no old container left to lead it there still moves the rest.
+  const auto map = ReadPropertyListDictionary(DevicePath(kInstallMap));
+  ASSERT_TRUE(map);
+  const PlistValue& stuck = map->at("GroupContainers").dictionary()->at("g.stuck");
+  EXPECT_EQ(*stuck.stringForKey("MigratingIdentifier"), "com.a");
+  std::filesystem::remove_all(OldContainer(""));
+  MakeDirs(fresh + "stuck");
+  workspace.proxies["com.a"].groupContainerURLs = {{{"g.stuck", Dir(fresh + "stuck")}}};
+  create();
+  EXPECT_TRUE(migrator->performMigration());
+  EXPECT_EQ(ReadFile(fresh + "stuck/New/a"), "a");
+  EXPECT_FALSE(Exists(old + "stuck"));
+  EXPECT_FALSE(Exists(DevicePath(kInstallMap))) << "the map goes with its last leftover";
 }
 
 class SafeHarborTest : public MigratorTest {};

@@ -147,14 +147,22 @@ void CutOffAtEveryStep(bool crash) {
     auto clean = Migrate(root);
     if (!crash && clean.exitStatus == 1) clean = Migrate(root);
     ASSERT_EQ(clean.exitStatus, 0) << "after a cut at n=" << n << "\n" << clean.describe();
-    const sample::ManifestReport report = sample::CheckMigratedDevice(root);
+    sample::ManifestReport report = sample::CheckMigratedDevice(root);
     ASSERT_TRUE(report.ok()) << "after a cut at n=" << n << ": " << Describe(report);
     // A crash only ever delays the migration. A failure while the bundle is staged or
-    // installed ends its container's migration with the data safe and the placeholder kept.
+    // installed ends its container's migration with the data safe, the placeholder kept and
+    // the bundle in the recovery area, from where one command installs it for real.
     if (crash) {
       ASSERT_TRUE(report.placeholdersOnly.empty()) << "n=" << n << ": " << Describe(report);
     } else if (!report.placeholdersOnly.empty()) {
       ++placeholderOutcomes;
+      for (const std::string& identifier : report.placeholdersOnly) {
+        auto recovered = Host({"recover", "--root", root, identifier});
+        ASSERT_EQ(recovered.exitStatus, 0) << "n=" << n << "\n" << recovered.describe();
+      }
+      report = sample::CheckMigratedDevice(root);
+      ASSERT_TRUE(report.ok() && report.placeholdersOnly.empty())
+          << "after recovery at n=" << n << ": " << Describe(report);
     }
     std::filesystem::remove_all(root);
     std::filesystem::remove_all(root + "-tmp");
@@ -162,6 +170,9 @@ void CutOffAtEveryStep(bool crash) {
   ::testing::Test::RecordProperty("mutations", completedAt - 1);
   ::testing::Test::RecordProperty("placeholderOutcomes", placeholderOutcomes);
   EXPECT_GT(completedAt, 10) << "the run makes more than a handful of mutations";
+  if (!crash) {
+    EXPECT_GT(placeholderOutcomes, 0) << "no failure reached the bundle's installation";
+  }
 }
 
 TEST(SampleDeviceCrashTest, EveryMutationCutOffByACrashIsRecovered) { CutOffAtEveryStep(true); }

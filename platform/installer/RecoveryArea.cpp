@@ -1,0 +1,218 @@
+#include "platform/installer/RecoveryArea.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "configuration/VXGlobalConfiguration.h"
+#include "filemanager/VXFileManager.h"
+#include "platform/files/Sys.h"
+#include "platform/files/UniqueFd.h"
+#include "platform/plist/PlistFile.h"
+#include "support/errors/ErrorMakers.h"
+
+namespace vx {
+
+const char* const kRecoveryCourseNoBundle = "NoReadableBundle";
+const char* const kRecoveryCourseInstallFailed = "InstallFailed";
+const char* const kRecoveryCourseGaveWay = "GaveWay";
+
+namespace {
+
+constexpr const char* kAreaName = "Recovered";
+constexpr const char* kRecordName = "Record.plist";
+constexpr const char* kContentName = "Content";
+constexpr const char* kMoveFunction = "MoveToRecoveryArea";
+// Deep enough for any real application tree; what lies deeper is kept rather than judged.
+constexpr int kMaxWalkDepth = 128;
+
+// To the nanosecond, so that entries made within one second still sort in their order.
+std::string NowUTC() {
+  struct timespec now {};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  std::tm parts{};
+  ::gmtime_r(&now.tv_sec, &parts);
+  char text[48];
+  const size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  std::snprintf(text + length, sizeof text - length, ".%09ldZ", static_cast<long>(now.tv_nsec));
+  return text;
+}
+
+// An entry's name starts with the identifier so that a person listing the area can tell
+// what is what; an identifier comes from a bundle an application wrote, so only plain
+// characters of it are kept, and never more than fits a name comfortably.
+std::string NamePrefix(const std::string& identifier) {
+  std::string prefix;
+  for (char c : identifier.substr(0, 96)) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '.' || c == '-' || c == '_';
+    prefix += plain ? c : '_';
+  }
+  if (prefix.empty() || prefix.front() == '.') prefix.insert(0, "unknown");
+  return prefix;
+}
+
+// Walks by descriptors without following any link: the tree was written by an application.
+bool DirectoryHoldsUserBytes(int dirfd, const std::set<std::string>& ignoredNames, int depth) {
+  if (depth > kMaxWalkDepth) return true;
+  const int listFd = ::dup(dirfd);
+  if (listFd < 0) return true;
+  UniqueDir dir(::fdopendir(listFd));
+  if (!dir) {
+    ::close(listFd);
+    return true;
+  }
+  while (struct dirent* entry = ::readdir(dir.get())) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    struct stat st {};
+    if (::fstatat(dirfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno == ENOENT) continue;
+      return true;  // what cannot be looked at is kept
+    }
+    if (S_ISREG(st.st_mode)) {
+      if (!ignoredNames.count(name)) return true;
+    } else if (S_ISDIR(st.st_mode)) {
+      UniqueFd child(::openat(dirfd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      if (!child || DirectoryHoldsUserBytes(child.get(), ignoredNames, depth + 1)) return true;
+    }
+  }
+  return false;
+}
+
+bool SyncDirectory(const std::string& path) {
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return fd && sys::Fsync(fd.get()) == 0;
+}
+
+std::string Text(const PlistDictionary& record, const char* key) {
+  auto it = record.find(key);
+  const std::string* text = it == record.end() ? nullptr : it->second.string();
+  return text ? *text : std::string();
+}
+
+std::optional<RecoveredEntry> ReadEntry(const FileURL& area, const std::string& name) {
+  const FileURL directory = area.URLByAppendingPathComponent(name, true);
+  auto record =
+      ReadPropertyListDictionary(directory.URLByAppendingPathComponent(kRecordName).path());
+  if (!record) return std::nullopt;
+  RecoveredEntry entry;
+  entry.name = name;
+  entry.record = {Text(*record, "Identifier"), Text(*record, "Course"),
+                  Text(*record, "OriginalPath")};
+  entry.time = Text(*record, "Time");
+  entry.content = directory.URLByAppendingPathComponent(kContentName, true);
+  UniqueDir content(::opendir(entry.content.fileSystemRepresentation()));
+  if (!content) return std::nullopt;
+  while (struct dirent* item = ::readdir(content.get())) {
+    if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
+      entry.items.emplace_back(item->d_name);
+    }
+  }
+  // A cut between the record and the move leaves an entry with nothing in it.
+  if (entry.items.empty()) return std::nullopt;
+  std::sort(entry.items.begin(), entry.items.end());
+  return entry;
+}
+
+}  // namespace
+
+FileURL RecoveryAreaURL() {
+  return VXGlobalConfiguration::sharedInstance().dataDirectory().URLByAppendingPathComponent(
+      kAreaName, true);
+}
+
+bool ItemHoldsUserBytes(const FileURL& item, const std::set<std::string>& ignoredNames) {
+  struct stat st {};
+  if (::lstat(item.fileSystemRepresentation(), &st) != 0) return errno != ENOENT;
+  if (S_ISREG(st.st_mode)) return !ignoredNames.count(item.lastPathComponent());
+  if (!S_ISDIR(st.st_mode)) return false;
+  UniqueFd dir(::open(item.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return !dir || DirectoryHoldsUserBytes(dir.get(), ignoredNames, 0);
+}
+
+std::optional<FileURL> MoveToRecoveryArea(const FileURL& item, const RecoveryRecord& record,
+                                          ErrorRef* error) {
+  const VXFileManager& fileManager = VXFileManager::defaultManager();
+  const FileURL area = RecoveryAreaURL();
+  if (!fileManager.createDirectoryAtURL(area, true, 0700, error)) return std::nullopt;
+
+  std::string templ = area.URLByAppendingPathComponent(NamePrefix(record.identifier)).path() +
+                      ".XXXXXX";
+  if (!sys::Mkdtemp(templ.data())) {
+    if (error) {
+      *error = _CreateAndLogError(kMoveFunction, __LINE__, VXInstallerErrorDomain, 4,
+                                  PosixCause(errno), nullptr,
+                                  "Failed to create recovery entry at %s", templ);
+    }
+    return std::nullopt;
+  }
+  const FileURL entry = FileURL::fileURLWithPath(templ, true);
+  const FileURL content = entry.URLByAppendingPathComponent(kContentName, true);
+  if (!fileManager.createDirectoryAtURL(content, false, 0700, error)) return std::nullopt;
+  const PlistDictionary fields{{"Identifier", record.identifier},
+                               {"Course", record.course},
+                               {"OriginalPath", record.originalPath},
+                               {"Time", NowUTC()}};
+  int writeError = 0;
+  if (!WritePropertyListFile(entry.URLByAppendingPathComponent(kRecordName).path(),
+                             PlistValue(fields), PlistFormat::XML, &writeError)) {
+    if (error) {
+      *error = _CreateAndLogError(kMoveFunction, __LINE__, VXInstallerErrorDomain, 4,
+                                  PosixCause(writeError), nullptr,
+                                  "Failed to write the record of recovery entry %s", entry.path());
+    }
+    return std::nullopt;
+  }
+
+  const FileURL destination =
+      content.URLByAppendingPathComponent(item.lastPathComponent(), item.hasDirectoryPath());
+  // The move is a rename; only an area on another file system makes it a copy, and then the
+  // source goes only once the copy is whole.
+  if (!fileManager.moveItemAtURL(item, destination, error)) return std::nullopt;
+  // Both directories changed: a power cut must not bring the item back to where it stood
+  // while the record says it left, nor lose it from both.
+  SyncDirectory(content.path());
+  SyncDirectory(item.URLByDeletingLastPathComponent().path());
+  return destination;
+}
+
+std::vector<RecoveredEntry> RecoveredEntries() {
+  std::vector<RecoveredEntry> entries;
+  const FileURL area = RecoveryAreaURL();
+  UniqueDir dir(::opendir(area.fileSystemRepresentation()));
+  if (!dir) return entries;
+  while (struct dirent* item = ::readdir(dir.get())) {
+    if (item->d_name[0] == '.') continue;
+    if (auto entry = ReadEntry(area, item->d_name)) entries.push_back(std::move(*entry));
+  }
+  std::sort(entries.begin(), entries.end(), [](const RecoveredEntry& a, const RecoveredEntry& b) {
+    return a.time != b.time ? a.time < b.time : a.name < b.name;
+  });
+  return entries;
+}
+
+std::optional<RecoveredEntry> FindRecoveredEntry(const std::string& nameOrIdentifier) {
+  std::vector<RecoveredEntry> entries = RecoveredEntries();
+  for (const RecoveredEntry& entry : entries) {
+    if (entry.name == nameOrIdentifier) return entry;
+  }
+  for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
+    if (it->record.identifier == nameOrIdentifier) return *it;
+  }
+  return std::nullopt;
+}
+
+bool RemoveRecoveredEntry(const RecoveredEntry& entry, ErrorRef* error) {
+  return VXFileManager::defaultManager().removeItemAtURL(
+      RecoveryAreaURL().URLByAppendingPathComponent(entry.name, true), error);
+}
+
+}  // namespace vx
