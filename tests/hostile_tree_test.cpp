@@ -255,7 +255,8 @@ TEST_F(HostileTreeTest, RemovalNeverReachesThroughASwappedLink) {
 
 TEST_F(HostileTreeTest, MeasuringNeverCountsWhatASwappedLinkLeadsTo) {
   PlantSwappableTree(root, outside.path());
-  test::WriteFile(outside.path() + "/big", std::string(4 << 20, 'b'));
+  // Reached only through the link: as "a/sub" while "a" is swapped for it.
+  test::WriteFile(outside.path() + "/sub/big", std::string(4 << 20, 'b'));
   Swapper swapper(root + "/a", root + "/l");
   Race([&] { ASSERT_LT(fm().diskUsageForURL(URL(root)), 1u << 20); });
 }
@@ -307,6 +308,7 @@ TEST_F(HostileTreeTest, FifosNeverMakeAnyoneWait) {
   int32_t protectionClass = 0;
   ErrorRef error;
   EXPECT_FALSE(fm().dataProtectionClassOfItemAtURL(URL(fifo), &protectionClass, &error));
+  ASSERT_TRUE(error);
   EXPECT_EQ(*error->localizedDescription(), "Failed to open " + fifo + " : Invalid argument");
   EXPECT_FALSE(fm().setDataProtectionClassOfItemAtURL(URL(fifo), 3, nullptr, &error));
   watchdog.Stop();
