@@ -85,6 +85,8 @@ class VXFileManager {
   // --- Tree traversal and ownership normalisation -----------------------------------
   bool _traverseDirectory(const FileURL& root, ErrorRef* error,
                           const TraversalVisitor& visitor) const;
+  // Owners change through each item's own descriptor, never through a path; an item that
+  // is not a directory and has other links keeps its owner (logged as a refused change).
   bool standardizeOwnershipAndValidateSymlinksAtURL(const FileURL& root, uid_t uid, gid_t gid,
                                                     ErrorRef* error) const;
 

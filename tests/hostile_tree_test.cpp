@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "filemanager/VXFileManager.h"
+#include "platform/files/AtomicFile.h"
 #include "platform/files/CloneTree.h"
 #include "platform/files/DirHarvest.h"
 #include "platform/files/DirentRecords.h"
@@ -311,6 +312,9 @@ TEST_F(HostileTreeTest, FifosNeverMakeAnyoneWait) {
   ASSERT_TRUE(error);
   EXPECT_EQ(*error->localizedDescription(), "Failed to open " + fifo + " : Invalid argument");
   EXPECT_FALSE(fm().setDataProtectionClassOfItemAtURL(URL(fifo), 3, nullptr, &error));
+  int readError = 0;
+  EXPECT_EQ(ReadFileContents(fifo, &readError), std::nullopt);
+  EXPECT_EQ(readError, EINVAL);
   watchdog.Stop();
   EXPECT_TRUE(log.contains("failed to open " + fifo + " : Invalid argument", 3));
 

@@ -1,7 +1,5 @@
 #include "platform/files/DirHarvest.h"
 
-#include "platform/files/DirentRecords.h"
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,6 +7,8 @@
 
 #include <cerrno>
 #include <cstring>
+
+#include "platform/files/DirentRecords.h"
 
 namespace vx {
 namespace {
