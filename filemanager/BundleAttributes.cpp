@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "filemanager/VXFileManager.h"
+#include "platform/files/Beneath.h"
 #include "platform/files/ExtendedAttributes.h"
 #include "platform/files/ProtectionClass.h"
 #include "platform/files/Sys.h"
@@ -27,9 +28,10 @@ std::string InstallTypeAttribute() {
 }
 
 // The class is read and set through a descriptor of the item itself: a symbolic link is
-// refused, never followed.
+// refused, never followed, and only a file or a directory is kept open. A FIFO, socket or
+// device node fails at once ("Invalid argument") instead of waiting for a writer.
 UniqueFd OpenForClass(const char* function, const FileURL& url, ErrorRef* error) {
-  UniqueFd fd(::open(url.fileSystemRepresentation(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  UniqueFd fd = OpenRegularFileOrDirectoryAt(AT_FDCWD, url.fileSystemRepresentation());
   if (!fd) {
     const int saved = errno;
     SetError(error, PosixError(function, __LINE__, saved, "Failed to open %s : %s", url.path(),

@@ -29,6 +29,19 @@ SourceState CheckSource(const char* function, const FileURL& source, ErrorRef* e
   return SourceState::Failed;
 }
 
+// The copier with the flags the file manager always asks for, plus `extraFlags`.
+bool Clone(const FileURL& source, const FileURL& destination, unsigned extraFlags,
+           ErrorRef* error) {
+  if (clonetree(source.fileSystemRepresentation(), destination.fileSystemRepresentation(),
+                kCloneAll | extraFlags) != 0) {
+    const int e = errno;
+    SetError(error, PosixError(kCopyFunction, __LINE__, e, "clonetree of %@ to %@ failed: %s",
+                               source, destination, std::strerror(e)));
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool VXFileManager::_copyItemAtURL(const FileURL& source, const FileURL& destination,
@@ -37,14 +50,7 @@ bool VXFileManager::_copyItemAtURL(const FileURL& source, const FileURL& destina
     const SourceState state = CheckSource(kCopyFunction, source, error);
     if (state != SourceState::Present) return state == SourceState::Missing;
   }
-  if (clonetree(source.fileSystemRepresentation(), destination.fileSystemRepresentation(),
-                kCloneAll) != 0) {
-    const int e = errno;
-    SetError(error, PosixError(kCopyFunction, __LINE__, e, "clonetree of %@ to %@ failed: %s",
-                               source, destination, std::strerror(e)));
-    return false;
-  }
-  return true;
+  return Clone(source, destination, 0, error);
 }
 
 bool VXFileManager::_moveItemAtURL(const FileURL& source, const FileURL& destination,
@@ -62,8 +68,10 @@ bool VXFileManager::_moveItemAtURL(const FileURL& source, const FileURL& destina
                                destination, std::strerror(e)));
     return false;
   }
-  // Across file systems a move is a copy, and the source goes only once the copy is whole.
-  if (!_copyItemAtURL(source, destination, true, error)) return false;
+  // Across file systems a move is a copy, and the source goes only once the copy is whole:
+  // FIFOs and device nodes are made anew, and one that cannot be (a socket, a device node
+  // without privilege) fails the move, as removing the source would lose it.
+  if (!Clone(source, destination, kCloneSpecial, error)) return false;
   ErrorRef removeError;
   if (!removeItemAtURL(source, &removeError)) {
     VX_INSTALLER_LOG(3, kMoveFunction, "Failed to remove source %@ : %@", source.path(),

@@ -1,5 +1,6 @@
 // Measuring a tree: allocated bytes of everything below a root, hard links counted once.
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,6 +12,7 @@
 
 #include "filemanager/StringAdditions.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/files/Beneath.h"
 #include "platform/files/DirHarvest.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/log/InstallerLog.h"
@@ -102,9 +104,10 @@ class Measurement {
       VX_INSTALLER_LOG(3, kDiskUsage, "Failed to get path to url %@", root);
       return 0;
     }
-    queue_.push_back(root.path());
+    rootPath_ = root.path();
+    queue_.push_back({std::string(), 0});
     while (!queue_.empty()) {
-      const std::string directory = std::move(queue_.front());
+      const Pending directory = std::move(queue_.front());
       queue_.pop_front();
       readDirectory(directory);
     }
@@ -112,8 +115,37 @@ class Measurement {
   }
 
  private:
-  void readDirectory(const std::string& directory) {
-    UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  // A directory waiting to be read: its path below the root and the inode its record gave.
+  struct Pending {
+    std::string relative;
+    uint64_t fileID = 0;
+  };
+
+  std::string pathOf(const std::string& relative) const {
+    if (relative.empty()) return rootPath_;
+    return rootPath_.back() == '/' ? rootPath_ + relative : rootPath_ + "/" + relative;
+  }
+
+  // The tree may change while it is measured: a directory is opened beneath the root with
+  // no symbolic link followed on the way, and must still be the directory that was listed.
+  UniqueFd openDirectory(const Pending& pending) {
+    if (pending.relative.empty()) {
+      root_.reset(::open(rootPath_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      return root_ ? UniqueFd(::fcntl(root_.get(), F_DUPFD_CLOEXEC, 0)) : UniqueFd();
+    }
+    UniqueFd fd = OpenBeneath(root_.get(), pending.relative, O_RDONLY | O_DIRECTORY);
+    struct stat st {};
+    if (fd && pending.fileID != 0 &&
+        (::fstat(fd.get(), &st) != 0 || static_cast<uint64_t>(st.st_ino) != pending.fileID)) {
+      errno = ESTALE;
+      return UniqueFd();
+    }
+    return fd;
+  }
+
+  void readDirectory(const Pending& pending) {
+    const std::string directory = pathOf(pending.relative);
+    UniqueFd fd = openDirectory(pending);
     if (!fd) {
       VX_INSTALLER_LOG(3, kDiskUsage, "Failed to open directory %@ : %s", directory,
                        std::strerror(errno));
@@ -136,13 +168,14 @@ class Measurement {
         std::memcpy(&length, batch_.data() + at, sizeof length);
         // A length that cannot be right would send the decoder out of the batch.
         if (length < sizeof length || length > batch_.size() - at) return;
-        handle(Decode(batch_.data() + at, length), entryIndex, directory);
+        handle(Decode(batch_.data() + at, length), entryIndex, directory, pending.relative);
         at += length;
       }
     }
   }
 
-  void handle(const HarvestedEntry& entry, uint64_t index, const std::string& directory) {
+  void handle(const HarvestedEntry& entry, uint64_t index, const std::string& directory,
+              const std::string& relative) {
     if (entry.error != 0) {
       VX_INSTALLER_LOG(3, kDiskUsage, "Got error %s while processing entry %llu in %@",
                        std::strerror(static_cast<int>(entry.error)), index, directory);
@@ -169,7 +202,7 @@ class Measurement {
                          entry.name, directory);
         return;
       }
-      queue_.push_back(directory.back() == '/' ? directory + name : directory + "/" + name);
+      queue_.push_back({relative.empty() ? name : relative + "/" + name, entry.fileID});
       return;
     }
     if (entry.linkCount == 1) {
@@ -195,8 +228,10 @@ class Measurement {
     return kRequest;
   }
 
+  std::string rootPath_;
+  UniqueFd root_;
   std::vector<unsigned char> batch_;
-  std::deque<std::string> queue_;
+  std::deque<Pending> queue_;
   std::unordered_set<uint64_t> seen_;
   uint64_t total_ = 0;
 };

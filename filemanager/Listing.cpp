@@ -11,6 +11,7 @@
 
 #include "filemanager/StringAdditions.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/files/DirentRecords.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/log/InstallerLog.h"
 #include "support/errors/ErrorMakers.h"
@@ -32,14 +33,6 @@ struct DirectoryEntry {
 // readdir would make many smaller calls on a big directory.
 constexpr size_t kListingBufferSize = 64 * 1024;
 
-struct LinuxDirent64 {
-  ino64_t d_ino;
-  off64_t d_off;
-  unsigned short d_reclen;
-  unsigned char d_type;
-  char d_name[];
-};
-
 // Visits every entry of the directory at `path` (a final symbolic link is not followed, so
 // a link to a directory fails). Returns 0, or the error number that ended the walk.
 int _IterateDirectory(const std::string& path,
@@ -54,15 +47,15 @@ int _IterateDirectory(const std::string& path,
       return errno;
     }
     if (n == 0) return 0;
-    for (long offset = 0; offset < n;) {
-      const auto* raw = reinterpret_cast<const LinuxDirent64*>(buffer.get() + offset);
-      offset += raw->d_reclen;
-      DirectoryEntry entry{raw->d_name, std::strlen(raw->d_name), raw->d_type};
+    DirentReader reader(reinterpret_cast<const unsigned char*>(buffer.get()),
+                        static_cast<size_t>(n));
+    DirentRecord record;
+    while (reader.Next(&record)) {
+      DirectoryEntry entry{record.name.data(), record.name.size(), record.type};
       if (entry.type == DT_UNKNOWN) {
-        // Some file systems do not say; ask the entry itself.
+        // Some file systems do not say; ask the entry itself, in this very directory.
         struct stat st {};
-        const std::string full = path + "/" + std::string(entry.name, entry.nameLength);
-        if (::lstat(full.c_str(), &st) == 0) {
+        if (::fstatat(fd.get(), entry.name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
           if (S_ISDIR(st.st_mode)) entry.type = DT_DIR;
           else if (S_ISLNK(st.st_mode)) entry.type = DT_LNK;
           else if (S_ISREG(st.st_mode)) entry.type = DT_REG;
@@ -70,6 +63,7 @@ int _IterateDirectory(const std::string& path,
       }
       if (!visitor(entry)) return 0;
     }
+    if (reader.malformed()) return EIO;
   }
 }
 

@@ -1,6 +1,7 @@
 // Deciding whether a location, usually a symbolic link a privileged walk came across, really
 // lies inside a base directory. Whoever made the link controls its text, so every rejection
 // is logged and the answer is simply absent: nothing on disk is touched.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,14 +28,27 @@ constexpr const char* kRealPathWhatExists = "-[VXFileManager _realPathWhatExists
 constexpr size_t kLinkTextLimit = PATH_MAX;
 constexpr std::string_view kPrivatePrefix = "/private";
 
-// The same directory is reachable with and without "/private" in front; the textual
-// prefix test must not tell the two spellings apart.
+bool SameDirectory(const std::string& a, const std::string& b) {
+  struct stat sa {};
+  struct stat sb {};
+  return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && S_ISDIR(sa.st_mode) &&
+         sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+// Where "/var" is an alias of "/private/var", the same directory has two spellings, and the
+// textual prefix test must not tell them apart. Elsewhere (a device laid out under "/", whose
+// paths really begin with "/private") the stripped path names another place, so the prefix
+// is removed only when its first directory below "/private" is the very directory of the
+// same name below "/". The real paths compared later are canonical (one directory has one
+// real path), so they need no such rule and get none: skipping a "private" component there
+// would let "/var/x" pass for "/private/var/x".
 FileURL WithoutPrivatePrefix(const FileURL& url) {
   const std::string& path = url.path();
-  if (path.starts_with("/private/")) {
-    return FileURL::fileURLWithPath(path.substr(kPrivatePrefix.size()), url.hasDirectoryPath());
-  }
-  return url;
+  if (!path.starts_with("/private/")) return url;
+  const std::string stripped = path.substr(kPrivatePrefix.size());
+  const std::string first = stripped.substr(0, stripped.find('/', 1));
+  if (!SameDirectory(std::string(kPrivatePrefix) + first, first)) return url;
+  return FileURL::fileURLWithPath(stripped, url.hasDirectoryPath());
 }
 
 std::string DeletingLastPathComponent(const std::string& path) {
@@ -48,8 +62,39 @@ std::string AppendingPathComponent(const std::string& path, const std::string& c
   return path.back() == '/' ? path + component : path + "/" + component;
 }
 
-size_t FirstComparedComponent(const std::vector<std::string>& components) {
-  return components[1] == "private" ? 2 : 1;
+// Compares the components of two real paths: `real` lies inside `realBase` when the base's
+// components are its first ones. Rejections are logged with the paths the caller was given.
+bool RealPathLiesInside(const FileURL& real, const FileURL& realBase,
+                        const std::string& suspiciousPath, const std::string& basePath) {
+  const std::vector<std::string> baseComponents = realBase.pathComponents();
+  const std::vector<std::string> childComponents = real.pathComponents();
+  const size_t nb = baseComponents.size();
+  const size_t ns = childComponents.size();
+  if (nb < 2 || ns < 2) {
+    VX_INSTALLER_LOG(3, kRealPathIfChild,
+                     "Rejecting %@ with base %@ because real component counts don't make sense "
+                     "(reals %@ ; %@)",
+                     suspiciousPath, basePath, real, realBase);
+    return false;
+  }
+  if (nb > ns) {
+    VX_INSTALLER_LOG(3, kRealPathIfChild,
+                     "Rejecting %@ with base %@ because base component count is greater than "
+                     "child component count (reals %@ ; %@)",
+                     suspiciousPath, basePath, real, realBase);
+    return false;
+  }
+  for (size_t i = 1; i < nb; ++i) {
+    if (baseComponents[i] != childComponents[i]) {
+      VX_INSTALLER_LOG(3, kRealPathIfChild,
+                       "Rejecting %@ with base %@ (reals %@ ; %@) because components diverge at "
+                       "%@ != %@",
+                       suspiciousPath, basePath, real, realBase, baseComponents[i],
+                       childComponents[i]);
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace
@@ -79,11 +124,11 @@ std::optional<FileURL> VXFileManager::realPathForURL(const std::optional<FileURL
     return std::nullopt;
   }
 
-  // A plain path (or nothing at all) is judged by its resolved components; an accepted
-  // relative link was already judged by its text.
-  bool compareComponents = true;
-  std::vector<char> linkText(kLinkTextLimit);
-  const ssize_t linkLength = ::readlink(suspiciousPath.c_str(), linkText.data(), linkText.size());
+  // A relative link is judged by its text first, then, like any location, by the real path
+  // of where it is and of where it leads.
+  std::optional<std::string> linkText;
+  std::vector<char> linkBytes(kLinkTextLimit);
+  const ssize_t linkLength = ::readlink(suspiciousPath.c_str(), linkBytes.data(), linkBytes.size());
   if (linkLength < 0) {
     if (errno != EINVAL && errno != ENOENT) {
       VX_INSTALLER_LOG(3, kRealPathIfChild, "Readlink failed: %s", std::strerror(errno));
@@ -91,7 +136,7 @@ std::optional<FileURL> VXFileManager::realPathForURL(const std::optional<FileURL
     }
   } else {
     const std::string target = VelotrixAdditions::stringWithFileSystemRepresentation(
-        linkText.data(), static_cast<size_t>(linkLength));
+        linkBytes.data(), static_cast<size_t>(linkLength));
     if (target.starts_with("/")) {
       VX_INSTALLER_LOG(3, kRealPathIfChild,
                        "Rejecting %@ -> %s, as absolute symlinks are not allowed", suspiciousPath,
@@ -113,7 +158,7 @@ std::optional<FileURL> VXFileManager::realPathForURL(const std::optional<FileURL
                        suspiciousPath, relativeTarget, basePath);
       return std::nullopt;
     }
-    compareComponents = false;
+    linkText = target;
   }
 
   const std::optional<FileURL> realBase = _realPathForURL(baseURL, false);
@@ -128,37 +173,24 @@ std::optional<FileURL> VXFileManager::realPathForURL(const std::optional<FileURL
                      suspiciousPath);
     return std::nullopt;
   }
-  if (!compareComponents) return realSuspicious;
-
-  const std::vector<std::string> baseComponents = realBase->pathComponents();
-  const std::vector<std::string> childComponents = realSuspicious->pathComponents();
-  const size_t nb = baseComponents.size();
-  const size_t ns = childComponents.size();
-  if (nb < 2 || ns < 2) {
-    VX_INSTALLER_LOG(3, kRealPathIfChild,
-                     "Rejecting %@ with base %@ because real component counts don't make sense "
-                     "(reals %@ ; %@)",
-                     suspiciousPath, basePath, *realSuspicious, *realBase);
+  if (!RealPathLiesInside(*realSuspicious, *realBase, suspiciousPath, basePath)) {
     return std::nullopt;
   }
-  size_t bi = FirstComparedComponent(baseComponents);
-  size_t si = FirstComparedComponent(childComponents);
-  if (nb - bi > ns - si) {
-    VX_INSTALLER_LOG(3, kRealPathIfChild,
-                     "Rejecting %@ with base %@ because base component count is greater than "
-                     "child component count (reals %@ ; %@)",
-                     suspiciousPath, basePath, *realSuspicious, *realBase);
-    return std::nullopt;
-  }
-  for (; bi < nb; ++bi, ++si) {
-    if (baseComponents[bi] != childComponents[si]) {
-      VX_INSTALLER_LOG(3, kRealPathIfChild,
-                       "Rejecting %@ with base %@ (reals %@ ; %@) because components diverge at "
-                       "%@ != %@",
-                       suspiciousPath, basePath, *realSuspicious, *realBase, baseComponents[bi],
-                       childComponents[si]);
+  if (linkText) {
+    // The text passed the depth check, but its components are names that may themselves be
+    // links ("d -> ." makes "d/.." climb out of the base). Where the link really leads is
+    // judged like any other location; while its target is missing, where it would lead once
+    // made.
+    const std::string linkTarget =
+        AppendingPathComponent(DeletingLastPathComponent(suspiciousPath), *linkText);
+    const std::optional<FileURL> realTarget =
+        _realPathForURL(FileURL::fileURLWithPath(linkTarget, false), true);
+    if (!realTarget) {
+      VX_INSTALLER_LOG(3, kRealPathIfChild, "Failed to retrieve realpath for suspicious path %@",
+                       suspiciousPath);
       return std::nullopt;
     }
+    if (!RealPathLiesInside(*realTarget, *realBase, suspiciousPath, basePath)) return std::nullopt;
   }
   return realSuspicious;
 }

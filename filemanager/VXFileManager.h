@@ -37,6 +37,12 @@ struct TraversalEntry {
   mode_t mode = 0;  // file type and permission bits, as lstat gives them
   uid_t uid = 0;
   gid_t gid = 0;
+  nlink_t nlink = 0;
+  // The item itself, valid only during the visit (-1 for an entry in error): an O_PATH
+  // descriptor opened without following a link, or the directory's own descriptor on its
+  // second visit. A visitor that acts on it (fchownat with AT_EMPTY_PATH) touches exactly
+  // the item whose status it was given, whatever has been put under its name since.
+  int fd = -1;
 };
 
 class VXFileManager {
@@ -79,6 +85,8 @@ class VXFileManager {
   // --- Tree traversal and ownership normalisation -----------------------------------
   bool _traverseDirectory(const FileURL& root, ErrorRef* error,
                           const TraversalVisitor& visitor) const;
+  // Owners change through each item's own descriptor, never through a path; an item that
+  // is not a directory and has other links keeps its owner (logged as a refused change).
   bool standardizeOwnershipAndValidateSymlinksAtURL(const FileURL& root, uid_t uid, gid_t gid,
                                                     ErrorRef* error) const;
 

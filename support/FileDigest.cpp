@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/files/Beneath.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/log/InstallerLog.h"
 
@@ -40,22 +41,20 @@ ssize_t ReadRetryingInterrupts(int fd, void* buffer, size_t size) {
 }  // namespace
 
 bool _ReadFile(const char* path, const FileChunkConsumer& consumer) {
-  UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+  // Only a regular file has content to digest: a directory is refused, and a FIFO or device
+  // is refused before anything waits on it.
+  struct stat st {};
+  UniqueFd fd = OpenRegularFileAt(AT_FDCWD, path, &st);
   if (!fd) {
     VX_INSTALLER_LOG(3, kReadFile, "failed to open %s : %s", path, std::strerror(errno));
     return false;
   }
-  struct stat st {};
-  if (::fstat(fd.get(), &st) != 0) {
-    VX_INSTALLER_LOG(3, kReadFile, "failed to stat %s : %s", path, std::strerror(errno));
-    return false;
-  }
   // The size is taken once: what is appended meanwhile is not read, and a file that
-  // shrinks ends in a short read below.
+  // shrinks ends in a short read below. A size of 0 proves nothing (files of /proc say 0
+  // and hold bytes): such a file is read to its end.
   const int64_t size = st.st_size;
-  if (size <= 0) return true;
-
-  const int64_t chunk = std::min(size, kChunkLimit);
+  const bool toEnd = size <= 0;
+  const int64_t chunk = toEnd ? kChunkLimit : std::min(size, kChunkLimit);
   std::unique_ptr<uint8_t, FreeDeleter> buffer(
       static_cast<uint8_t*>(std::malloc(static_cast<size_t>(chunk))));
   if (!buffer) {
@@ -63,14 +62,15 @@ bool _ReadFile(const char* path, const FileChunkConsumer& consumer) {
                      std::strerror(errno));
     return false;
   }
-  for (int64_t offset = 0; offset < size;) {
-    const auto want = static_cast<size_t>(std::min(chunk, size - offset));
+  for (int64_t offset = 0; toEnd || offset < size;) {
+    const auto want = static_cast<size_t>(toEnd ? chunk : std::min(chunk, size - offset));
     const ssize_t got = ReadRetryingInterrupts(fd.get(), buffer.get(), want);
     if (got < 0) {
       VX_INSTALLER_LOG(3, kReadFile, "read failed for %s : %s", path, std::strerror(errno));
       return false;
     }
     if (got == 0) {
+      if (toEnd) break;
       VX_INSTALLER_LOG(3, kReadFile, "read failed for %s, got %lld bytes", path,
                        static_cast<long long>(got));
       return false;

@@ -18,8 +18,9 @@ std::optional<std::string> VXCreateSHA256Digest(const FileURL& url);
 // Receives each chunk in file order; returns false to stop the read.
 using FileChunkConsumer = std::function<bool(std::span<const uint8_t> chunk)>;
 
-// Reads the file from start to end through one buffer of at most 65536 bytes. True when
-// the whole file was read and the consumer accepted every chunk.
+// Reads a regular file (anything else fails at once, without waiting) from start to end
+// through one buffer of at most 65536 bytes. True when the whole file was read and the
+// consumer accepted every chunk.
 bool _ReadFile(const char* path, const FileChunkConsumer& consumer);
 
 }  // namespace vx

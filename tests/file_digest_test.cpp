@@ -1,4 +1,6 @@
 // The file digest against sha256sum, and the chunking of the reader beneath it.
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -53,6 +55,12 @@ TEST(FileDigestTest, MatchesSha256sumAcrossTheChunkBoundary) {
   EXPECT_EQ(Chunks(tmp / "65536"), std::vector<size_t>{65536});
   EXPECT_EQ(Chunks(tmp / "65537"), (std::vector<size_t>{65536, 1}));
   EXPECT_EQ(Chunks(tmp / "300001", true), std::vector<size_t>{65536});
+
+  // A size of 0 is not taken for an empty file: such files are read to their end.
+  const std::string proc = "/proc/self/cmdline";
+  std::vector<size_t> chunks = Chunks(proc);
+  ASSERT_FALSE(chunks.empty());
+  EXPECT_NE(Digest(proc), Digest(tmp / "empty"));
 }
 
 TEST(FileDigestTest, FailuresLogTheStepThenTheLocation) {
@@ -69,7 +77,14 @@ TEST(FileDigestTest, FailuresLogTheStepThenTheLocation) {
 
   test::WriteFile(tmp / "dir/entry", "x");
   EXPECT_EQ(Digest(tmp / "dir"), std::nullopt);
-  EXPECT_TRUE(log.contains("read failed for " + tmp / "dir" + " : Is a directory", 3));
+  EXPECT_TRUE(log.contains("failed to open " + tmp / "dir" + " : Is a directory", 3));
+  log.clear();
+  // A file that shrinks under the reader is not read whole.
+  test::WriteFile(tmp / "shrinking", std::string(200000, 's'));
+  EXPECT_FALSE(_ReadFile((tmp / "shrinking").c_str(), [&](auto) {
+    return ::truncate((tmp / "shrinking").c_str(), 10) == 0;
+  }));
+  EXPECT_TRUE(log.contains("read failed for " + tmp / "shrinking" + ", got 0 bytes", 3));
   log.clear();
   // A consumer that stops the read fails it without a line of the reader's own.
   EXPECT_FALSE(_ReadFile((tmp / "dir/entry").c_str(), [](auto) { return false; }));

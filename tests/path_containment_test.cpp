@@ -43,9 +43,11 @@ TEST_F(PathContainmentTest, PlainPaths) {
   EXPECT_EQ(Contained(base + "/new/deeper", base), base + "/new/deeper");
   EXPECT_TRUE(log.contains("Realpathed " + base + " ; appending non-existing components new/deeper",
                            7));
-  // "/private" in front of either side names the same directory.
-  EXPECT_EQ(Contained("/private" + base + "/dir/file", base), base + "/dir/file");
-  EXPECT_EQ(Contained(base + "/dir/file", "/private" + base), base + "/dir/file");
+  // Where "/private" is no alias of "/", a path that begins with it names another place.
+  if (!test::Exists("/private/tmp")) {
+    EXPECT_EQ(Contained("/private" + base + "/dir/file", base), std::nullopt);
+    EXPECT_EQ(Contained(base + "/dir/file", "/private" + base), std::nullopt);
+  }
 
   EXPECT_EQ(Contained(tmp / "outside", base), std::nullopt);
   EXPECT_TRUE(log.contains(

@@ -81,7 +81,8 @@ bool WriteFileAtomically(const std::string& path, std::span<const uint8_t> bytes
 }
 
 std::optional<std::vector<uint8_t>> ReadFileContents(const std::string& path, int* error) {
-  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // A FIFO or device where a file was expected must fail, not wait for a writer.
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!fd) {
     if (error) *error = errno;
     return std::nullopt;
@@ -91,8 +92,8 @@ std::optional<std::vector<uint8_t>> ReadFileContents(const std::string& path, in
     if (error) *error = errno;
     return std::nullopt;
   }
-  if (S_ISDIR(st.st_mode)) {
-    if (error) *error = EISDIR;
+  if (!S_ISREG(st.st_mode)) {
+    if (error) *error = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
     return std::nullopt;
   }
   std::vector<uint8_t> bytes;

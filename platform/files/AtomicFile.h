@@ -18,7 +18,10 @@ namespace vx {
 bool WriteFileAtomically(const std::string& path, std::span<const uint8_t> bytes, int* error,
                          mode_t mode = 0644);
 
-// Reads a regular file whole; nullopt with the errno in `error` on failure.
+// Reads a regular file whole; nullopt with the errno in `error` on failure. A final link is
+// followed (the caller's path is trusted; inside a tree that is not, open the file with
+// OpenBeneath or OpenRegularFileAt instead); a FIFO, socket or device fails with EINVAL at
+// once, a directory with EISDIR.
 std::optional<std::vector<uint8_t>> ReadFileContents(const std::string& path, int* error);
 
 }  // namespace vx

@@ -78,12 +78,14 @@ UniqueFd OpenDirectoryNoFollow(const char* path) {
   return UniqueFd(::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-UniqueFd OpenRegularFileAt(int dirfd, const char* name, struct stat* status) {
+namespace {
+
+UniqueFd OpenWithoutWaiting(int dirfd, const char* name, struct stat* status, bool allowDirectory) {
   UniqueFd fd(::openat(dirfd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!fd) return fd;
   struct stat st {};
   if (::fstat(fd.get(), &st) != 0) return UniqueFd();
-  if (!S_ISREG(st.st_mode)) {
+  if (!S_ISREG(st.st_mode) && !(allowDirectory && S_ISDIR(st.st_mode))) {
     errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
     return UniqueFd();
   }
@@ -92,6 +94,16 @@ UniqueFd OpenRegularFileAt(int dirfd, const char* name, struct stat* status) {
   if (fl >= 0) ::fcntl(fd.get(), F_SETFL, fl & ~O_NONBLOCK);
   if (status) *status = st;
   return fd;
+}
+
+}  // namespace
+
+UniqueFd OpenRegularFileAt(int dirfd, const char* name, struct stat* status) {
+  return OpenWithoutWaiting(dirfd, name, status, false);
+}
+
+UniqueFd OpenRegularFileOrDirectoryAt(int dirfd, const char* name, struct stat* status) {
+  return OpenWithoutWaiting(dirfd, name, status, true);
 }
 
 }  // namespace vx

@@ -36,4 +36,9 @@ UniqueFd OpenDirectoryNoFollow(const char* path);
 // AT_FDCWD, an absolute path of the caller's own).
 UniqueFd OpenRegularFileAt(int dirfd, const char* name, struct stat* status = nullptr);
 
+// As OpenRegularFileAt, but a directory is accepted too: for what is kept on an item itself
+// (its protection class), where a directory is as good as a file and anything else must not
+// make the caller wait.
+UniqueFd OpenRegularFileOrDirectoryAt(int dirfd, const char* name, struct stat* status = nullptr);
+
 }  // namespace vx

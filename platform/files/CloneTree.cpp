@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/files/Beneath.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 
@@ -210,7 +211,13 @@ class Cloner {
  private:
   int CloneEntry(int srcDir, const std::string& srcName, int dstDir, const std::string& dstName,
                  const struct stat& st);
+  struct FirstCopy {
+    std::string relativePath;  // below the destination's root
+    Identity identity;         // of the copy made there
+  };
   int CloneRegular(int srcDir, const std::string& srcName, int dstDir, const std::string& dstName);
+  int LinkToFirstCopy(const FirstCopy& first, int dstDir, const std::string& dstName);
+  int CloneSpecial(int dstDir, const std::string& dstName, const struct stat& st);
   int CloneLink(int srcDir, const std::string& srcName, int dstDir, const std::string& dstName,
                 const struct stat& st);
   int EnterDirectory(int srcDir, const std::string& srcName, int dstDir,
@@ -220,11 +227,13 @@ class Cloner {
   int ReopenParent();
 
   unsigned flags_;
-  std::string dstPath_;  // of the item being copied; hard links are made by path
-  Identity dstRoot_;
+  std::string dstPath_;  // of the item being copied
+  size_t dstRootPathLength_ = 0;
+  Identity dstRootIdentity_;
+  UniqueFd dstRoot_;  // hard links are found again beneath it
   std::vector<Level> levels_;
   size_t firstOpen_ = 0;  // levels [firstOpen_, top] hold open descriptors
-  std::map<std::pair<dev_t, ino_t>, std::string> linked_;  // copies of multiply-linked files
+  std::map<std::pair<dev_t, ino_t>, FirstCopy> linked_;  // copies of multiply-linked files
 };
 
 int Cloner::Run(const std::string& source, const std::string& destination) {
@@ -237,43 +246,49 @@ int Cloner::Run(const std::string& source, const std::string& destination) {
   struct stat st {};
   if (::fstatat(srcDir.get(), srcName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
   dstPath_ = destination;
-  if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode) && !S_ISLNK(st.st_mode)) return ENOTSUP;
+  dstRootPathLength_ = destination.size();
+  if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode) && !S_ISLNK(st.st_mode) &&
+      !(flags_ & kCloneSpecial)) {
+    return ENOTSUP;
+  }
   if (int e = CloneEntry(srcDir.get(), srcName, dstDir.get(), dstName, st)) return e;
   if (levels_.empty()) return 0;
-  dstRoot_ = levels_.front().dstIdentity;
+  dstRootIdentity_ = levels_.front().dstIdentity;
+  dstRoot_.reset(::fcntl(levels_.front().dst.get(), F_DUPFD_CLOEXEC, 0));
+  if (!dstRoot_) return errno;
   return Walk();
 }
 
-// Fifos, sockets and device nodes hold no data and mean nothing away from the system that
-// made them; inside a tree they are left out.
+// Fifos, sockets and device nodes hold no data; a copy leaves them out, a copy that stands
+// in for a move makes them anew or fails.
 int Cloner::CloneEntry(int srcDir, const std::string& srcName, int dstDir,
                        const std::string& dstName, const struct stat& st) {
   if (S_ISREG(st.st_mode)) return CloneRegular(srcDir, srcName, dstDir, dstName);
   if (S_ISLNK(st.st_mode)) return CloneLink(srcDir, srcName, dstDir, dstName, st);
   if (S_ISDIR(st.st_mode)) {
     // The destination inside the source: its copy is what is being made, not a part of it.
-    if (!levels_.empty() && IdentityOf(st) == dstRoot_) return 0;
+    if (!levels_.empty() && IdentityOf(st) == dstRootIdentity_) return 0;
     return EnterDirectory(srcDir, srcName, dstDir, dstName);
   }
+  if (flags_ & kCloneSpecial) return CloneSpecial(dstDir, dstName, st);
   return 0;
 }
 
 int Cloner::CloneRegular(int srcDir, const std::string& srcName, int dstDir,
                          const std::string& dstName) {
-  UniqueFd src(::openat(srcDir, srcName.c_str(), O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
-  if (!src) return errno == ENOENT ? 0 : errno;
+  // Whatever the listing said, only a regular file by its open descriptor is read: a FIFO
+  // put in its place would make the copy wait forever.
   struct stat st {};
-  if (::fstat(src.get(), &st) != 0) return errno;
+  UniqueFd src = OpenRegularFileAt(srcDir, srcName.c_str(), &st);
+  if (!src) return errno == ENOENT ? 0 : errno;
 
   const std::pair<dev_t, ino_t> key{st.st_dev, st.st_ino};
   if (st.st_nlink > 1) {
     if (auto first = linked_.find(key); first != linked_.end()) {
-      const std::string dir = dstPath_.substr(0, dstPath_.size() - dstName.size());
-      const int e = Place(dstDir, dstName, [&](const std::string& name) {
-        return sys::Link(first->second.c_str(), (dir + name).c_str()) == 0 ? 0 : errno;
-      });
-      // A path too long to name, or a file system without hard links: copy it on its own.
-      if (e != ENAMETOOLONG && e != EMLINK && e != EPERM && e != EXDEV) return e;
+      const int e = LinkToFirstCopy(first->second, dstDir, dstName);
+      // A file system without hard links, or a first copy no longer where it was made:
+      // copy it on its own.
+      if (e != EMLINK && e != EPERM && e != EXDEV && e != ESTALE && e != ENOENT) return e;
     }
   }
   const int e = Place(dstDir, dstName, [&](const std::string& name) {
@@ -287,8 +302,69 @@ int Cloner::CloneRegular(int srcDir, const std::string& srcName, int dstDir,
     }
     return failure;
   });
-  if (!e && st.st_nlink > 1) linked_.emplace(key, dstPath_);
+  if (!e && st.st_nlink > 1 && dstRoot_) {
+    struct stat made {};
+    if (::fstatat(dstDir, dstName.c_str(), &made, AT_SYMLINK_NOFOLLOW) == 0) {
+      linked_.emplace(key, FirstCopy{dstPath_.substr(dstRootPathLength_ + 1), IdentityOf(made)});
+    }
+  }
   return e;
+}
+
+// Links `dstName` in `dstDir` to the copy already made of the same file. The copy is found
+// beneath the destination's root without following any link, and proven to be the item made
+// before the link is kept, so a destination directory swapped for a link cannot make the
+// copier link some other file into the tree.
+int Cloner::LinkToFirstCopy(const FirstCopy& first, int dstDir, const std::string& dstName) {
+  const size_t slash = first.relativePath.rfind('/');
+  const std::string parentPath =
+      slash == std::string::npos ? std::string() : first.relativePath.substr(0, slash);
+  const std::string name =
+      slash == std::string::npos ? first.relativePath : first.relativePath.substr(slash + 1);
+  UniqueFd parent = OpenBeneath(dstRoot_.get(), parentPath, O_RDONLY | O_DIRECTORY);
+  if (!parent) return ESTALE;
+  struct stat st {};
+  if (::fstatat(parent.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+      IdentityOf(st) != first.identity) {
+    return ESTALE;
+  }
+  int e = Place(dstDir, dstName, [&](const std::string& made) {
+    return sys::Linkat(parent.get(), name.c_str(), dstDir, made.c_str(), 0) == 0 ? 0 : errno;
+  });
+  if (e) return e;
+  // The name may have been swapped between the look and the link.
+  if (::fstatat(dstDir, dstName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+      IdentityOf(st) != first.identity) {
+    sys::Unlinkat(dstDir, dstName.c_str(), 0);
+    return ESTALE;
+  }
+  return 0;
+}
+
+// Fifos and device nodes are made anew; a socket belongs to the process that bound it and
+// cannot be. The item is made by name in a directory of the copy, and its metadata set
+// by name without following it: a device node is never opened.
+int Cloner::CloneSpecial(int dstDir, const std::string& dstName, const struct stat& st) {
+  if (S_ISSOCK(st.st_mode)) return ENOTSUP;
+  return Place(dstDir, dstName, [&](const std::string& name) {
+    if (sys::Mknodat(dstDir, name.c_str(), st.st_mode & (S_IFMT | 0600), st.st_rdev) != 0) {
+      return errno;
+    }
+    int e = 0;
+    if (flags_ & kCloneStat) {
+      const struct timespec times[2] = {st.st_atim, st.st_mtim};
+      if (sys::Fchownat(dstDir, name.c_str(), st.st_uid, st.st_gid, AT_SYMLINK_NOFOLLOW) != 0 &&
+          errno != EPERM) {
+        e = errno;
+      } else if (sys::Fchmodat(dstDir, name.c_str(), st.st_mode & 07777, 0) != 0) {
+        e = errno;
+      } else if (sys::Utimensat(dstDir, name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+        e = errno;
+      }
+    }
+    if (e) sys::Unlinkat(dstDir, name.c_str(), 0);
+    return e;
+  });
 }
 
 int Cloner::CloneLink(int srcDir, const std::string& srcName, int dstDir,

@@ -3,9 +3,13 @@
 // bits, owner where permitted and times to the nanosecond. Regular files are shared by
 // reflink where the file system can, else copied in the kernel with copy_file_range, else
 // read and written. Symbolic links are copied as links; no link is followed at the
-// destination, nor at the source but for the source named when kCloneNoFollow is absent. Files linked more than once within the tree stay linked in the copy
-// (where their paths can be named). Fifos, sockets and device nodes inside a tree are left
-// out: they hold no data; one given as the source itself fails with ENOTSUP.
+// destination, nor at the source but for the source named when kCloneNoFollow is absent.
+// Both trees are walked by descriptors, so no intermediate link is followed either, and a
+// file is opened without waiting and copied only when it is a regular file by its open
+// descriptor (a FIFO or device swapped in for it fails the copy with EINVAL). Files linked
+// more than once within the tree stay linked in the copy, the links made relative to the
+// destination's own directories. Fifos, sockets and device nodes inside a tree are left out
+// unless kCloneSpecial asks for them; one given as the source itself fails with ENOTSUP.
 #pragma once
 
 namespace vx {
@@ -17,6 +21,9 @@ enum CloneTreeFlags : unsigned {
   kCloneStat = 1u << 3,      // mode, owner, times
   kCloneRecursive = 1u << 4,
   kCloneNoFollow = 1u << 5,  // without it the source named is followed, links within it not
+  // Re-create FIFOs and device nodes too, and fail (ENOTSUP for a socket, EPERM for a device
+  // node without privilege) rather than leave one out: for a copy that stands in for a move.
+  kCloneSpecial = 1u << 6,
   kCloneAll = kCloneData | kCloneXattr | kCloneSecurity | kCloneStat | kCloneRecursive | kCloneNoFollow,
 };
 

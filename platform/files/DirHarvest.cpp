@@ -8,25 +8,15 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/files/DirentRecords.h"
+
 namespace vx {
 namespace {
 
 // getdents64 output per kernel call; entries that do not fit the caller's buffer wait in it.
 constexpr size_t kEntriesSize = 32768;
-// The largest record: the fixed fields, a name of NAME_MAX bytes and its NUL, padding.
-constexpr size_t kMaxRecordSize = 4 + sizeof(HarvestAttributes) + 4 + sizeof(HarvestNameRef) +
-                                  4 + 8 + 4 + 8 + 256 + 8;
 
-// The fixed head of a linux_dirent64; d_name follows at kDirentNameOffset.
-struct DirentHead {
-  uint64_t ino;
-  int64_t off;
-  uint16_t reclen;
-  uint8_t type;
-};
-constexpr size_t kDirentNameOffset = 19;
-
-// Appends fields to a record under construction.
+// Appends fields to a record under construction, whose size was checked beforehand.
 class RecordWriter {
  public:
   explicit RecordWriter(unsigned char* out) : out_(out) {}
@@ -72,37 +62,54 @@ unsigned StatxMask(const HarvestRequest& request) {
   return mask;
 }
 
-// Builds the record of entry `name` of the directory `fd` into `out`; returns its length.
-size_t BuildRecord(int fd, const char* name, size_t nameLength, const HarvestRequest& request,
-                   unsigned char* out) {
-  struct statx stx {};
-  int statError = 0;
-  if (unsigned mask = StatxMask(request)) {
-    if (::statx(fd, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, mask, &stx) != 0) {
-      statError = errno;
-    }
-  }
-
+// The attributes that a record of this entry carries.
+HarvestAttributes ReturnedAttributes(const struct statx& stx, int statError,
+                                     const HarvestRequest& request) {
   HarvestAttributes returned;
   returned.common = request.common & kHarvestCommonName;
   if (request.common & kHarvestCommonReturned) returned.common |= kHarvestCommonReturned;
   if (statError) {
     // A record in error keeps its name, so the caller can still say which entry failed.
     returned.common |= request.common & kHarvestCommonError;
-  } else {
-    auto has = [&](unsigned bit) { return (stx.stx_mask & bit) == bit; };
-    if ((request.common & kHarvestCommonObjectType) && has(STATX_TYPE))
-      returned.common |= kHarvestCommonObjectType;
-    if ((request.common & kHarvestCommonFileID) && has(STATX_INO))
-      returned.common |= kHarvestCommonFileID;
-    if (has(STATX_TYPE) && !S_ISDIR(stx.stx_mode)) {
-      if ((request.file & kHarvestFileLinkCount) && has(STATX_NLINK))
-        returned.file |= kHarvestFileLinkCount;
-      if ((request.file & kHarvestFileAllocatedSize) && has(STATX_BLOCKS))
-        returned.file |= kHarvestFileAllocatedSize;
-    }
+    return returned;
   }
+  auto has = [&](unsigned bit) { return (stx.stx_mask & bit) == bit; };
+  if ((request.common & kHarvestCommonObjectType) && has(STATX_TYPE))
+    returned.common |= kHarvestCommonObjectType;
+  if ((request.common & kHarvestCommonFileID) && has(STATX_INO))
+    returned.common |= kHarvestCommonFileID;
+  if (has(STATX_TYPE) && !S_ISDIR(stx.stx_mode)) {
+    if ((request.file & kHarvestFileLinkCount) && has(STATX_NLINK))
+      returned.file |= kHarvestFileLinkCount;
+    if ((request.file & kHarvestFileAllocatedSize) && has(STATX_BLOCKS))
+      returned.file |= kHarvestFileAllocatedSize;
+  }
+  return returned;
+}
 
+// The bytes of a record with these attributes and a name of `nameLength` bytes, padded so
+// that the next record starts 8-byte aligned.
+size_t RecordLength(const HarvestAttributes& returned, size_t nameLength) {
+  size_t length = sizeof(uint32_t);
+  if (returned.common & kHarvestCommonReturned) length += sizeof(HarvestAttributes);
+  if (returned.common & kHarvestCommonError) length += sizeof(uint32_t);
+  if (returned.common & kHarvestCommonName) length += sizeof(HarvestNameRef) + nameLength + 1;
+  if (returned.common & kHarvestCommonObjectType) length += sizeof(uint32_t);
+  if (returned.common & kHarvestCommonFileID) length += sizeof(uint64_t);
+  if (returned.file & kHarvestFileLinkCount) length += sizeof(uint32_t);
+  if (returned.file & kHarvestFileAllocatedSize) length += sizeof(uint64_t);
+  return (length + 7) & ~size_t{7};
+}
+
+}  // namespace
+
+size_t PackHarvestRecord(std::string_view name, const struct statx& stx, int statError,
+                         const HarvestRequest& request, void* buffer, size_t room) {
+  const HarvestAttributes returned = ReturnedAttributes(stx, statError, request);
+  const size_t length = RecordLength(returned, name.size());
+  if (length > room || length > UINT32_MAX) return 0;
+
+  auto* out = static_cast<unsigned char*>(buffer);
   RecordWriter record(out);
   const size_t lengthAt = record.reserve(sizeof(uint32_t));
   if (returned.common & kHarvestCommonReturned) record.put(returned);
@@ -115,25 +122,18 @@ size_t BuildRecord(int fd, const char* name, size_t nameLength, const HarvestReq
   if (returned.file & kHarvestFileAllocatedSize)
     record.put(static_cast<uint64_t>(stx.stx_blocks) * 512);
   if (returned.common & kHarvestCommonName) {
-    const size_t nameAt = record.reserve(nameLength + 1);
-    record.putAt(nameAt, name, nameLength + 1);
+    const size_t nameAt = record.reserve(name.size() + 1);
+    record.putAt(nameAt, name.data(), name.size());
+    out[nameAt + name.size()] = '\0';
     const HarvestNameRef ref{static_cast<int32_t>(nameAt - nameRefAt),
-                             static_cast<uint32_t>(nameLength + 1)};
+                             static_cast<uint32_t>(name.size() + 1)};
     record.putAt(nameRefAt, &ref, sizeof ref);
   }
-  // Keep every record 8-byte aligned, so the next one starts where a uint64_t may.
-  const size_t length = (record.size() + 7) & ~size_t{7};
   std::memset(out + record.size(), 0, length - record.size());
   const auto length32 = static_cast<uint32_t>(length);
   record.putAt(lengthAt, &length32, sizeof length32);
   return length;
 }
-
-bool IsDotOrDotDot(const char* name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
-}
-
-}  // namespace
 
 HarvestCursor::HarvestCursor(int directoryFd) : fd_(directoryFd) {}
 
@@ -141,7 +141,7 @@ int dirharvest(HarvestCursor& cursor, const HarvestRequest& request, void* buffe
   auto* out = static_cast<unsigned char*>(buffer);
   size_t used = 0;
   int count = 0;
-  unsigned char scratch[kMaxRecordSize];
+  const unsigned mask = StatxMask(request);
   for (;;) {
     if (cursor.next_ >= cursor.end_) {
       if (cursor.exhausted_) break;
@@ -160,26 +160,37 @@ int dirharvest(HarvestCursor& cursor, const HarvestRequest& request, void* buffe
       cursor.end_ = static_cast<size_t>(n);
     }
 
-    DirentHead head;
-    std::memcpy(&head, cursor.entries_.data() + cursor.next_, sizeof head);
-    const char* name =
-        reinterpret_cast<const char*>(cursor.entries_.data() + cursor.next_ + kDirentNameOffset);
-    if (IsDotOrDotDot(name)) {
-      cursor.next_ += head.reclen;
+    DirentReader reader(cursor.entries_.data() + cursor.next_, cursor.end_ - cursor.next_);
+    DirentRecord entry;
+    if (!reader.Next(&entry)) {
+      // Records that make no sense cannot be stepped over: the rest of this read is lost.
+      cursor.next_ = cursor.end_;
+      if (count > 0) break;
+      errno = EIO;
+      return -1;
+    }
+    if (entry.name == "." || entry.name == "..") {
+      cursor.next_ += reader.consumed();
       continue;
     }
-    const size_t length = BuildRecord(cursor.fd_, name, std::strlen(name), request, scratch);
-    if (length > size - used) {
+    struct statx stx {};
+    int statError = 0;
+    if (mask && ::statx(cursor.fd_, entry.name.data(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
+                        mask, &stx) != 0) {
+      statError = errno;
+    }
+    const size_t length =
+        PackHarvestRecord(entry.name, stx, statError, request, out + used, size - used);
+    if (length == 0) {
       if (count == 0) {
         errno = EINVAL;
         return -1;
       }
       break;  // the entry stays pending for the next call
     }
-    std::memcpy(out + used, scratch, length);
     used += length;
     ++count;
-    cursor.next_ += head.reclen;
+    cursor.next_ += reader.consumed();
   }
   return count;
 }

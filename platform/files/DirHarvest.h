@@ -25,8 +25,11 @@
 // measuring caller has to open every directory.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 namespace vx {
@@ -90,5 +93,11 @@ class HarvestCursor {
 // directory is exhausted; -1 with errno when it cannot be read (EINVAL when a single
 // record does not fit an empty buffer). "." and ".." are never listed.
 int dirharvest(HarvestCursor& cursor, const HarvestRequest& request, void* buffer, size_t size);
+
+// Packs the record of one entry, named `name` (any length) with the status `stx` or the
+// failure `statError`, into `buffer`; returns its length, or 0 when it needs more than
+// `room` bytes. What dirharvest does for each entry, open to tests and the fuzzer.
+size_t PackHarvestRecord(std::string_view name, const struct statx& stx, int statError,
+                         const HarvestRequest& request, void* buffer, size_t room);
 
 }  // namespace vx

@@ -100,6 +100,14 @@ int Link(const char* existing, const char* newPath) {
   return Refused("link") ? -1 : ::link(existing, newPath);
 }
 
+int Linkat(int existingDirfd, const char* existing, int newDirfd, const char* newName, int flags) {
+  return Refused("linkat") ? -1 : ::linkat(existingDirfd, existing, newDirfd, newName, flags);
+}
+
+int Mknodat(int dirfd, const char* name, mode_t mode, dev_t device) {
+  return Refused("mknodat") ? -1 : ::mknodat(dirfd, name, mode, device);
+}
+
 int Lchown(const char* path, uid_t uid, gid_t gid) {
   return Refused("lchown") ? -1 : ::lchown(path, uid, gid);
 }
@@ -111,6 +119,10 @@ int Fchownat(int dirfd, const char* name, uid_t uid, gid_t gid, int flags) {
 }
 
 int Fchmod(int fd, mode_t mode) { return Refused("fchmod") ? -1 : ::fchmod(fd, mode); }
+
+int Fchmodat(int dirfd, const char* name, mode_t mode, int flags) {
+  return Refused("fchmodat") ? -1 : ::fchmodat(dirfd, name, mode, flags);
+}
 
 int Utimensat(int dirfd, const char* path, const struct timespec times[2], int flags) {
   return Refused("utimensat") ? -1 : ::utimensat(dirfd, path, times, flags);

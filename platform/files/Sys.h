@@ -38,10 +38,16 @@ int Lremovexattr(const char* path, const char* name);
 int Symlink(const char* target, const char* linkPath);
 int Symlinkat(const char* target, int dirfd, const char* name);
 int Link(const char* existing, const char* newPath);
+// Names are taken in their directories' descriptors, so a directory swapped for a link on
+// either side cannot send the new link elsewhere. Without AT_SYMLINK_FOLLOW in `flags` an
+// existing symbolic link is linked itself.
+int Linkat(int existingDirfd, const char* existing, int newDirfd, const char* newName, int flags);
+int Mknodat(int dirfd, const char* name, mode_t mode, dev_t device);
 int Lchown(const char* path, uid_t uid, gid_t gid);
 int Fchown(int fd, uid_t uid, gid_t gid);
 int Fchownat(int dirfd, const char* name, uid_t uid, gid_t gid, int flags);
 int Fchmod(int fd, mode_t mode);
+int Fchmodat(int dirfd, const char* name, mode_t mode, int flags);
 int Utimensat(int dirfd, const char* path, const struct timespec times[2], int flags);
 int Futimens(int fd, const struct timespec times[2]);
 // Shares the source's blocks with the destination (FICLONE); EOPNOTSUPP and EXDEV say that
