@@ -97,6 +97,12 @@ TEST_F(IntrospectionTest, LinksAndBadMarkersLeaveTheContainerAndAGoodMarkerWins)
   bool early = true;
   EXPECT_EQ(introspect(c, &early), record);
   EXPECT_FALSE(early);
+  // Earlier versions recorded this machine's paths: under the same root they still name
+  // the container, and the record comes back in today's form.
+  record["ContainerType"] = "App";
+  ASSERT_TRUE(WritePropertyListFile(marker.path(), PlistValue(record)));
+  EXPECT_EQ(introspect(c, &early), record);
+  EXPECT_TRUE(early);
 }
 
 TEST_F(IntrospectionTest, WorkListTakesApplicationsFirstLatestFoundLeading) {
