@@ -118,7 +118,9 @@ std::set<std::string> IconFileNames(const PlistValue& info) {
     if (base.empty() || base.find('/') != std::string::npos || base == "." || base == "..") {
       continue;
     }
-    if (base.size() > 4 && base.compare(base.size() - 4, 4, ".png") == 0) base.resize(base.size() - 4);
+    if (base.size() > 4 && base.compare(base.size() - 4, 4, ".png") == 0) {
+      base.resize(base.size() - 4);
+    }
     for (const char* suffix : {".png", "@2x.png", "@3x.png"}) files.insert(base + suffix);
   }
   return files;
@@ -192,9 +194,10 @@ bool VXAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const FileURL& bun
     ~RemoveOnExit() { VXFileManager::defaultManager().removeItemAtURL(url, nullptr); }
   };
   const RemoveOnExit cleanup{*privateDirectory};
-  const FileURL placeholder = privateDirectory->URLByAppendingPathComponent(kStagingDirectoryName, true)
-                                  .URLByAppendingPathComponent(identifier, true)
-                                  .URLByAppendingPathExtension("app");
+  const FileURL placeholder =
+      privateDirectory->URLByAppendingPathComponent(kStagingDirectoryName, true)
+          .URLByAppendingPathComponent(identifier, true)
+          .URLByAppendingPathExtension("app");
 
   ErrorRef error;
   if (!fileManager.createDirectoryAtURL(placeholder, true, kPlaceholderMode, &error)) {

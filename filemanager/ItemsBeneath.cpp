@@ -49,8 +49,8 @@ UniqueFd VXFileManager::createDirectoryBeneath(int dirfd, const std::string& nam
   }
   if (sys::Mkdirat(dirfd, name.c_str(), mode) != 0 && errno != EEXIST) {
     const int e = errno;
-    SetError(error,
-             PosixError(kCreateFunction, __LINE__, e, "mkdir of %@ failed: %s", url, std::strerror(e)));
+    SetError(error, PosixError(kCreateFunction, __LINE__, e, "mkdir of %@ failed: %s", url,
+                               std::strerror(e)));
     return UniqueFd();
   }
   // Whatever stands there now, made by us or found: only a real directory is opened.

@@ -179,9 +179,8 @@ TEST_F(HostileContainerTest, PlantedFilesAreNeverReadThroughALinkNorWaitedOn) {
   ASSERT_FALSE(workspace.installs.empty());
   EXPECT_EQ(workspace.installs[0].options, PlaceholderOptions("com.L"))
       << "the link's target does not reach the placeholder";
-  EXPECT_TRUE(log.contains("VXAppMigrator: Failed to read " + OldContainer("L/LyrandMetadata.plist") +
-                               " : a symbolic link",
-                           3));
+  const std::string linked = OldContainer("L/LyrandMetadata.plist");
+  EXPECT_TRUE(log.contains("VXAppMigrator: Failed to read " + linked + " : a symbolic link", 3));
 
   // Refused once, the container stays with its FIFO; the next attempt meets it again.
   workspace.installs.clear();
@@ -203,8 +202,9 @@ TEST_F(HostileContainerTest, PlantedFilesAreNeverReadThroughALinkNorWaitedOn) {
   fs::remove(OldContainer("Y/Y.app/Info.plist"));
   ASSERT_EQ(::mkfifo(OldContainer("Y/Y.app/Info.plist").c_str(), 0666), 0);
   EXPECT_FALSE(migrator->_bundleIdentifierForBundle(Dir(x)));
-  EXPECT_FALSE(bounded([&] { return migrator->_bundleIdentifierForBundle(Dir(OldContainer("Y/Y.app"))).has_value(); },
-                       OldContainer("Y/Y.app/Info.plist")));
+  const FileURL y = Dir(OldContainer("Y/Y.app"));
+  EXPECT_FALSE(bounded([&] { return migrator->_bundleIdentifierForBundle(y).has_value(); },
+                       y.path() + "/Info.plist"));
   EXPECT_EQ(ReadFile(outside / "secret"), "the machine's secret");
 }
 
@@ -222,8 +222,8 @@ TEST_F(HostileContainerTest, WhatIsPlantedInTemporaryLocationsNeitherRedirectsNo
 
   EXPECT_TRUE(migrator->_migrateContainerWithInfo(app("P", false)));
   ASSERT_EQ(workspace.installs.size(), 2u);
-  EXPECT_EQ(workspace.installs[0].location.path().rfind(DeviceTemporaryLocation() + "/vxmigrator.", 0),
-            0u);
+  const std::string built = workspace.installs[0].location.path();
+  EXPECT_EQ(built.rfind(DeviceTemporaryLocation() + "/vxmigrator.", 0), 0u) << built;
   EXPECT_EQ(DirectoryEntries(DeviceTemporaryLocation()), std::vector<std::string>{name});
   EXPECT_EQ(Tree(outside.path()), before);
 
