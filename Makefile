@@ -25,6 +25,7 @@ fuzz-smoke: deps
 	  name=$$(basename $$target); mkdir -p build/fuzz/corpus/$$name; \
 	  echo "fuzz-smoke: $$name for $(FUZZ_SECONDS)s"; \
 	  $$target -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
+	    -artifact_prefix=build/fuzz/$$name- \
 	    -print_final_stats=1 build/fuzz/corpus/$$name 2>build/fuzz/$$name.log \
 	    || { tail -n 60 build/fuzz/$$name.log; exit 1; }; \
 	  grep -E '^stat::number_of_executed_units' build/fuzz/$$name.log || true; \
