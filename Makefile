@@ -1,5 +1,5 @@
 # Thin front door: installs what is missing, then lets CMake and CTest do the work.
-.PHONY: all deps build test demo release bench clean
+.PHONY: all deps build test demo release bench fuzz-smoke clean
 
 all: build
 
@@ -13,6 +13,23 @@ build: deps
 # The tests, under AddressSanitizer and UndefinedBehaviorSanitizer.
 test: build
 	ctest --preset asan
+
+# Every fuzz target for a bounded time (FUZZ_SECONDS each), with clang's libFuzzer under the
+# sanitizers; the corpus each run grows stays in build/fuzz/corpus for the next.
+FUZZ_SECONDS ?= 45
+fuzz-smoke: deps
+	CC=clang-14 CXX=clang++-14 cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DVX_BUILD_FUZZ=ON -DVX_SANITIZE=ON -DVX_BUILD_TESTS=OFF >/dev/null
+	cmake --build build/fuzz --target vx_fuzzers
+	@set -e; for target in build/fuzz/bin/*_fuzzer; do \
+	  name=$$(basename $$target); mkdir -p build/fuzz/corpus/$$name; \
+	  echo "fuzz-smoke: $$name for $(FUZZ_SECONDS)s"; \
+	  $$target -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
+	    -artifact_prefix=build/fuzz/$$name- \
+	    -print_final_stats=1 build/fuzz/corpus/$$name 2>build/fuzz/$$name.log \
+	    || { tail -n 60 build/fuzz/$$name.log; exit 1; }; \
+	  grep -E '^stat::number_of_executed_units' build/fuzz/$$name.log || true; \
+	done
 
 release: deps
 	cmake --preset release >/dev/null

@@ -1,11 +1,18 @@
 // The real bundle is installed from a staging directory inside its own old container: the
 // bundle, its VPN plug-in and its store metadata are renamed there, never copied, so that
 // staging costs nothing and a cut-off attempt finds them again in the same place.
-#include <atomic>
+#include <fcntl.h>
+#include <sys/stat.h>
 
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "AppMigrator/ContainerFiles.h"
 #include "AppMigrator/VXAppMigrator.h"
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/files/Beneath.h"
 #include "platform/log/MigrationLog.h"
 #include "platform/workspace/AppWorkspace.h"
 
@@ -18,8 +25,6 @@ constexpr const char* kOperation =
 constexpr const char* kProgressOperation =
     "__93-[VXAppMigrator _stageAndInstallBundleAtURL:withIdentifier:andVPNPluginAtURL:"
     "inContainerURL:]_block_invoke";
-constexpr const char* kStagingName = "Staging";
-constexpr const char* kPayloadName = "Payload";
 constexpr mode_t kStagingMode = 0755;
 constexpr unsigned kMigrationInstallType = 6;
 constexpr const char* kPlaceholderBundleType = "Placeholder";
@@ -37,22 +42,34 @@ const PlistValue* ReportEntry(const InstallProgressReport& report, const char* k
   return it == report.end() ? nullptr : &it->second;
 }
 
+bool AbsentBeneath(int containerFd, const std::string& relative) {
+  const size_t slash = relative.rfind('/');
+  UniqueFd parent;
+  int at = containerFd;
+  if (slash != std::string::npos) {
+    parent = OpenBeneath(containerFd, relative.substr(0, slash), O_RDONLY | O_DIRECTORY);
+    if (!parent) return errno == ENOENT;
+    at = parent.get();
+  }
+  struct stat st {};
+  const std::string name = slash == std::string::npos ? relative : relative.substr(slash + 1);
+  return ::fstatat(at, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+}
+
 // Only an installation consumes the staged package, so a bundle that is neither in its old
 // place nor staged, in a container whose store data has gone too, was installed by an
 // attempt cut off before it could remove the container. (Store data still lying there
 // means the earlier attempt failed before it installed anything of this container.)
-bool InstalledByEarlierAttempt(const FileURL& bundle, const FileURL& stagedBundle,
-                               const FileURL& container, const std::string& identifier) {
-  const VXFileManager& fileManager = VXFileManager::defaultManager();
-  if (!fileManager.itemDoesNotExistAtURL(bundle) ||
-      !fileManager.itemDoesNotExistAtURL(stagedBundle)) {
+bool InstalledByEarlierAttempt(int containerFd, const std::string& bundleInContainer,
+                               const std::string& stagedInContainer,
+                               const std::string& identifier) {
+  if (!AbsentBeneath(containerFd, bundleInContainer) ||
+      !AbsentBeneath(containerFd, stagedInContainer)) {
     return false;
   }
   for (const std::string& name :
        VXGlobalConfiguration::sharedInstance().appBundleMetadataItemNames()) {
-    if (!fileManager.itemDoesNotExistAtURL(container.URLByAppendingPathComponent(name))) {
-      return false;
-    }
+    if (!AbsentBeneath(containerFd, name)) return false;
   }
   std::optional<BundleProxy> proxy =
       AppWorkspace::defaultWorkspace().bundleProxyForIdentifier(identifier);
@@ -70,7 +87,23 @@ bool VXAppMigrator::_stageAndInstallBundleAtURL(const FileURL& bundle,
   const FileURL payload = staging.URLByAppendingPathComponent(kPayloadName, true);
   const FileURL stagedBundle =
       payload.URLByAppendingPathComponent(bundle.lastPathComponent(), true);
-  if (InstalledByEarlierAttempt(bundle, stagedBundle, container, identifier)) {
+  const std::string stagedName =
+      std::string(kStagingName) + "/" + kPayloadName + "/" + bundle.lastPathComponent();
+
+  // Everything below happens beneath this descriptor: a "Staging" or "Payload" planted as a
+  // link, or swapped in meanwhile, fails the step instead of taking the bundle, the store
+  // data or our writes out of the container.
+  const UniqueFd containerFd = OpenDirectoryNoFollow(container.fileSystemRepresentation());
+  if (!containerFd) {
+    const int saved = errno;
+    VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to create %@ : %@", payload,
+                     std::string(std::strerror(saved)));
+    return false;
+  }
+  const std::optional<std::string> bundleInContainer =
+      BundleLocationInContainer(container.path(), bundle.path());
+  if (bundleInContainer &&
+      InstalledByEarlierAttempt(containerFd.get(), *bundleInContainer, stagedName, identifier)) {
     VX_MIGRATION_LOG(5, kOperation,
                      "VXAppMigrator: App %@ at %@ was installed by an earlier attempt; nothing "
                      "left to install.",
@@ -79,27 +112,63 @@ bool VXAppMigrator::_stageAndInstallBundleAtURL(const FileURL& bundle,
   }
 
   ErrorRef error;
-  if (!fileManager.createDirectoryAtURL(payload, true, kStagingMode, &error)) {
+  UniqueFd stagingFd =
+      fileManager.createDirectoryBeneath(containerFd.get(), kStagingName, kStagingMode, staging,
+                                         &error);
+  UniqueFd payloadFd;
+  if (stagingFd) {
+    payloadFd = fileManager.createDirectoryBeneath(stagingFd.get(), kPayloadName, kStagingMode,
+                                                   payload, &error);
+  }
+  if (!payloadFd) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to create %@ : %@", payload, error);
     return false;
   }
-  // A bundle that an earlier attempt already staged is missing here, and the move is a
-  // no-op; the install then takes what the payload holds.
-  if (!fileManager.moveItemIfExistsAtURL(bundle, stagedBundle, &error)) {
-    VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to move bundle from %@ to %@: %@",
-                     bundle, stagedBundle, error);
+  // A bundle is taken only from its place in this container. One that an earlier attempt
+  // already staged is missing there, and the move is a no-op; the install then takes what
+  // the payload holds.
+  const auto stage = [&](const FileURL& item, const FileURL& staged, ErrorRef* moveError,
+                         std::string* refusal) {
+    const std::optional<std::string> where =
+        BundleLocationInContainer(container.path(), item.path());
+    if (!where) {
+      *refusal = "not inside the container " + container.path();
+      return false;
+    }
+    if (where->find('/') != std::string::npos) return true;  // already in the payload
+    return fileManager.moveItemIfExistsBeneath(containerFd.get(), *where, payloadFd.get(),
+                                               item.lastPathComponent(), item, staged,
+                                               moveError);
+  };
+  std::string refusal;
+  if (!stage(bundle, stagedBundle, &error, &refusal)) {
+    if (refusal.empty()) {
+      VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to move bundle from %@ to %@: %@",
+                       bundle, stagedBundle, error);
+    } else {
+      VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to move bundle from %@ to %@: %@",
+                       bundle, stagedBundle, refusal);
+    }
     return false;
   }
   if (vpnPlugin) {
     const FileURL stagedPlugin =
         payload.URLByAppendingPathComponent(vpnPlugin->lastPathComponent(), true);
-    if (!fileManager.moveItemIfExistsAtURL(*vpnPlugin, stagedPlugin, &error)) {
-      VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to move vpn bundle from %@ to %@: %@",
-                       *vpnPlugin, stagedPlugin, error);
+    if (!stage(*vpnPlugin, stagedPlugin, &error, &refusal)) {
+      if (refusal.empty()) {
+        VX_MIGRATION_LOG(3, kOperation,
+                         "VXAppMigrator: Failed to move vpn bundle from %@ to %@: %@", *vpnPlugin,
+                         stagedPlugin, error);
+      } else {
+        VX_MIGRATION_LOG(3, kOperation,
+                         "VXAppMigrator: Failed to move vpn bundle from %@ to %@: %@", *vpnPlugin,
+                         stagedPlugin, refusal);
+      }
       return false;
     }
   }
-  if (!fileManager.captureStoreDataFromDirectory(container, staging, false, false, &error)) {
+  if (!fileManager.captureStoreDataBeneath(containerFd.get(), stagingFd.get(), container, staging,
+                                           false, &error)) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to move app metadata from %@ to %@: %@",
                      container, staging, error);
     return false;

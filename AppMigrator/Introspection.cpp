@@ -7,11 +7,14 @@
 #include <cerrno>
 #include <cstring>
 
+#include "AppMigrator/ContainerFiles.h"
 #include "AppMigrator/VXAppMigrator.h"
 #include "filemanager/VXFileManager.h"
 #include "platform/installer/RecoveryArea.h"
 #include "platform/bundle/BundleHandle.h"
+#include "platform/files/Beneath.h"
 #include "platform/log/MigrationLog.h"
+#include "platform/plist/PlistFile.h"
 
 namespace vx {
 namespace {
@@ -26,10 +29,19 @@ void SetFlag(bool* flag, bool value) {
 
 }  // namespace
 
+// The bundle lies in a container its application could write: its information list is
+// read through the bundle's descriptor, and only when it is a regular file, so that a link
+// cannot show us another bundle's list and a FIFO cannot stop the run.
 std::optional<std::string> VXAppMigrator::_bundleIdentifierForBundle(const FileURL& bundle) {
-  std::unique_ptr<BundleHandle> handle = BundleHandle::open(bundle);
-  if (!handle) return std::nullopt;
-  return handle->bundleIdentifier();
+  const UniqueFd directory = OpenDirectoryNoFollow(bundle.fileSystemRepresentation());
+  if (!directory) return std::nullopt;
+  auto bytes = ReadRegularFileBeneath(directory.get(), kInfoPlistName, kInfoPlistSizeLimit,
+                                      nullptr);
+  if (!bytes) return std::nullopt;
+  std::optional<PlistValue> info = ParsePropertyList(*bytes);
+  const std::string* identifier = info ? info->stringForKey(kKBBundleIdentifierKey) : nullptr;
+  if (!identifier) return std::nullopt;
+  return *identifier;
 }
 
 std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& container,

@@ -2,17 +2,24 @@
 // its real bundle is installed, so that the platform gives it a data container and its data
 // can move first. Nothing of the old bundle goes into it but five entries of its
 // information list and a rendering of its icon.
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "AppMigrator/ContainerFiles.h"
 #include "AppMigrator/VXAppMigrator.h"
 #include "filemanager/VXFileManager.h"
 #include "platform/bundle/BundleHandle.h"
 #include "platform/files/AtomicFile.h"
+#include "platform/files/Beneath.h"
+#include "platform/files/Sys.h"
 #include "platform/image/IconImage.h"
 #include "platform/log/MigrationLog.h"
 #include "platform/plist/PlistFile.h"
+#include "platform/system/DeviceRoot.h"
 #include "platform/workspace/AppWorkspace.h"
 #include "support/errors/ErrorMakers.h"
 
@@ -32,30 +39,124 @@ constexpr const char* kCopiedInfoKeys[] = {
     "KBBundleVersion",          "KBBundleShortVersionString",
 };
 
-FileURL ProcessTemporaryDirectory() {
-  const char* tmpdir = std::getenv("TMPDIR");
-  return FileURL::fileURLWithPath(tmpdir && *tmpdir ? tmpdir : "/tmp", true);
-}
+// The device's own temporary location: on the device's file system, and apart from the
+// temporary directory that every user of the machine shares.
+constexpr const char* kDeviceTemporaryLocation = "private/var/tmp";
+constexpr const char* kPrivateDirectoryTemplate = "vxmigrator.XXXXXX";
+// Copies of the old bundle's files that the placeholder is made from.
+constexpr const char* kOldBundleCopyName = "OldBundle";
+constexpr mode_t kSharedTemporaryMode = 01777;
+constexpr size_t kStoreMetadataSizeLimit = 16 << 20;
+constexpr size_t kIconFileSizeLimit = 32 << 20;
 
-// The bytes of the store metadata. A missing file is the platform's "no such file" error,
-// which is no failure: most applications never had store metadata.
-std::optional<PlistData> ReadStoreMetadata(const FileURL& file, ErrorRef* error) {
-  int saved = 0;
-  std::optional<std::vector<uint8_t>> bytes = ReadFileContents(file.path(), &saved);
-  if (bytes) return bytes;
-  if (saved == ENOENT) {
-    SetError(error, _CreateError(kOperation, __LINE__, VXPlatformErrorDomain,
-                                 kVXFileReadNoSuchFileError, "The file %@ doesn't exist.", file));
-  } else {
-    SetError(error, PosixError(kOperation, __LINE__, saved, "read of %@ failed: %s", file,
-                               std::strerror(saved)));
+// Makes a directory that only this process's user can enter, fresh for each placeholder:
+// nothing that another user (or an earlier run as another user) left in the temporary
+// location can stand in its way or redirect what is built and removed in it. The location
+// itself is made when the device has none, open to every user as a temporary directory is,
+// so that root's run does not shut out the device's owner.
+std::optional<FileURL> MakePrivateDirectory(std::string* attempted, int* error) {
+  const VXFileManager& fileManager = VXFileManager::defaultManager();
+  const FileURL location = FileURL::fileURLWithPath(DeviceRoot() + kDeviceTemporaryLocation, true);
+  *attempted = location.URLByAppendingPathComponent(kPrivateDirectoryTemplate).path();
+  struct stat st {};
+  if (::lstat(location.fileSystemRepresentation(), &st) != 0 && errno == ENOENT) {
+    fileManager.createDirectoryAtURL(location.URLByDeletingLastPathComponent(), true, 0755,
+                                     nullptr);
+    if (sys::Mkdir(location.fileSystemRepresentation(), 0700) == 0) {
+      const UniqueFd made = OpenDirectoryNoFollow(location.fileSystemRepresentation());
+      if (made) sys::Fchmod(made.get(), kSharedTemporaryMode);
+    }
   }
-  return std::nullopt;
+  // A link there would put the private directory wherever it points.
+  if (!OpenDirectoryNoFollow(location.fileSystemRepresentation())) {
+    *error = errno;
+    return std::nullopt;
+  }
+  std::string path = *attempted;
+  if (!sys::Mkdtemp(path.data())) {
+    *error = errno;
+    return std::nullopt;
+  }
+  return FileURL::fileURLWithPath(path, true);
 }
 
-bool IsMissingFile(const ErrorRef& error) {
-  return error && error->domain() == VXPlatformErrorDomain &&
-         error->code() == kVXFileReadNoSuchFileError;
+bool WriteNewFile(const FileURL& file, const std::vector<uint8_t>& bytes) {
+  const UniqueFd fd(sys::Open(file.fileSystemRepresentation(),
+                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  return fd && sys::WriteAll(fd.get(), bytes.data(), bytes.size());
+}
+
+// The icon files a bundle's information list names, as the icon renderer looks for them:
+// each name with ".png" and its higher-resolution variants, names that would leave the
+// bundle ignored.
+std::set<std::string> IconFileNames(const PlistValue& info) {
+  std::vector<std::string> names;
+  const auto add = [&](const PlistValue* value) {
+    if (!value) return;
+    if (const std::string* name = value->string()) names.push_back(*name);
+    if (const PlistArray* array = value->array()) {
+      for (const PlistValue& item : *array) {
+        if (const std::string* name = item.string()) names.push_back(*name);
+      }
+    }
+  };
+  if (const PlistDictionary* dictionary = info.dictionary()) {
+    const auto entry = [](const PlistDictionary& d, const char* key) -> const PlistValue* {
+      auto it = d.find(key);
+      return it == d.end() ? nullptr : &it->second;
+    };
+    add(entry(*dictionary, "KBBundleIconFile"));
+    add(entry(*dictionary, "KBBundleIconFiles"));
+    if (const PlistValue* icons = entry(*dictionary, "KBBundleIcons")) {
+      if (const PlistDictionary* primary = icons->dictionaryForKey("KBBundlePrimaryIcon")) {
+        add(entry(*primary, "KBBundleIconFiles"));
+      }
+    }
+  }
+  std::set<std::string> files;
+  for (std::string base : names) {
+    if (base.empty() || base.find('/') != std::string::npos || base == "." || base == "..") {
+      continue;
+    }
+    if (base.size() > 4 && base.compare(base.size() - 4, 4, ".png") == 0) {
+      base.resize(base.size() - 4);
+    }
+    for (const char* suffix : {".png", "@2x.png", "@3x.png"}) files.insert(base + suffix);
+  }
+  return files;
+}
+
+// The bundle lies in a container its application could write, and the bundle reader and the
+// icon renderer read by path: what they read is therefore a copy, in our private directory,
+// of the bundle's information list and icon files, each taken beneath the container without
+// following a link and only when it is a regular file. Nothing when the bundle, or its
+// information list, cannot be had so.
+std::optional<FileURL> CopyOldBundle(const FileURL& bundle, const FileURL& container,
+                                     const FileURL& privateDirectory) {
+  const std::optional<std::string> where =
+      BundleLocationInContainer(container.path(), bundle.path());
+  if (!where) return std::nullopt;
+  const UniqueFd containerFd = OpenDirectoryNoFollow(container.fileSystemRepresentation());
+  if (!containerFd) return std::nullopt;
+  const UniqueFd bundleFd = OpenBeneath(containerFd.get(), *where, O_RDONLY | O_DIRECTORY);
+  if (!bundleFd) return std::nullopt;
+  auto info = ReadRegularFileBeneath(bundleFd.get(), kInfoPlistName, kInfoPlistSizeLimit, nullptr);
+  if (!info) return std::nullopt;
+
+  const FileURL copy = privateDirectory.URLByAppendingPathComponent(kOldBundleCopyName, true)
+                           .URLByAppendingPathComponent(bundle.lastPathComponent(), true);
+  if (!VXFileManager::defaultManager().createDirectoryAtURL(copy, true, 0700, nullptr) ||
+      !WriteNewFile(copy.URLByAppendingPathComponent(kInfoPlistName), *info)) {
+    return std::nullopt;
+  }
+  if (std::optional<PlistValue> parsed = ParsePropertyList(*info)) {
+    for (const std::string& name : IconFileNames(*parsed)) {
+      // An icon that is missing, a link, a FIFO or too large is simply not there.
+      auto bytes = ReadRegularFileBeneath(bundleFd.get(), name, kIconFileSizeLimit, nullptr);
+      if (bytes) WriteNewFile(copy.URLByAppendingPathComponent(name), *bytes);
+    }
+  }
+  return copy;
 }
 
 }  // namespace
@@ -65,7 +166,8 @@ bool VXAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const FileURL& bun
                                                               const FileURL& container) {
   // The identifier names a directory that is removed again at the end; one that reaches
   // into another directory must not name it.
-  if (identifier.find('/') != std::string::npos || identifier.find('\0') != std::string::npos) {
+  if (identifier.find('/') != std::string::npos || identifier.find('\0') != std::string::npos ||
+      identifier.empty() || identifier == "." || identifier == "..") {
     VX_MIGRATION_LOG(3, kOperation,
                      "VXAppMigrator: Refusing to stage placeholder for identifier %@ : not a "
                      "file name",
@@ -75,17 +177,27 @@ bool VXAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const FileURL& bun
 
   const VXFileManager& fileManager = VXFileManager::defaultManager();
   const FileURL metadataFile = container.URLByAppendingPathComponent(kStoreMetadataName);
-  const FileURL placeholder = ProcessTemporaryDirectory()
-                                  .URLByAppendingPathComponent(kStagingDirectoryName, true)
-                                  .URLByAppendingPathComponent(identifier, true)
-                                  .URLByAppendingPathExtension("app");
 
-  // Whatever happens, the temporary bundle goes; a later attempt rebuilds it.
+  std::string attempted;
+  int made = 0;
+  const std::optional<FileURL> privateDirectory = MakePrivateDirectory(&attempted, &made);
+  if (!privateDirectory) {
+    VX_MIGRATION_LOG(3, kOperation,
+                     "VXAppMigrator: Failed to create staged placeholder directory at %@ : %@",
+                     attempted, std::string(std::strerror(made)));
+    return false;
+  }
+  // Whatever happens, the private directory goes with all in it; a later attempt makes a
+  // new one.
   struct RemoveOnExit {
     const FileURL& url;
     ~RemoveOnExit() { VXFileManager::defaultManager().removeItemAtURL(url, nullptr); }
   };
-  const RemoveOnExit cleanup{placeholder};
+  const RemoveOnExit cleanup{*privateDirectory};
+  const FileURL placeholder =
+      privateDirectory->URLByAppendingPathComponent(kStagingDirectoryName, true)
+          .URLByAppendingPathComponent(identifier, true)
+          .URLByAppendingPathExtension("app");
 
   ErrorRef error;
   if (!fileManager.createDirectoryAtURL(placeholder, true, kPlaceholderMode, &error)) {
@@ -95,14 +207,26 @@ bool VXAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const FileURL& bun
     return false;
   }
 
-  ErrorRef readError;
-  std::optional<PlistData> storeMetadata = ReadStoreMetadata(metadataFile, &readError);
-  if (!storeMetadata && !IsMissingFile(readError)) {
-    VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to read %@ : %@", metadataFile.path(),
-                     readError);
+  // Read beneath the container: a link must not hand another file's bytes to the
+  // installation, nor a FIFO stop the run.
+  std::optional<PlistData> storeMetadata;
+  {
+    int readError = 0;
+    const UniqueFd containerFd = OpenDirectoryNoFollow(container.fileSystemRepresentation());
+    if (!containerFd) readError = errno;
+    if (containerFd) {
+      storeMetadata = ReadRegularFileBeneath(containerFd.get(), kStoreMetadataName,
+                                             kStoreMetadataSizeLimit, &readError);
+    }
+    // Most applications never had store metadata.
+    if (!storeMetadata && readError != ENOENT) {
+      VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to read %@ : %@",
+                       metadataFile.path(), DescribeReadFailure(readError));
+    }
   }
 
-  std::unique_ptr<BundleHandle> handle = BundleHandle::open(bundle);
+  const std::optional<FileURL> oldBundle = CopyOldBundle(bundle, container, *privateDirectory);
+  std::unique_ptr<BundleHandle> handle = oldBundle ? BundleHandle::open(*oldBundle) : nullptr;
   if (!handle) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to create KBBundle for %@",
                      bundle.path());

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/files/UniqueFd.h"
 #include "support/types/FileURL.h"
 #include "support/types/InstallerError.h"
 
@@ -116,6 +117,28 @@ class VXFileManager {
 
   // --- Disk usage -------------------------------------------------------------------
   uint64_t diskUsageForURL(const FileURL& root) const;
+
+  // --- Operations beneath a verified directory --------------------------------------
+  // For trees that someone else may write (an old container): every name is one component
+  // of an open directory and no symbolic link is followed, so nothing here can reach outside
+  // the directory it was given, whatever the tree holds or becomes meanwhile. `url` and the
+  // other locations only name the items in messages.
+  // Creates the directory `name` in `dirfd` (one that exists already is no failure) and
+  // opens it; an invalid handle and an error when it cannot be made, or when what stands
+  // there is anything but a directory (a symbolic link included).
+  UniqueFd createDirectoryBeneath(int dirfd, const std::string& name, mode_t mode,
+                                  const FileURL& url, ErrorRef* error) const;
+  // Renames `fromName` in `fromDirfd` to `toName` in `toDirfd`, a symbolic link as itself; a
+  // missing source is no failure and moves nothing. Never copies: both must lie on one
+  // file system.
+  bool moveItemIfExistsBeneath(int fromDirfd, const std::string& fromName, int toDirfd,
+                               const std::string& toName, const FileURL& from,
+                               const FileURL& to, ErrorRef* error) const;
+  // Store-data capture by moves from one open directory into another, with the messages
+  // and failure words of `captureStoreDataFromDirectory`.
+  bool captureStoreDataBeneath(int sourceDirfd, int destinationDirfd, const FileURL& source,
+                               const FileURL& destination, bool failureIsFatal,
+                               ErrorRef* error) const;
 
  private:
   VXFileManager() = default;

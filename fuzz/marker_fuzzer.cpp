@@ -8,11 +8,14 @@
 
 #include "AppMigrator/VXAppMigrator.h"
 #include "platform/files/AtomicFile.h"
+#include "platform/system/DeviceRoot.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  // The device lives in a directory of its own: the plug-in's creation makes directories of
+  // the layout, which must not land in the machine's own /private.
   static const std::string dir = [] {
-    std::string templ = "/tmp/vxfuzz.XXXXXX";
-    if (!::mkdtemp(templ.data())) std::abort();
+    std::string templ = ::access("/dev/shm", W_OK) == 0 ? "/dev/shm/vxfuzz.XXXXXX" : "/tmp/vxfuzz.XXXXXX";
+    if (!::mkdtemp(templ.data()) || !vx::SetDeviceRoot(templ)) std::abort();
     return templ;
   }();
   static auto migrator = vx::VXAppMigrator::create();

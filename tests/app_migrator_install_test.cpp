@@ -20,12 +20,6 @@ const std::string kRefusal = "{LocalizedDescription = refused;}";
 
 class ContainerMigrationTest : public MigratorTest {
  protected:
-  // Placeholders are built in the process's temporary directory; each test has its own.
-  ContainerMigrationTest() { setenv("TMPDIR", tmp.path().c_str(), 1); }
-  ~ContainerMigrationTest() override {
-    savedTmpdir.empty() ? unsetenv("TMPDIR") : setenv("TMPDIR", savedTmpdir.c_str(), 1);
-  }
-
   // An application container as introspection describes it, its application given a data
   // container; `known` makes the application installed already.
   ContainerInfo app(const std::string& name, bool known = true) {
@@ -41,8 +35,6 @@ class ContainerMigrationTest : public MigratorTest {
   std::string data(const std::string& name) { return DevicePath("data/" + name); }
 
   const std::string c = OldContainer("C");
-  const std::string savedTmpdir = getenv("TMPDIR") ? getenv("TMPDIR") : "";
-  TempDir tmp;
   FakeWorkspace workspace;
 };
 
@@ -102,7 +94,12 @@ TEST_F(ContainerMigrationTest, ContainerStaysWithItsMarkerUnlessItsDataIsSafe) {
   const ContainerInfo untidy = app("Untidy");
   WriteFile(OldContainer("Untidy/Unexpected"), "?");
   EXPECT_FALSE(migrator->_migrateContainerWithInfo(untidy));
-  EXPECT_EQ(ReadPropertyListDictionary(OldContainer("Untidy") + kMarker), untidy);
+  ContainerInfo onDevice = untidy;
+  for (const char* key : {"ContainerPath", "BundlePath"}) {
+    onDevice[key] = OnDevice(*untidy.at(key).string());
+  }
+  EXPECT_EQ(ReadPropertyListDictionary(OldContainer("Untidy") + kMarker), onDevice)
+      << "the marker names the container as the device does";
   std::filesystem::remove(OldContainer("Untidy/Unexpected"));
   const auto resumed = migrator->_introspectContainer(Dir(OldContainer("Untidy")), nullptr);
   EXPECT_TRUE(resumed && migrator->_migrateContainerWithInfo(*resumed));
@@ -162,8 +159,11 @@ TEST_F(ContainerMigrationTest, PlaceholderCarriesFiveInfoEntriesIconAndMetadataW
   ASSERT_TRUE(WritePropertyListFile(c + "/Foo.app/Info.plist", PlistValue(info)));
   WriteFile(c + "/LyrandMetadata.plist", "<m/>");
   EXPECT_TRUE(placeholder("Foo.app"));
-  const std::string staged = tmp.path() + "/com.tarsel.velotrix.migrator/com.foo.app";
-  EXPECT_EQ(workspace.installs[0].location.path(), staged);
+  // Built in a directory of its own under the device's temporary location.
+  const std::string staged = workspace.installs[0].location.path();
+  const std::string tmp = DeviceTemporaryLocation() + "/vxmigrator.";
+  EXPECT_EQ(staged.rfind(tmp, 0), 0u) << staged;
+  EXPECT_EQ(staged.substr(tmp.size() + 6), "/com.tarsel.velotrix.migrator/com.foo.app");
   EXPECT_EQ(workspace.installs[0].entries, (std::vector<std::string>{"Icon.png", "Info.plist"}));
   info.erase("VXAppGroups");
   info["KBBundleIconFile"] = "Icon.png";
@@ -186,10 +186,14 @@ TEST_F(ContainerMigrationTest, PlaceholderCarriesFiveInfoEntriesIconAndMetadataW
   ASSERT_EQ(failures.size(), 4u);
   EXPECT_EQ(failures[0].rfind("VXAppMigrator: Failed to read " + c + "/LyrandMetadata.plist : ", 0),
             0u);
+  // The bundle reader sees a copy of the old bundle's list and icons, taken without links.
+  const std::string second = workspace.installs[1].location.path();
+  const std::string privateDirectory = second.substr(0, second.find("/com.tarsel.velotrix."));
   EXPECT_EQ(std::vector<std::string>(failures.begin() + 1, failures.end()),
             (std::vector<std::string>{
-                "VXAppMigrator: Failed to create icon from bundle BundleHandle " + c + "/Foo.app",
-                "VXAppMigrator: Writing placeholder icon for app com.foo to " + staged +
+                "VXAppMigrator: Failed to create icon from bundle BundleHandle " +
+                    privateDirectory + "/OldBundle/Foo.app",
+                "VXAppMigrator: Writing placeholder icon for app com.foo to " + second +
                     "/Icon.png failed",
                 "VXAppMigrator: Failed to install placeholder for com.foo: " + kRefusal}));
 
@@ -197,7 +201,7 @@ TEST_F(ContainerMigrationTest, PlaceholderCarriesFiveInfoEntriesIconAndMetadataW
   EXPECT_EQ(log.messages(3).back(), "VXAppMigrator: Failed to create KBBundle for " + c +
                                         "/Missing.app");
   EXPECT_EQ(workspace.installs.size(), 2u);
-  EXPECT_FALSE(Exists(staged));
+  EXPECT_TRUE(DirectoryEntries(DeviceTemporaryLocation()).empty()) << "each private directory goes";
 }
 
 }  // namespace

@@ -80,7 +80,7 @@ TEST_F(IntrospectionTest, LinksAndBadMarkersLeaveTheContainerAndAGoodMarkerWins)
   EXPECT_FALSE(Exists(OldContainer("Husk"))) << "nothing in it to resume";
 
   // Only the types are checked, and the first wrong one is reported.
-  PlistDictionary record{{"ContainerPath", c}, {"BundlePath", "/gone"}, {"ContainerType", 1},
+  PlistDictionary record{{"ContainerPath", c}, {"BundlePath", c + "/Gone.app"}, {"ContainerType", 1},
                          {"BundleIdentifier", ""}, {"SecondBundlePath", 7}};
   for (const std::string& expected :
        {"Failed to get container type from migration marker file " + marker.path(),
@@ -93,11 +93,17 @@ TEST_F(IntrospectionTest, LinksAndBadMarkersLeaveTheContainerAndAGoodMarkerWins)
     record["ContainerType"] = "Other";  // any text will do
   }
   // A good one outranks whatever the container holds now.
-  record["SecondBundlePath"] = "/c";
+  record["SecondBundlePath"] = c + "/Staging/Payload/T.vpnplugin";
   ASSERT_TRUE(migrator->_writeMigrationMarker(record));
   bool early = true;
   EXPECT_EQ(introspect(c, &early), record);
   EXPECT_FALSE(early);
+  // Earlier versions recorded this machine's paths: under the same root they still name
+  // the container, and the record comes back in today's form.
+  record["ContainerType"] = "App";
+  ASSERT_TRUE(WritePropertyListFile(marker.path(), PlistValue(record)));
+  EXPECT_EQ(introspect(c, &early), record);
+  EXPECT_TRUE(early);
 }
 
 TEST_F(IntrospectionTest, WorkListTakesApplicationsFirstLatestFoundLeading) {

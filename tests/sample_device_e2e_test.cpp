@@ -19,8 +19,8 @@ test::RunResult Host(const std::vector<std::string>& args, const test::RunOption
   return test::RunProgram(kHost, args, options);
 }
 
-// Each run gets a temporary directory of its own: the placeholder's staging lives there,
-// and tests running side by side migrate applications of the same names.
+// Each run gets a temporary directory of its own, so that nothing another test leaves in the
+// shared one can matter (placeholders are built on the device itself).
 test::RunResult Migrate(const std::string& root, test::RunOptions options = {}) {
   const std::string tmp = root + "-tmp";
   std::filesystem::create_directories(tmp);

@@ -27,6 +27,14 @@ inline std::string OldContainer(const std::string& name) {
 
 inline FileURL Dir(const std::string& path) { return FileURL::fileURLWithPath(path, true); }
 
+// The device's own name for a location on the test device, as the marker records it.
+inline std::string OnDevice(const std::string& location) {
+  return "/" + location.substr(TestDeviceRoot().size());
+}
+
+// Where the migration builds placeholders: the device's own temporary location.
+inline std::string DeviceTemporaryLocation() { return DevicePath("private/var/tmp"); }
+
 inline void WriteInstallMap(const PlistDictionary& map) {
   MakeDirs(DevicePath("private/var/mobile/Library/Caches"));
   ASSERT_TRUE(WritePropertyListFile(DevicePath(kInstallMap), PlistValue(map)));

@@ -1,0 +1,335 @@
+// Old containers are written by their applications and the migrator runs as root: each test
+// here plants what a hostile application could, and shows that the migration keeps to the
+// container, takes the written course for a marker that does not load or a step that
+// fails, and neither hangs nor reaches out of the container.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <future>
+#include <map>
+
+#include "host/sample/ManifestCheck.h"
+#include "host/sample/SampleDevice.h"
+#include "support/AppPackages.h"
+#include "support/FakeWorkspace.h"
+#include "support/MigratorTestKit.h"
+#include "support/RunProgram.h"
+
+namespace vx {
+namespace {
+
+using namespace vx::test;
+namespace fs = std::filesystem;
+
+constexpr const char* kLoad = "-[VXAppMigrator _loadAndValidateMigrationMarkerAtURL:]";
+constexpr const char* kIntrospect = "-[VXAppMigrator _introspectContainer:orderResultEarly:]";
+
+// Every entry below `root`, links as links, with a file's content or an entry's kind: what
+// must look the same after a run that may not touch it.
+std::map<std::string, std::string> Tree(const std::string& root) {
+  std::map<std::string, std::string> tree;
+  std::error_code ec;
+  for (fs::recursive_directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string path = it->path().string();
+    const fs::file_status status = fs::symlink_status(it->path());
+    std::string& what = tree[path.substr(root.size())];
+    if (fs::is_symlink(status)) {
+      what = "-> " + fs::read_symlink(it->path()).string();
+    } else if (fs::is_regular_file(status)) {
+      what = ReadFile(path);
+    } else {
+      what = fs::is_directory(status) ? "dir" : "other";
+    }
+  }
+  return tree;
+}
+
+class HostileContainerTest : public MigratorTest {
+ protected:
+  // An application container with its bundle and notes, the application given a data
+  // container; `known` makes it installed already. Returns its record.
+  ContainerInfo app(const std::string& name, bool known = true) {
+    const std::string dir = OldContainer(name);
+    MakeBundle(dir + "/" + name + ".app", {.identifier = "com." + name});
+    WriteFile(dir + "/Documents/notes", "notes of " + name);
+    if (known) workspace.installed.insert("com." + name);
+    workspace.addApplication("com." + name, data(name));
+    return {{"ContainerPath", dir}, {"BundlePath", dir + "/" + name + ".app"},
+            {"ContainerType", "App"}, {"BundleIdentifier", "com." + name}};
+  }
+  std::string data(const std::string& name) { return DevicePath("data/" + name); }
+
+  // Runs `step` and gives up waiting after a while: a FIFO is then opened for writing, which
+  // releases a reader stuck on it, and the test fails.
+  bool bounded(const std::function<bool()>& step, const std::string& fifo) {
+    auto running = std::async(std::launch::async, step);
+    if (running.wait_for(std::chrono::seconds(30)) == std::future_status::timeout) {
+      ADD_FAILURE() << "the migration waits on " << fifo;
+      const int fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+      if (fd >= 0) ::close(fd);
+    }
+    return running.get();
+  }
+
+  TempDir outside;  // a directory of the machine, beyond the device
+  FakeWorkspace workspace;
+};
+
+TEST_F(HostileContainerTest, PlantedMarkersSpeakOnlyForTheDirectoryTheyLieIn) {
+  const ContainerInfo b = app("B");
+  const std::string victim = outside / "victim";
+  WriteFile(victim + "/Documents/secret", "the machine's");
+  MakeBundle(outside / "Loot.app", {.identifier = "com.loot"});
+  const std::string bOnDevice = OnDevice(OldContainer("B"));
+
+  // Each planter keeps its own bundle, so a marker that fails leaves it in place.
+  const auto plant = [&](const std::string& name, const std::string& container,
+                         const std::string& bundle, bool withBundle = true) {
+    if (withBundle) {
+      app(name);
+    } else {
+      WriteFile(OldContainer(name) + "/Documents/notes", "notes of " + name);
+    }
+    const PlistDictionary record{{"ContainerPath", container}, {"BundlePath", bundle},
+                                 {"ContainerType", "App"}, {"BundleIdentifier", "com.B"}};
+    EXPECT_TRUE(WritePropertyListFile(OldContainer(name) + kMarker, PlistValue(record)));
+    return OldContainer(name) + kMarker;
+  };
+  const std::string own = "/private/var/mobile/Applications/";
+  const std::map<std::string, std::string> containerRefused = {
+      {plant("E1", bOnDevice, bOnDevice + "/B.app"), bOnDevice},
+      {plant("E2", victim, outside / "Loot.app"), victim},
+      {plant("E3", "/../../.." + victim, "/../../.." + victim + "/Loot.app"),
+       "/../../.." + victim},
+      {plant("E4", bOnDevice, bOnDevice + "/B.app", false), bOnDevice}};
+  const std::map<std::string, std::string> bundleRefused = {
+      {plant("E5", own + "E5", bOnDevice + "/B.app"), bOnDevice + "/B.app"},
+      {plant("E6", own + "E6", outside / "Loot.app"), outside / "Loot.app"},
+      {plant("E7", own + "E7", own + "E7/../B/B.app"), own + "E7/../B/B.app"},
+      {plant("E8", own + "E8", own + "E8/Staging/Payload/Loot.app"),
+       own + "E8/Staging/Payload/Loot.app"}};
+  MakeSymlink(outside.path(), OldContainer("E8/Staging"));
+  const auto before = Tree(outside.path());
+
+  create();
+  EXPECT_FALSE(migrator->performMigration()) << "the planters stay for a person to look at";
+  for (const auto& [marker, named] : containerRefused) {
+    EXPECT_TRUE(Logged(3, "Migration marker file " + marker + " names container " + named +
+                              ", which is not the container it lies in", kLoad));
+    EXPECT_TRUE(log.contains("VXAppMigrator: Failed to load migration marker file from " + marker,
+                             3));
+  }
+  for (const auto& [marker, named] : bundleRefused) {
+    EXPECT_TRUE(Logged(3, "Migration marker file " + marker + " names bundle " + named +
+                              ", which does not lie inside its container", kLoad));
+  }
+  // B migrated as itself, and nothing of it went to a planter.
+  EXPECT_EQ(ReadFile(data("B") + "/Documents/notes"), "notes of B");
+  EXPECT_FALSE(Exists(*b.at("ContainerPath").string()));
+  for (const char* e : {"E1", "E2", "E3", "E5", "E6", "E7", "E8"}) {
+    EXPECT_EQ(ReadFile(OldContainer(e) + "/Documents/notes"), std::string("notes of ") + e);
+    EXPECT_TRUE(Exists(OldContainer(e) + "/" + e + ".app")) << e;
+    EXPECT_TRUE(DirectoryEntries(data(e)).empty()) << e;
+  }
+  // A planter without a bundle has nothing to resume: it goes, and only it.
+  EXPECT_FALSE(Exists(OldContainer("E4")));
+  EXPECT_TRUE(log.contains("items remain unmigrated", 3));
+  EXPECT_EQ(Tree(outside.path()), before) << "nothing outside the device was touched";
+  ASSERT_EQ(workspace.installs.size(), 1u);
+  EXPECT_EQ(workspace.installs[0].location.path(), OldContainer("B/Staging"));
+}
+
+TEST_F(HostileContainerTest, StagingLinksFailTheStepAndNothingIsWrittenThroughThem) {
+  WriteFile(outside / "Manifest.plist", "theirs");
+  MakeDirs(outside / "Payload");
+  const ContainerInfo s1 = app("S1"), s2 = app("S2");
+  for (const char* s : {"S1", "S2"}) WriteFile(OldContainer(s) + "/Manifest.plist", "ours");
+  MakeSymlink(outside.path(), OldContainer("S1/Staging"));
+  MakeDirs(OldContainer("S2/Staging"));
+  MakeSymlink(outside / "Payload", OldContainer("S2/Staging/Payload"));
+  const auto before = Tree(outside.path());
+
+  // The data moves first; the failed staging then takes the course of a failed
+  // installation: the container goes, links and all, and nothing goes through them.
+  for (const ContainerInfo& record : {s1, s2}) {
+    const std::string c = *record.at("ContainerPath").string();
+    EXPECT_FALSE(migrator->_migrateContainerWithInfo(record)) << c;
+    EXPECT_TRUE(log.contains("VXAppMigrator: Failed to create " + c + "/Staging/Payload : ", 3));
+    EXPECT_TRUE(Exists(data(c.substr(c.rfind('/') + 1)) + "/Documents/notes"));
+    EXPECT_FALSE(Exists(c));
+  }
+  EXPECT_TRUE(workspace.installs.empty());
+  EXPECT_EQ(Tree(outside.path()), before);
+}
+
+TEST_F(HostileContainerTest, PlantedFilesAreNeverReadThroughALinkNorWaitedOn) {
+  WriteFile(outside / "secret", "the machine's secret");
+  const ContainerInfo l = app("L", false), f = app("F", false);
+  MakeSymlink(outside / "secret", OldContainer("L/LyrandMetadata.plist"));
+  const std::string fifo = OldContainer("F/LyrandMetadata.plist");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0666), 0);
+
+  EXPECT_TRUE(migrator->_migrateContainerWithInfo(l));
+  ASSERT_FALSE(workspace.installs.empty());
+  EXPECT_EQ(workspace.installs[0].options, PlaceholderOptions("com.L"))
+      << "the link's target does not reach the placeholder";
+  const std::string linked = OldContainer("L/LyrandMetadata.plist");
+  EXPECT_TRUE(log.contains("VXAppMigrator: Failed to read " + linked + " : a symbolic link", 3));
+
+  // Refused once, the container stays with its FIFO; the next attempt meets it again.
+  workspace.installs.clear();
+  workspace.outcomes.push_back({{}, false});
+  EXPECT_FALSE(bounded([&] { return migrator->_migrateContainerWithInfo(f); }, fifo));
+  EXPECT_TRUE(Exists(fifo));
+  const auto resumed = migrator->_introspectContainer(Dir(OldContainer("F")), nullptr);
+  ASSERT_TRUE(resumed);
+  EXPECT_TRUE(bounded([&] { return migrator->_migrateContainerWithInfo(*resumed); }, fifo));
+  EXPECT_EQ(log.count("VXAppMigrator: Failed to read " + fifo + " : not a regular file", 3), 2u);
+  EXPECT_EQ(ReadFile(data("F") + "/Documents/notes"), "notes of F");
+
+  // A bundle's information list as a link or a FIFO names no application.
+  const std::string x = OldContainer("X/X.app");
+  MakeDirs(x);
+  MakeBundle(outside / "Loot.app", {.identifier = "com.loot"});
+  MakeSymlink(outside / "Loot.app/Info.plist", x + "/Info.plist");
+  MakeBundle(OldContainer("Y/Y.app"), {.identifier = "com.y"});
+  fs::remove(OldContainer("Y/Y.app/Info.plist"));
+  ASSERT_EQ(::mkfifo(OldContainer("Y/Y.app/Info.plist").c_str(), 0666), 0);
+  EXPECT_FALSE(migrator->_bundleIdentifierForBundle(Dir(x)));
+  const FileURL y = Dir(OldContainer("Y/Y.app"));
+  EXPECT_FALSE(bounded([&] { return migrator->_bundleIdentifierForBundle(y).has_value(); },
+                       y.path() + "/Info.plist"));
+  EXPECT_EQ(ReadFile(outside / "secret"), "the machine's secret");
+}
+
+TEST_F(HostileContainerTest, WhatIsPlantedInTemporaryLocationsNeitherRedirectsNorBlocks) {
+  // Where earlier versions built placeholders, and where a private directory is made now.
+  const std::string name = "com.tarsel.velotrix.migrator";
+  WriteFile(outside / (name + "/com.P.app/keep"), "someone else's");
+  MakeDirs(DeviceTemporaryLocation());
+  MakeSymlink(outside / name, DeviceTemporaryLocation() + "/" + name);
+  TempDir shared;
+  MakeSymlink(outside / name, shared / name);
+  const std::string savedTmpdir = getenv("TMPDIR") ? getenv("TMPDIR") : "";
+  setenv("TMPDIR", shared.path().c_str(), 1);
+  const auto before = Tree(outside.path());
+
+  EXPECT_TRUE(migrator->_migrateContainerWithInfo(app("P", false)));
+  ASSERT_EQ(workspace.installs.size(), 2u);
+  const std::string built = workspace.installs[0].location.path();
+  EXPECT_EQ(built.rfind(DeviceTemporaryLocation() + "/vxmigrator.", 0), 0u) << built;
+  EXPECT_EQ(DirectoryEntries(DeviceTemporaryLocation()), std::vector<std::string>{name});
+  EXPECT_EQ(Tree(outside.path()), before);
+
+  // The temporary location itself as a link is refused, not followed.
+  fs::remove_all(DeviceTemporaryLocation());
+  MakeSymlink(outside.path(), DeviceTemporaryLocation());
+  EXPECT_FALSE(migrator->_migrateContainerWithInfo(app("Q", false)));
+  EXPECT_TRUE(log.contains("VXAppMigrator: Failed to create staged placeholder directory at " +
+                               DeviceTemporaryLocation() + "/vxmigrator.XXXXXX : ",
+                           3));
+  EXPECT_TRUE(Exists(OldContainer("Q/Documents/notes")));
+  EXPECT_EQ(Tree(outside.path()), before);
+  savedTmpdir.empty() ? unsetenv("TMPDIR") : setenv("TMPDIR", savedTmpdir.c_str(), 1);
+}
+
+TEST_F(HostileContainerTest, OrdinaryUserMigratesItsDeviceAfterRootHasRun) {
+  if (!RunningAsRoot()) GTEST_SKIP() << "becoming an ordinary user takes root";
+  constexpr uid_t kUser = 65534;
+  constexpr gid_t kGroup = 65534;
+  // Root's run first, leaving what a root run leaves, also in the shared temporary directory
+  // where earlier versions built placeholders.
+  TempDir shared;
+  MakeDirs(shared / "com.tarsel.velotrix.migrator/com.User.app");
+  const std::string savedTmpdir = getenv("TMPDIR") ? getenv("TMPDIR") : "";
+  setenv("TMPDIR", shared.path().c_str(), 1);
+  ASSERT_TRUE(migrator->_migrateContainerWithInfo(app("Rooted", false)));
+
+  // The device is the user's; the temporary location root's run made stays root's.
+  const ContainerInfo user = app("User", false);
+  std::string root = TestDeviceRoot();
+  root.pop_back();
+  ASSERT_EQ(::lchown(root.c_str(), kUser, kGroup), 0);
+  for (fs::recursive_directory_iterator it(root), end; it != end; ++it) {
+    if (it->path() == DeviceTemporaryLocation()) continue;
+    ASSERT_EQ(::lchown(it->path().c_str(), kUser, kGroup), 0) << it->path();
+  }
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (::setgroups(0, nullptr) != 0 || ::setgid(kGroup) != 0 || ::setuid(kUser) != 0) _exit(3);
+    _exit(migrator->_migrateContainerWithInfo(user) ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  EXPECT_EQ(ReadFile(data("User") + "/Documents/notes"), "notes of User");
+  EXPECT_FALSE(Exists(OldContainer("User")));
+  EXPECT_TRUE(DirectoryEntries(DeviceTemporaryLocation()).empty());
+  savedTmpdir.empty() ? unsetenv("TMPDIR") : setenv("TMPDIR", savedTmpdir.c_str(), 1);
+}
+
+// A device image cut off under one root and resumed under another: the markers name the
+// device's own paths, so the second run finds its containers where they are now.
+TEST(HostileDeviceTest, ImageCutOffUnderOneRootResumesUnderAnother) {
+  const std::string host = std::string(VX_BIN_DIR) + "/vxmigrate";
+  TempDir t;
+  sample::SampleDeviceOptions options;
+  options.apps = 1;
+  options.dataBytes = 4096;
+  std::string problem;
+  ASSERT_TRUE(sample::WriteSampleDevice(t / "pristine", options, &problem)) << problem;
+  const auto migrate = [&](const std::string& root, RunOptions run) {
+    run.environment["TMPDIR"] = t.path();
+    return RunProgram(host, {"migrate", "--root", root, "--no-progress", "--quiet"}, run);
+  };
+  const auto containers = [](const std::string& root) {
+    std::vector<std::string> found;
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator(root + "/private/var/mobile/Applications", ec)) {
+      found.push_back(e.path().string());
+    }
+    return found;
+  };
+
+  // Two cuts: just after the marker is written, and with the bundle staged.
+  bool markedOnly = false, staged = false;
+  for (int n = 1; n < 400 && !(markedOnly && staged); ++n) {
+    const std::string first = t / "first", second = t / "second";
+    fs::copy(t / "pristine", first, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    RunOptions cut;
+    cut.environment["VX_FAULT_AT"] = std::to_string(n);
+    cut.environment["VX_FAULT_ACTION"] = "crash";
+    const RunResult crashed = migrate(first, cut);
+    ASSERT_NE(crashed.err.find("vx fault seam:"), std::string::npos)
+        << "the run ended before either cut: " << crashed.describe();
+    bool marker = false, bundleStaged = false;
+    for (const std::string& c : containers(first)) {
+      marker = marker || Exists(c + kMarker);
+      bundleStaged = bundleStaged || !DirectoryEntries(c + "/Staging/Payload").empty();
+    }
+    const bool wanted = (marker && !bundleStaged && !markedOnly) || (bundleStaged && !staged);
+    if (wanted) {
+      (bundleStaged ? staged : markedOnly) = true;
+      fs::rename(first, second);
+      const RunResult resumed = migrate(second, {});
+      ASSERT_EQ(resumed.exitStatus, 0) << "cut at " << n << "\n" << resumed.describe();
+      const sample::ManifestReport report = sample::CheckMigratedDevice(second);
+      EXPECT_TRUE(report.ok() && report.applicationsInstalled == 1)
+          << "cut at " << n << ": " << report.filesVerified << "/" << report.files;
+      EXPECT_TRUE(containers(second).empty());
+    }
+    fs::remove_all(first);
+    fs::remove_all(second);
+  }
+  EXPECT_TRUE(markedOnly && staged);
+}
+
+}  // namespace
+}  // namespace vx
