@@ -1,5 +1,5 @@
 # Thin front door: installs what is missing, then lets CMake and CTest do the work.
-.PHONY: all deps build test demo release bench clean
+.PHONY: all deps build test demo release bench package clean
 
 all: build
 
@@ -24,6 +24,17 @@ demo: release
 
 bench: release
 	build/release/bin/vx_bench
+
+# A Debian package (build/vxmigrate_<version>_<arch>.deb), built with Debian's hardening
+# flags for the /usr prefix.
+package: deps
+	CXXFLAGS="$$(dpkg-buildflags --get CXXFLAGS) $$(dpkg-buildflags --get CPPFLAGS)" \
+	LDFLAGS="$$(dpkg-buildflags --get LDFLAGS)" \
+	cmake -S . -B build/package -G Ninja -DCMAKE_BUILD_TYPE=None -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DVX_BUILD_TESTS=OFF -DVX_DEBIAN_PACKAGE=ON >/dev/null
+	cmake --build build/package
+	cd build/package && cpack -B "$(CURDIR)/build" >/dev/null
+	@ls build/vxmigrate_*.deb
 
 clean:
 	rm -rf build
