@@ -25,14 +25,18 @@ demo: release
 bench: release
 	build/release/bin/vx_bench
 
-# A Debian package (build/vxmigrate_<version>_<arch>.deb), built with Debian's hardening
-# flags for the /usr prefix.
+# A Debian package (build/vxmigrate_<version>_<arch>.deb), built for the /usr prefix with
+# Debian's hardening flags.
+DEB_FLAGS = DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get
 package: deps
-	CXXFLAGS="$$(dpkg-buildflags --get CXXFLAGS) $$(dpkg-buildflags --get CPPFLAGS)" \
-	LDFLAGS="$$(dpkg-buildflags --get LDFLAGS)" \
 	cmake -S . -B build/package -G Ninja -DCMAKE_BUILD_TYPE=None -DCMAKE_INSTALL_PREFIX=/usr \
-	  -DVX_BUILD_TESTS=OFF -DVX_DEBIAN_PACKAGE=ON >/dev/null
+	  -DVX_BUILD_TESTS=OFF -DVX_DEBIAN_PACKAGE=ON \
+	  -DCMAKE_CXX_FLAGS="$$($(DEB_FLAGS) CXXFLAGS) $$($(DEB_FLAGS) CPPFLAGS)" \
+	  -DCMAKE_EXE_LINKER_FLAGS="$$($(DEB_FLAGS) LDFLAGS)" \
+	  -DCMAKE_SHARED_LINKER_FLAGS="$$($(DEB_FLAGS) LDFLAGS)" \
+	  -DCMAKE_MODULE_LINKER_FLAGS="$$($(DEB_FLAGS) LDFLAGS)" >/dev/null
 	cmake --build build/package
+	rm -f build/vxmigrate_*.deb
 	cd build/package && cpack -B "$(CURDIR)/build" >/dev/null
 	@ls build/vxmigrate_*.deb
 
