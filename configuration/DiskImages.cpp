@@ -3,13 +3,17 @@
 // its file system is mounted.
 //
 // Mount points are paths of the host, as the mount table gives them. On a device that lives
-// under a directory (a device root other than "/"), the device's own directories are under
-// that root too, so an image mounted on <root>/Developer is the device's developer image:
-// its "Applications" directory equals developerAppsDirectory and is listed once. The debug
-// mount area is recognised by the mount point's text as the table gives it.
+// under a directory (a device root other than "/"), the device sees only what is mounted
+// inside that root, and sees it re-rooted: <root>/Developer is its /Developer, so an image
+// mounted there is the device's developer image, whose "Applications" directory equals
+// developerAppsDirectory and is listed once. The host's own mounts elsewhere are not the
+// device's disk images, and the debug mount area is recognised where the device sees it.
+#include <stdlib.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "platform/log/InstallerLog.h"
@@ -21,6 +25,28 @@ namespace {
 
 constexpr const char* kDebugMountPrefix = "/private/var/debug_mount";
 
+// The root as the mount table spells paths: resolved, so that a root given through a link
+// still matches, and ending with a slash.
+std::string CanonicalRoot(const FileURL& root) {
+  std::unique_ptr<char, decltype(&::free)> resolved(::realpath(root.fileSystemRepresentation(),
+                                                               nullptr),
+                                                    &::free);
+  std::string text = resolved ? resolved.get() : root.path();
+  if (!text.ends_with('/')) text += '/';
+  return text;
+}
+
+// Where the device sees a host mount point: re-rooted under `root` (which ends with a slash),
+// or nothing when it lies outside the root. A mount on a name that merely begins like the
+// root ("<root>-other") is outside.
+std::optional<std::string> DevicePathOfMountPoint(const std::string& mountPoint,
+                                                  const std::string& root) {
+  if (root == "/") return mountPoint;
+  if (mountPoint + "/" == root) return std::string("/");
+  if (!mountPoint.starts_with(root)) return std::nullopt;
+  return "/" + mountPoint.substr(root.size());
+}
+
 }  // namespace
 
 std::optional<std::string> VXGlobalConfiguration::mountPointForDevice(uint32_t device) {
@@ -30,6 +56,11 @@ std::optional<std::string> VXGlobalConfiguration::mountPointForDevice(uint32_t d
     VX_INSTALLER_LOG(3, kFunction, "getmntinfo failed: %s", std::strerror(errno));
     return std::nullopt;
   }
+  // The device's mount table is the host's less what is mounted outside the device root.
+  const std::string root = CanonicalRoot(_rootPath);
+  std::erase_if(mounts, [&root](const MountEntry& mount) {
+    return !DevicePathOfMountPoint(mount.mountedOn, root);
+  });
   DeviceRegistry& registry = DeviceRegistry::shared();
   RegistryHandle iterator = 0;
   if (registry.createIterator(device, kRegistryServicePlane, true, &iterator) != kRegistrySuccess) {
@@ -108,11 +139,18 @@ std::vector<std::string> VXGlobalConfiguration::diskImageMountPoints() {
 
 std::vector<FileURL> VXGlobalConfiguration::diskImageApplicationsDirectories() {
   const FileURL developerApps = developerAppsDirectory();
+  const std::string root = CanonicalRoot(_rootPath);
   std::vector<FileURL> directories;
   for (const std::string& mountPoint : diskImageMountPoints()) {
-    if (mountPoint.starts_with(kDebugMountPrefix)) continue;
-    directories.push_back(FileURL::fileURLWithPath(mountPoint, true)
-                              .URLByAppendingPathComponent("Applications", true));
+    const std::optional<std::string> devicePath = DevicePathOfMountPoint(mountPoint, root);
+    if (!devicePath || devicePath->starts_with(kDebugMountPrefix)) continue;
+    // Re-rooted from the device path, so that the location is spelt like every other location
+    // of this configuration (and compares equal to them) even when the root was given
+    // through a link.
+    const FileURL mounted = *devicePath == "/" ? _rootPath
+                                               : _rootPath.URLByAppendingPathComponent(
+                                                     devicePath->substr(1), true);
+    directories.push_back(mounted.URLByAppendingPathComponent("Applications", true));
   }
   if (std::find(directories.begin(), directories.end(), developerApps) == directories.end()) {
     directories.push_back(developerApps);

@@ -1,9 +1,8 @@
-#include <dirent.h>
-
 #include <cerrno>
 #include <cstring>
 
 #include "filemanager/VXFileManager.h"
+#include "platform/files/Beneath.h"
 #include "platform/files/DirChain.h"
 #include "platform/files/ProtectionClass.h"
 #include "platform/files/Sys.h"
@@ -39,14 +38,18 @@ bool VXFileManager::createDirectoryAtURL(const FileURL& url, bool withIntermedia
   }
   if (protectionClass == -1) return true;
 
-  UniqueDir dir(::opendir(path));
+  // Creation took EEXIST on trust, so what stands there may be a symbolic link, planted by
+  // whoever can write the parent. Following it would put the class on whatever it names,
+  // anywhere on the file system. A link is not a directory here: it is refused as a file in
+  // the way is, with ENOTDIR, and its target is left alone.
+  UniqueFd dir = OpenDirectoryNoFollow(path);
   if (!dir) {
-    const int e = errno;
+    const int e = errno == ELOOP ? ENOTDIR : errno;
     SetError(error, PosixError(kCreateFunction, __LINE__, e, "opendir of %@ failed: %s",
                                url.path(), std::strerror(e)));
     return false;
   }
-  if (SetProtectionClass(::dirfd(dir.get()), protectionClass) != 0) {
+  if (SetProtectionClass(dir.get(), protectionClass) != 0) {
     const int e = errno;
     SetError(error, PosixError(kCreateFunction, __LINE__, e,
                                "Failed to setclass(%d) on directory %@: %s", protectionClass,

@@ -38,7 +38,11 @@ std::optional<PlistDictionary> FilteredRead(const BundleHandle& bundle,
                      TypeName(*filtered));
     return std::nullopt;
   }
-  return *dict;
+  // The location of the information file is the platform's own entry, never the caller's
+  // business, even when the caller names it (and whatever a file of that name pretends).
+  PlistDictionary result = *dict;
+  result.erase(kKBBundleInfoPlistURLKey);
+  return result;
 }
 
 std::optional<PlistDictionary> WholeRead(const BundleHandle& bundle, const FileURL& bundleURL) {

@@ -12,7 +12,7 @@ bool PlistValueIsOfKind(const PlistValue& value, ValueKind kind) {
     case ValueKind::String:
       return value.isString();
     case ValueKind::Number:
-      return value.isNumber();
+      return value.isNumber() || value.isBoolean();  // the tolerant kinds count truth values
     case ValueKind::Array:
       return value.isArray();
     case ValueKind::Dictionary:
@@ -76,7 +76,7 @@ bool VXArrayContainsOnlyClass(const PlistArray& array, ValueKind kind) {
 bool VXBooleanValue(const std::optional<AnyValue>& value, bool defaultValue) {
   if (!value) return defaultValue;
   const auto* plain = std::get_if<PlistValue>(&*value);
-  if (!plain || !plain->isNumber()) return defaultValue;
+  if (!plain || !(plain->isNumber() || plain->isBoolean())) return defaultValue;
   if (plain->isReal()) return *plain->doubleValue() != 0.0;  // 0.5 is true, not cut to 0
   return *plain->int64Value() != 0;
 }

@@ -1,6 +1,8 @@
 // Reading bundles: the platform handle, and VXLoadInfoPlist on top of it.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <thread>
 
 #include "platform/bundle/BundleHandle.h"
@@ -53,12 +55,28 @@ TEST(BundleInfoTest, ReadsAreWholeOrFilteredAndFreshEachCall) {
   EXPECT_EQ(BundleHandle::takePeakOpenCount(), 1u);
 }
 
-TEST(BundleInfoTest, WhatIsNoBundleGivesNothingAndOneLine) {
+TEST(BundleInfoTest, TheLocationOfTheInfoFileIsNeverReturned) {
+  test::TempDir dir;
+  const std::set<std::string> asked{"KBBundleIdentifier", kKBBundleInfoPlistURLKey};
+  const FileURL app = MakeBundle(dir / "A.app", kInfo);
+  EXPECT_EQ(VXLoadInfoPlist(app, &asked),
+            (PlistDictionary{{"KBBundleIdentifier", "com.example.a"}}));
+  // Nor an entry of that name that the file itself carries.
+  PlistDictionary forged = kInfo;
+  forged[kKBBundleInfoPlistURLKey] = "/etc/shadow";
+  MakeBundle(dir / "A.app", forged);
+  EXPECT_EQ(VXLoadInfoPlist(app, &asked),
+            (PlistDictionary{{"KBBundleIdentifier", "com.example.a"}}));
+  EXPECT_EQ(VXLoadInfoPlist(app, nullptr), kInfo);
+}
+
+TEST(BundleInfoTest, WhatCannotBeReadGivesNothingAndOneLine) {
   test::TempDir dir;
   test::MakeDirs(dir / "Empty.app");
-  test::WriteFile(dir / "Corrupt.app/Info.plist", "<plist><dict><key>");
   test::WriteFile(dir / "File.app", "not a directory");
-  for (const char* name : {"Empty.app", "Corrupt.app", "File.app", "Missing.app"}) {
+  const FileURL real = MakeBundle(dir / "Real.app", kInfo);
+  test::MakeSymlink(dir / "Real.app", dir / "Link.app");
+  for (const char* name : {"File.app", "Missing.app", "Link.app"}) {
     EXPECT_FALSE(BundleHandle::open(FileURL::fileURLWithPath(dir / name))) << name;
   }
 
@@ -74,8 +92,36 @@ TEST(BundleInfoTest, WhatIsNoBundleGivesNothingAndOneLine) {
                       "dictionary, was type Array", 3), 1u);
   EXPECT_FALSE(VXLoadInfoPlist(array, nullptr));
   EXPECT_EQ(log.count("KBBundleGetInfoDictionary failed for bundle " + array.path(), 3), 1u);
-  EXPECT_FALSE(VXLoadInfoPlist(FileURL::fileURLWithPath(dir / "Corrupt.app", true), nullptr));
-  EXPECT_EQ(log.count("Failed to create KBBundle from URL " + dir / "Corrupt.app", 3), 1u);
+
+  // A bundle reached through a link is not opened, even though its Info.plist is there.
+  const FileURL link = FileURL::fileURLWithPath(dir / "Link.app", true);
+  EXPECT_FALSE(VXLoadInfoPlist(link, nullptr));
+  EXPECT_EQ(log.count("Failed to create KBBundle from URL " + link.path(), 3), 1u);
+
+  // A directory whose Info.plist is corrupt, a link (never followed) or a FIFO (never waited
+  // on) opens, but holds no information: the information reads say so.
+  test::WriteFile(dir / "Corrupt.app/Info.plist", "<plist><dict><key>");
+  test::MakeDirs(dir / "Linked.app");
+  test::MakeSymlink(dir / "Real.app/Info.plist", dir / "Linked.app/Info.plist");
+  test::MakeDirs(dir / "Fifo.app");
+  ASSERT_EQ(::mkfifo((dir / "Fifo.app/Info.plist").c_str(), 0644), 0);
+  for (const char* name : {"Corrupt.app", "Linked.app", "Fifo.app"}) {
+    SCOPED_TRACE(name);
+    const FileURL bundle = FileURL::fileURLWithPath(dir / name, true);
+    auto handle = BundleHandle::open(bundle);
+    ASSERT_TRUE(handle);
+    EXPECT_EQ(handle->infoDictionary(), nullptr);
+    EXPECT_EQ(handle->bundleIdentifier(), std::nullopt);
+    handle.reset();
+    log.clear();
+    EXPECT_FALSE(VXLoadInfoPlist(bundle, &kScanKeys));
+    EXPECT_FALSE(VXLoadInfoPlist(bundle, nullptr));
+    EXPECT_EQ(log.messages(3),
+              (std::vector<std::string>{
+                  "Failed to get filtered Info.plist with keys (KBBundleIdentifier, "
+                  "KBBundleVersion) from bundle BundleHandle " + bundle.path(),
+                  "KBBundleGetInfoDictionary failed for bundle " + bundle.path()}));
+  }
   EXPECT_EQ(BundleHandle::openCount(), 0u);
 }
 

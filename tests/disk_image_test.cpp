@@ -45,25 +45,36 @@ class DiskImageTest : public ::testing::Test {
 TEST_F(DiskImageTest, DrivesPartitionsMountPointsAndTheirApps) {
   AddLoopDriver();
   // loop0 has two mounted partitions, of which only the first counts; loop1 is unbound; loop2
-  // is mounted in the debug area; nothing is mounted from loop3, though loop3p1 and loop1 are;
-  // loop10 is mounted on the device's developer directory.
-  for (int n : {0, 2, 3, 10}) AddLoop(n);
+  // is mounted in the device's debug area; nothing is mounted from loop3, though loop3p1 and
+  // loop1 are; loop4 is the host's own, mounted outside the device root (beside it, under a
+  // name that merely begins like the root's); loop10 is mounted on the device's developer
+  // directory.
+  for (int n : {0, 2, 3, 4, 10}) AddLoop(n);
   for (const char* p : {"1", "2"}) WriteFile(sysfs_ + "/block/loop0/loop0p" + p + "/partition", p);
   test::MakeDirs(sysfs_ + "/block/loop1");
-  const std::string image = tmp_ / "image one";
-  WriteMounts({{"loop1", tmp_ / "unbound"}, {"loop0p2", tmp_ / "second"},
-               {"loop0p1", tmp_.path() + "/image\\040one"}, {"loop3p1", tmp_ / "p1"},
-               {"loop2", "/private/var/debug_mount/dbg"}, {"loop10", device_ + "/Developer"}});
+  const std::string image = device_ + "/image one";
+  const std::string debug = device_ + "/private/var/debug_mount/dbg";
+  WriteMounts({{"loop1", device_ + "/unbound"}, {"loop0p2", device_ + "/second"},
+               {"loop4", device_ + "-host/mnt"}, {"loop0p1", device_ + "/image\\040one"},
+               {"loop3p1", device_ + "/p1"}, {"loop2", debug}, {"loop10", device_ + "/Developer"}});
   VXGlobalConfiguration config(device_);
   auto& registry = DeviceRegistry::shared();
   const size_t open = registry.openHandleCount();
 
-  EXPECT_EQ(config.diskImageMountPoints(), (std::vector<std::string>{
-                image, "/private/var/debug_mount/dbg", device_ + "/Developer"}));
+  EXPECT_EQ(config.diskImageMountPoints(),
+            (std::vector<std::string>{image, debug, device_ + "/Developer"}));
   const FileURL developerApps = FileURL::fileURLWithPath(device_ + "/Developer/Applications", true);
   EXPECT_EQ(config.diskImageApplicationsDirectories(),
             (std::vector<FileURL>{FileURL::fileURLWithPath(image + "/Applications", true),
                                   developerApps}));
+
+  // A root given through a link sees the same images, spelt under the root as given.
+  test::MakeSymlink(device_, tmp_ / "link");
+  VXGlobalConfiguration linked(tmp_ / "link");
+  EXPECT_EQ(linked.diskImageApplicationsDirectories(),
+            (std::vector<FileURL>{
+                FileURL::fileURLWithPath(tmp_ / "link/image one/Applications", true),
+                linked.developerAppsDirectory()}));
 
   // The developer image comes later in the list, so its record wins for a shared identifier.
   MakeBundle(image + "/Applications/Shared.app", {"com.example.shared"});

@@ -91,6 +91,18 @@ TEST(FileManagerDirectoryTest, CreationAncestorsExistingAndClass) {
   EXPECT_TRUE(fm().createDirectoryAtURL(U(t / "file"), false, 0755, &error));
   EXPECT_FALSE(fm().createDirectoryAtURL(U(t / "file"), false, 0755, 4, &error));
   EXPECT_NE(error->localizedDescription()->find("opendir of "), std::string::npos);
+  // A link in the way is not a directory, whether it leads to one or not, and the class never
+  // reaches what it leads to.
+  MakeDirs(t / "target");
+  MakeSymlink(t / "target", t / "link");
+  for (bool ancestors : {false, true}) {
+    EXPECT_FALSE(fm().createDirectoryAtURL(U(t / "link", true), ancestors, 0755, 4, &error));
+    EXPECT_EQ(error->code(), ENOTDIR);
+    EXPECT_EQ(*error->localizedDescription(),
+              "opendir of " + t / "link" + " failed: Not a directory");
+  }
+  EXPECT_EQ(ClassOf(t / "target"), kDefaultProtectionClass);
+  EXPECT_TRUE(fm().createDirectoryAtURL(U(t / "link", true), false, 0755, &error));
   // A file as an ancestor makes the chain fail.
   EXPECT_FALSE(fm().createDirectoryAtURL(U(t / "file/sub"), true, 0755, &error));
   EXPECT_NE(error->localizedDescription()->find("dirchain of "), std::string::npos);

@@ -33,6 +33,8 @@ TEST(InstallerSettingsTest, OnlyStoredBooleansAndNumbersCount) {
         "Setting simultaneous installations allowed to 0"}},
       {{{"LowerInstallPriority", "NO"}, {"SkipThinningCheck", 1}, {"SkipDeviceFamilyCheck", "YES"},
         {"SimultaneousInstallsNumber", "8"}}, true, false, false, 4, {}},
+      // A boolean is no count, however much `true` looks like 1.
+      {{{"SimultaneousInstallsNumber", true}}, true, false, false, 4, {}},
       {{{"LowerInstallPriority", 0}, {"SkipDeviceFamilyCheck", true}, {"SkipThinningCheck", true},
         {"SimultaneousInstallsNumber", -7.9}}, true, true, true, -7,
        {"Skipping device family check because of a set default",

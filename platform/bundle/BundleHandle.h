@@ -22,9 +22,13 @@ extern const char* const kKBBundleIdentifierKey;    // "KBBundleIdentifier"
 
 class BundleHandle {
  public:
-  // Nothing when `bundle` is not a directory holding a readable "Info.plist" property list.
-  // A list whose top level is not a dictionary still opens: such a bundle has no
-  // information dictionary, and its filtered read gives the top level as it is.
+  // Opening needs only the bundle's directory, reached without following a final symbolic
+  // link; nothing when there is no such directory. Its "Info.plist" is read at the open, as a
+  // regular file beneath that directory (never through a link, never waiting on a FIFO, and
+  // of bounded size). A file that is missing, unreadable or corrupt still lets the bundle
+  // open: the handle then has no information, and its information reads say so. A list whose
+  // top level is not a dictionary gives no information dictionary, and a filtered read of
+  // the top level as it is.
   static std::unique_ptr<BundleHandle> open(const FileURL& bundle);
   ~BundleHandle();
   BundleHandle(const BundleHandle&) = delete;
@@ -32,8 +36,10 @@ class BundleHandle {
 
   const FileURL& bundleURL() const { return bundleURL_; }
   // The whole information dictionary, including "KBBundleInfoPlistURL"; nullptr when the
-  // file's top level is not a dictionary.
-  const PlistDictionary* infoDictionary() const { return contents_.dictionary(); }
+  // file could not be read or its top level is not a dictionary.
+  const PlistDictionary* infoDictionary() const {
+    return contents_ ? contents_->dictionary() : nullptr;
+  }
   std::optional<std::string> bundleIdentifier() const;
   // A new value holding only the entries whose keys are in `keys`; the value's type is
   // whatever the file's top level holds. Nothing when the file cannot be read.
@@ -45,9 +51,9 @@ class BundleHandle {
   static size_t takePeakOpenCount();
 
  private:
-  BundleHandle(FileURL bundleURL, PlistValue contents);
+  BundleHandle(FileURL bundleURL, std::optional<PlistValue> contents);
   FileURL bundleURL_;
-  PlistValue contents_;
+  std::optional<PlistValue> contents_;  // nothing: "Info.plist" could not be read
 };
 
 // The printed form: the bundle's path, as "BundleHandle <path>".

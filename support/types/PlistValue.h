@@ -54,8 +54,9 @@ class PlistValue {
   bool isInteger() const { return kind() == Kind::Integer; }
   bool isReal() const { return kind() == Kind::Real; }
   bool isBoolean() const { return kind() == Kind::Boolean; }
-  // Booleans are numbers too, as callers that take "a number" expect.
-  bool isNumber() const { return isInteger() || isReal() || isBoolean(); }
+  // An integer or a real. A boolean is not a number here: a setting that must be a count
+  // should not take `true` for 1. Callers that accept a boolean as a number say so.
+  bool isNumber() const { return isInteger() || isReal(); }
   bool isData() const { return kind() == Kind::Data; }
   bool isDate() const { return kind() == Kind::Date; }
   bool isArray() const { return kind() == Kind::Array; }
