@@ -7,6 +7,7 @@
 #include "platform/installer/InstallerService.h"
 #include "platform/log/MigrationLog.h"
 #include "platform/plist/PlistFile.h"
+#include "platform/system/DeviceRoot.h"
 #include "platform/system/SystemVersion.h"
 
 namespace vx {
@@ -57,28 +58,49 @@ std::optional<PlistDictionary> ReadGroupLeftovers(const FileURL& installMapPath)
   return std::nullopt;
 }
 
-// The entries of groups whose items could not all be moved.
-PlistDictionary GroupLeftovers(const std::optional<PlistDictionary>& groups) {
-  PlistDictionary leftovers;
-  if (!groups) return leftovers;
-  for (const auto& [group, entry] : *groups) {
-    if (entry.stringForKey(kGroupLeftoverOwnerKey)) leftovers.emplace(group, entry);
+// The old install map outlives the old root for as long as a group container it names still
+// holds items: reduced to those groups, it is the record from which later runs (and
+// `vxmigrate recover`) move them. A group marked with the application that could not empty it
+// makes the run fail, since that application is installed and the move can be retried; one
+// whose application never got that far (its bundle is in the recovery area) waits quietly.
+// The map goes with the last group. False when a marked group remains.
+bool SettleInstallMap(const FileURL& installMapPath, const std::optional<PlistDictionary>& groups,
+                      const VXFileManager& fileManager) {
+  PlistDictionary unmigrated;
+  size_t marked = 0;
+  for (const auto& [group, entry] : groups.value_or(PlistDictionary{})) {
+    const bool owned = entry.stringForKey(kGroupLeftoverOwnerKey) != nullptr;
+    const std::string* devicePath = entry.stringForKey("Container");
+    if (owned || (devicePath && fileManager.itemExistsAtURL(ResolveDevicePath(*devicePath, true)))) {
+      unmigrated.emplace(group, entry);
+      marked += owned ? 1 : 0;
+    }
   }
-  return leftovers;
-}
-
-// When the old root is gone, the install map only still matters for the group containers
-// that kept items: it is reduced to them, and goes once they are done.
-bool KeepInstallMapForLeftovers(const FileURL& installMapPath, const PlistDictionary& leftovers) {
-  if (leftovers.empty()) return false;
-  const PlistDictionary reduced{{kGroupContainersKey, leftovers}};
+  if (unmigrated.empty()) {
+    ErrorRef removeError;
+    if (!fileManager.itemDoesNotExistAtURL(installMapPath) &&
+        !fileManager.removeItemAtURL(installMapPath, &removeError)) {
+      VX_MIGRATION_LOG(3, kRunOperation, "VXAppMigrator: Failed to remove %@ : %@",
+                       installMapPath.path(), removeError);
+    }
+    return true;
+  }
+  const size_t count = unmigrated.size();
+  const PlistDictionary reduced{{kGroupContainersKey, std::move(unmigrated)}};
   if (!WritePropertyListFile(installMapPath.path(), PlistValue(reduced))) {
     VX_MIGRATION_LOG(3, kRunOperation, "VXAppMigrator: Failed to record group containers in %@",
                      installMapPath.path());
   }
-  VX_MIGRATION_LOG(3, kRunOperation,
-                   "VXAppMigrator: Keeping %@ because %lu group containers still hold items",
-                   installMapPath.path(), static_cast<unsigned long>(leftovers.size()));
+  if (marked > 0) {
+    VX_MIGRATION_LOG(3, kRunOperation,
+                     "VXAppMigrator: Keeping %@ because %lu group containers still hold items",
+                     installMapPath.path(), static_cast<unsigned long>(marked));
+    return false;
+  }
+  VX_MIGRATION_LOG(5, kRunOperation,
+                   "VXAppMigrator: Keeping %@ for %lu group containers whose applications have "
+                   "not taken them yet",
+                   installMapPath.path(), static_cast<unsigned long>(count));
   return true;
 }
 
@@ -98,7 +120,7 @@ std::optional<PlistDictionary> ReadHarborMap(const FileURL& path,
 // the root: an entry still there may be an application that a later run must migrate, and
 // that run needs the map's group containers. False when entries remain.
 bool RemoveOldLayoutIfEmpty(VXGlobalConfiguration& config, const VXFileManager& fileManager,
-                            const PlistDictionary& leftovers) {
+                            const std::optional<PlistDictionary>& groups) {
   const FileURL root = config.oldContainerPath();
   ErrorRef error;
   auto remaining = fileManager.urlsForItemsInDirectoryAtURL(root, false, &error);
@@ -111,12 +133,8 @@ bool RemoveOldLayoutIfEmpty(VXGlobalConfiguration& config, const VXFileManager& 
           "VXAppMigrator: Failed to determine if any items were remaining to migrate: %@", error);
       return true;
     }
-    // The map an earlier run kept for its leftovers goes once they are done.
-    if (KeepInstallMapForLeftovers(config.oldInstallMapPath(), leftovers)) return false;
-    if (ReadGroupLeftovers(config.oldInstallMapPath())) {
-      fileManager.removeItemAtURL(config.oldInstallMapPath(), nullptr);
-    }
-    return true;
+    // Only a map kept for group leftovers was read; any other stays as it is.
+    return !groups || SettleInstallMap(config.oldInstallMapPath(), groups, fileManager);
   }
   if (!remaining->empty()) {
     VX_MIGRATION_LOG(3, kRunOperation,
@@ -125,16 +143,12 @@ bool RemoveOldLayoutIfEmpty(VXGlobalConfiguration& config, const VXFileManager& 
                      static_cast<unsigned long>(remaining->size()));
     return false;
   }
-  const bool keepMap = KeepInstallMapForLeftovers(config.oldInstallMapPath(), leftovers);
-  for (const FileURL& url : {root, config.oldInstallMapPath()}) {
-    if (keepMap && url == config.oldInstallMapPath()) continue;
-    ErrorRef removeError;
-    if (!fileManager.removeItemAtURL(url, &removeError)) {
-      VX_MIGRATION_LOG(3, kRunOperation, "VXAppMigrator: Failed to remove %@ : %@", url.path(),
-                       removeError);
-    }
+  ErrorRef removeError;
+  if (!fileManager.removeItemAtURL(root, &removeError)) {
+    VX_MIGRATION_LOG(3, kRunOperation, "VXAppMigrator: Failed to remove %@ : %@", root.path(),
+                     removeError);
   }
-  return !keepMap;
+  return SettleInstallMap(config.oldInstallMapPath(), groups, fileManager);
 }
 
 // Tells a later system which build this migration ran for. Not being able to say so does
@@ -257,7 +271,7 @@ bool VXAppMigrator::performMigration() {
     result = false;
   }
 
-  if (!RemoveOldLayoutIfEmpty(config, fileManager, GroupLeftovers(_groupContainerMap))) {
+  if (!RemoveOldLayoutIfEmpty(config, fileManager, _groupContainerMap)) {
     result = false;
   } else if (result) {
     RecordSystemVersion(config);

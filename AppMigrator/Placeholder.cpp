@@ -86,46 +86,6 @@ bool WriteNewFile(const FileURL& file, const std::vector<uint8_t>& bytes) {
   return fd && sys::WriteAll(fd.get(), bytes.data(), bytes.size());
 }
 
-// The icon files a bundle's information list names, as the icon renderer looks for them:
-// each name with ".png" and its higher-resolution variants, names that would leave the
-// bundle ignored.
-std::set<std::string> IconFileNames(const PlistValue& info) {
-  std::vector<std::string> names;
-  const auto add = [&](const PlistValue* value) {
-    if (!value) return;
-    if (const std::string* name = value->string()) names.push_back(*name);
-    if (const PlistArray* array = value->array()) {
-      for (const PlistValue& item : *array) {
-        if (const std::string* name = item.string()) names.push_back(*name);
-      }
-    }
-  };
-  if (const PlistDictionary* dictionary = info.dictionary()) {
-    const auto entry = [](const PlistDictionary& d, const char* key) -> const PlistValue* {
-      auto it = d.find(key);
-      return it == d.end() ? nullptr : &it->second;
-    };
-    add(entry(*dictionary, "KBBundleIconFile"));
-    add(entry(*dictionary, "KBBundleIconFiles"));
-    if (const PlistValue* icons = entry(*dictionary, "KBBundleIcons")) {
-      if (const PlistDictionary* primary = icons->dictionaryForKey("KBBundlePrimaryIcon")) {
-        add(entry(*primary, "KBBundleIconFiles"));
-      }
-    }
-  }
-  std::set<std::string> files;
-  for (std::string base : names) {
-    if (base.empty() || base.find('/') != std::string::npos || base == "." || base == "..") {
-      continue;
-    }
-    if (base.size() > 4 && base.compare(base.size() - 4, 4, ".png") == 0) {
-      base.resize(base.size() - 4);
-    }
-    for (const char* suffix : {".png", "@2x.png", "@3x.png"}) files.insert(base + suffix);
-  }
-  return files;
-}
-
 // The bundle lies in a container its application could write, and the bundle reader and the
 // icon renderer read by path: what they read is therefore a copy, in our private directory,
 // of the bundle's information list and icon files, each taken beneath the container without
@@ -150,7 +110,7 @@ std::optional<FileURL> CopyOldBundle(const FileURL& bundle, const FileURL& conta
     return std::nullopt;
   }
   if (std::optional<PlistValue> parsed = ParsePropertyList(*info)) {
-    for (const std::string& name : IconFileNames(*parsed)) {
+    for (const std::string& name : IconFileNames(parsed->dictionary())) {
       // An icon that is missing, a link, a FIFO or too large is simply not there.
       auto bytes = ReadRegularFileBeneath(bundleFd.get(), name, kIconFileSizeLimit, nullptr);
       if (bytes) WriteNewFile(copy.URLByAppendingPathComponent(name), *bytes);

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "filemanager/StoreDataItems.h"
 #include "filemanager/VXFileManager.h"
 #include "platform/files/Beneath.h"
 #include "platform/files/Sys.h"
@@ -21,18 +22,6 @@ constexpr const char* kMoveFunction =
     "-[VXFileManager moveItemIfExistsBeneath:name:toDirectory:name:error:]";
 constexpr const char* kCaptureFunction =
     "-[VXFileManager captureStoreDataFromDirectory:toDirectory:doCopy:failureIsFatal:withError:]";
-
-// The same items, in the same order, as the path-based capture takes.
-struct StoreDataItem {
-  const char* name;
-  const char* failureWord;
-};
-constexpr StoreDataItem kStoreDataItems[] = {
-    {"Manifest.plist", "ManifestCaptureFailed"},
-    {"LyrandArtwork", "LyrandArtworkCaptureFailed"},
-    {"LyrandMetadata.plist", "LyrandMetadataCaptureFailed"},
-    {"GeoJSON", "GeoJSONCaptureFailed"},
-};
 
 bool IsOneName(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;

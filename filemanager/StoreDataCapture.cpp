@@ -1,23 +1,8 @@
+#include "filemanager/StoreDataItems.h"
 #include "filemanager/VXFileManager.h"
 #include "support/errors/ErrorMakers.h"
 
 namespace vx {
-namespace {
-
-struct StoreDataItem {
-  const char* name;
-  // Tells older clients which item failed, without parsing the message.
-  const char* failureWord;
-};
-
-constexpr StoreDataItem kStoreDataItems[] = {
-    {"Manifest.plist", "ManifestCaptureFailed"},
-    {"LyrandArtwork", "LyrandArtworkCaptureFailed"},
-    {"LyrandMetadata.plist", "LyrandMetadataCaptureFailed"},
-    {"GeoJSON", "GeoJSONCaptureFailed"},
-};
-
-}  // namespace
 
 bool VXFileManager::captureStoreDataFromDirectory(const FileURL& source,
                                                   const FileURL& destination, bool doCopy,

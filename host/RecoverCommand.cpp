@@ -8,9 +8,13 @@
 #include <optional>
 #include <string>
 
+#include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
 #include "host/Command.h"
+#include "host/LogSetup.h"
+#include "host/PluginLoader.h"
 #include "platform/installer/RecoveryArea.h"
+#include "platform/plist/PlistFile.h"
 #include "platform/system/DeviceRoot.h"
 #include "platform/workspace/Workspace.h"
 
@@ -23,6 +27,9 @@ constexpr int kExitUsage = 2;
 // that migration.
 constexpr unsigned kMigrationInstallType = 6;
 const std::set<std::string> kMigrationFiles{"com.tarsel.velotrix.container_migrator.plist"};
+// What the migration reads in a group's entry of the old install map: the application whose
+// group container takes the group's items.
+constexpr const char* kGroupOwnerKey = "MigratingIdentifier";
 
 struct RecoverOptions {
   std::optional<std::string> root;
@@ -93,6 +100,48 @@ std::optional<FileURL> StagedPackage(const RecoveredEntry& entry) {
   return std::nullopt;
 }
 
+// The groups the installed application belongs to that still wait in the old install map
+// (their items never moved, because the installation that would have led there failed) are
+// marked as its own, the way the migration marks a group it could not empty. True when one was.
+bool MarkWaitingGroups(DeviceWorkspace& workspace, const std::string& identifier) {
+  const std::string mapPath =
+      VXGlobalConfiguration::sharedInstance().oldInstallMapPath().path();
+  std::optional<PlistDictionary> installMap = ReadPropertyListDictionary(mapPath);
+  auto proxy = workspace.bundleProxyForIdentifier(identifier);
+  if (!installMap || !proxy || !proxy->groupContainerURLs) return false;
+  auto groups = installMap->find("GroupContainers");
+  if (groups == installMap->end() || !groups->second.dictionary()) return false;
+  PlistDictionary entries = *groups->second.dictionary();
+  bool marked = false;
+  for (const auto& [group, destination] : *proxy->groupContainerURLs) {
+    auto entry = entries.find(group);
+    if (entry == entries.end() || !entry->second.dictionary()) continue;
+    PlistDictionary fields = *entry->second.dictionary();
+    fields[kGroupOwnerKey] = identifier;
+    entry->second = PlistValue(std::move(fields));
+    marked = true;
+  }
+  if (!marked) return false;
+  groups->second = PlistValue(std::move(entries));
+  return WritePropertyListFile(mapPath, PlistValue(*installMap));
+}
+
+// The migration once more, which moves the marked groups.
+bool MigrateAgain() {
+  std::string problem;
+  LogOptions quiet;
+  quiet.quiet = true;
+  auto logs = LogSetup::Install(quiet, &problem);
+  auto plugins = logs ? LoadPlugins(DefaultPluginDirectory(), &problem) : std::nullopt;
+  if (!plugins) {
+    std::cerr << "vxmigrate recover: " << problem << "\n";
+    return false;
+  }
+  bool succeeded = true;
+  for (LoadedPlugin& loaded : *plugins) succeeded = loaded.plugin->performMigration() && succeeded;
+  return succeeded;
+}
+
 int Install(const RecoveredEntry& entry) {
   const std::string& identifier = entry.record.identifier;
   std::optional<FileURL> package = StagedPackage(entry);
@@ -113,6 +162,14 @@ int Install(const RecoveredEntry& entry) {
     return kExitFailure;
   }
   std::cout << "Installed " << identifier << " from " << entry.name << ".\n";
+  if (MarkWaitingGroups(workspace, identifier)) {
+    std::cout << "Moving the group containers of " << identifier << ".\n";
+    if (!MigrateAgain()) {
+      std::cerr << "vxmigrate recover: the migration of its group containers is incomplete; "
+                   "run vxmigrate migrate again\n";
+      return kExitFailure;
+    }
+  }
   // What the installation did not take (a file the migration could not place) stays.
   for (const std::string& item : entry.items) {
     if (ItemHoldsUserBytes(entry.content.URLByAppendingPathComponent(item, true), kMigrationFiles)) {

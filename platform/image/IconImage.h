@@ -7,9 +7,12 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "support/types/PlistValue.h"
 
 namespace vx {
 
@@ -35,6 +38,11 @@ inline constexpr uint32_t kMaxDecodedDimension = 4096;
 namespace IconRenderer {
 std::optional<IconImage> homeScreenIcon(const BundleHandle& bundle);
 }
+
+// The icon files, relative to the bundle, that an information list names, as the renderer
+// looks for them: each name with ".png" added when missing and its higher-resolution
+// variants; names that would leave the bundle are ignored.
+std::set<std::string> IconFileNames(const PlistDictionary* info);
 
 // Resamples to `width` by `height`: area averaging where the image shrinks, bilinear where
 // it grows, on premultiplied colour so that transparent pixels do not darken the edges.

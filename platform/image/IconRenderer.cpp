@@ -44,23 +44,23 @@ std::vector<std::string> NamedIcons(const PlistDictionary* info) {
   return names;
 }
 
-// The files a name may stand for: itself with ".png" added when missing, and its
-// higher-resolution variants. Names that would leave the bundle are ignored.
-std::set<std::string> IconFiles(const FileURL& bundle, const std::vector<std::string>& names) {
+}  // namespace
+
+std::set<std::string> IconFileNames(const PlistDictionary* info) {
   std::set<std::string> files;
-  for (std::string base : names) {
+  for (std::string base : NamedIcons(info)) {
     if (base.empty() || base.find('/') != std::string::npos || base == "." || base == "..") {
       continue;
     }
     if (base.size() > 4 && base.compare(base.size() - 4, 4, ".png") == 0) {
       base.resize(base.size() - 4);
     }
-    for (const char* suffix : {".png", "@2x.png", "@3x.png"}) {
-      files.insert(bundle.URLByAppendingPathComponent(base + suffix, false).path());
-    }
+    for (const char* suffix : {".png", "@2x.png", "@3x.png"}) files.insert(base + suffix);
   }
   return files;
 }
+
+namespace {
 
 // A link is no icon: followed, it could make any file of the device the one decoded.
 bool IsRegularFile(const std::string& path, off_t* size) {
@@ -94,7 +94,8 @@ std::optional<IconImage> IconRenderer::homeScreenIcon(const BundleHandle& bundle
   std::optional<std::string> largest;
   uint64_t largestArea = 0;
   bool named = false;
-  for (const std::string& path : IconFiles(bundle.bundleURL(), NamedIcons(info))) {
+  for (const std::string& name : IconFileNames(info)) {
+    const std::string path = bundle.bundleURL().URLByAppendingPathComponent(name, false).path();
     off_t fileSize = 0;
     if (!IsRegularFile(path, &fileSize)) continue;
     named = true;
