@@ -96,20 +96,12 @@ int Symlinkat(const char* target, int dirfd, const char* name) {
   return Refused("symlinkat") ? -1 : ::symlinkat(target, dirfd, name);
 }
 
-int Link(const char* existing, const char* newPath) {
-  return Refused("link") ? -1 : ::link(existing, newPath);
-}
-
 int Linkat(int existingDirfd, const char* existing, int newDirfd, const char* newName, int flags) {
   return Refused("linkat") ? -1 : ::linkat(existingDirfd, existing, newDirfd, newName, flags);
 }
 
 int Mknodat(int dirfd, const char* name, mode_t mode, dev_t device) {
   return Refused("mknodat") ? -1 : ::mknodat(dirfd, name, mode, device);
-}
-
-int Lchown(const char* path, uid_t uid, gid_t gid) {
-  return Refused("lchown") ? -1 : ::lchown(path, uid, gid);
 }
 
 int Fchown(int fd, uid_t uid, gid_t gid) { return Refused("fchown") ? -1 : ::fchown(fd, uid, gid); }

@@ -37,13 +37,11 @@ int Fsetxattr(int fd, const char* name, const void* value, size_t size, int flag
 int Lremovexattr(const char* path, const char* name);
 int Symlink(const char* target, const char* linkPath);
 int Symlinkat(const char* target, int dirfd, const char* name);
-int Link(const char* existing, const char* newPath);
 // Names are taken in their directories' descriptors, so a directory swapped for a link on
 // either side cannot send the new link elsewhere. Without AT_SYMLINK_FOLLOW in `flags` an
 // existing symbolic link is linked itself.
 int Linkat(int existingDirfd, const char* existing, int newDirfd, const char* newName, int flags);
 int Mknodat(int dirfd, const char* name, mode_t mode, dev_t device);
-int Lchown(const char* path, uid_t uid, gid_t gid);
 int Fchown(int fd, uid_t uid, gid_t gid);
 int Fchownat(int dirfd, const char* name, uid_t uid, gid_t gid, int flags);
 int Fchmod(int fd, mode_t mode);
