@@ -85,6 +85,39 @@ std::string Megabytes(uint64_t bytes) {
   return out.str();
 }
 
+std::string KindOf(const std::string& bundleType) {
+  if (bundleType == "User") return "application";
+  if (bundleType == "Placeholder") return "placeholder";
+  if (bundleType == "System") return "built-in";
+  if (bundleType == "VPNPlugin") return "vpn plug-in";
+  return "absent";
+}
+
+// One line per application: what it is now, how much of its data arrived, and what became of
+// it. An older copy of a built-in application is refused by the workspace on purpose: the
+// built-in one takes over its data.
+void PrintApplications(const sample::ManifestReport& report) {
+  std::cout << "\n  " << std::left << std::setw(30) << "application" << std::setw(13) << "now"
+            << std::setw(22) << "data moved" << "outcome\n";
+  for (const sample::ApplicationResult& app : report.perApplication) {
+    std::string outcome = "migrated";
+    if (app.kind == "System") {
+      outcome = "migrated; the newer built-in copy serves its data";
+    } else if (app.kind == "Placeholder") {
+      outcome = "data migrated; bundle waits in the recovery area";
+    } else if (app.kind.empty()) {
+      outcome = "not migrated; it stays in the old layout";
+    } else if (app.filesVerified < app.files) {
+      outcome = "some data not in its container (see below)";
+    }
+    const std::string data = std::to_string(app.filesVerified) + "/" + std::to_string(app.files) +
+                              " files, " + Megabytes(app.bytesVerified);
+    std::cout << "  " << std::setw(30) << app.identifier << std::setw(13) << KindOf(app.kind)
+              << std::setw(22) << data << outcome << "\n";
+  }
+  std::cout << std::right;
+}
+
 std::optional<std::string> MakeDeviceDirectory(const std::optional<std::string>& keep) {
   if (keep) return std::filesystem::absolute(*keep).lexically_normal().string();
   const char* tmp = std::getenv("TMPDIR");
@@ -107,10 +140,8 @@ int RunDemo(const DemoOptions& options) {
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
-  std::cout << "\nWhat the workspace holds now:\n";
-  RunSelf({"apps", "--root", *root});
-
   const sample::ManifestReport report = sample::CheckMigratedDevice(*root);
+  PrintApplications(report);
   const std::vector<std::string> failures = Failures(jsonLog);
   std::cout << "\nReport\n"
             << "  applications migrated: " << report.applicationsInstalled << " of "
@@ -132,13 +163,16 @@ int RunDemo(const DemoOptions& options) {
       std::cout << "    ... and " << failures.size() - kFailuresShown << " more in " << jsonLog << "\n";
     }
   }
-  for (const std::string& p : report.placeholdersOnly) {
-    std::cout << "  only a placeholder installed: " << p << "\n";
+  for (const std::string& p : report.problems) std::cout << "  not where it belongs: " << p << "\n";
+  if (!report.ok()) {
+    std::cout << "  (nothing is deleted on failure: what did not move stays in the old layout or "
+                 "in the recovery area, see vxmigrate recover --root "
+              << *root << ")\n";
   }
-  for (const std::string& p : report.problems) std::cout << "  lost: " << p << "\n";
 
   if (options.keep) {
-    std::cout << "\nThe device stays in " << *root << ".\n";
+    std::cout << "\nThe device stays in " << *root << "; vxmigrate apps --root " << *root
+              << " lists every container.\n";
   } else {
     ErrorRef error;
     VXFileManager::defaultManager().removeItemAtURL(FileURL::fileURLWithPath(*root, true), &error);

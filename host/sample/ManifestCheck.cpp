@@ -46,7 +46,11 @@ ManifestReport CheckMigratedDevice(const std::string& root) {
     const std::string identifier = app.at("identifier").get<std::string>();
     ++report.applications;
     report.files += app.at("files").size();
+    ApplicationResult& result = report.perApplication.emplace_back();
+    result.identifier = identifier;
+    result.files = app.at("files").size();
     auto proxy = workspace.existingBundleProxy(identifier);
+    if (proxy) result.kind = proxy->bundleType;
     if (!proxy) {
       report.problems.push_back(identifier + ": not installed");
       continue;
@@ -65,13 +69,17 @@ ManifestReport CheckMigratedDevice(const std::string& root) {
       continue;
     }
     for (const json& file : app.at("files")) {
-      std::string problem = CheckFile(file, *proxy->dataContainerURL, &report.bytesVerified);
+      std::string problem = CheckFile(file, *proxy->dataContainerURL, &result.bytesVerified);
       if (problem.empty()) {
         ++report.filesVerified;
+        ++result.filesVerified;
       } else {
         report.problems.push_back(identifier + ": " + problem);
       }
     }
+  }
+  for (const ApplicationResult& result : report.perApplication) {
+    report.bytesVerified += result.bytesVerified;
   }
   for (const json& group : manifest.at("groups")) {
     const std::string identifier = group.at("identifier").get<std::string>();

@@ -9,7 +9,17 @@
 
 namespace vx::sample {
 
+// One application of the manifest, as the workspace now has it.
+struct ApplicationResult {
+  std::string identifier;
+  std::string kind;  // the workspace's bundle type ("User", "Placeholder", "System", ...), or ""
+  size_t files = 0;
+  size_t filesVerified = 0;
+  uint64_t bytesVerified = 0;
+};
+
 struct ManifestReport {
+  std::vector<ApplicationResult> perApplication;
   size_t applications = 0;
   size_t applicationsInstalled = 0;  // real bundles, not placeholders
   size_t files = 0;
