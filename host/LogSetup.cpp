@@ -70,6 +70,21 @@ std::unique_ptr<LogSetup> LogSetup::Install(const LogOptions& options, std::stri
   return setup;
 }
 
+std::string LogSetup::InstallerLogPath() {
+  return VXGlobalConfiguration::sharedInstance()
+      .logDirectory()
+      .URLByAppendingPathComponent(kInstallerLogName)
+      .path();
+}
+
+std::string LogSetup::MigrationLogPath() {
+  return VXGlobalConfiguration::sharedInstance()
+      .homeDirectory()
+      .URLByAppendingPathComponent(kMigrationLogDirectory, true)
+      .URLByAppendingPathComponent(kMigrationLogName)
+      .path();
+}
+
 void LogSetup::Add(std::shared_ptr<LogSink> sink) {
   if (!sink) return;
   AddLogSink(sink);

@@ -28,6 +28,9 @@ class LogSetup {
   // convenience, so failing to open one is only a warning on standard error; a JSON log the
   // caller asked for is not, and makes this return nothing with `*problem` set.
   static std::unique_ptr<LogSetup> Install(const LogOptions& options, std::string* problem);
+  // Where the two text logs of the device are, as this machine reaches them.
+  static std::string InstallerLogPath();
+  static std::string MigrationLogPath();
   ~LogSetup();
   LogSetup(const LogSetup&) = delete;
   LogSetup& operator=(const LogSetup&) = delete;

@@ -126,6 +126,12 @@ int RunMigrate(const MigrateOptions& options) {
     *say << (allSucceeded ? "Migration complete." : "Migration incomplete: see the logs.")
          << std::endl;
   }
+  // The plug-in's own hint names the logs as the device sees them; under another device root
+  // they lie elsewhere on this machine.
+  if (!allSucceeded) {
+    std::cerr << "vxmigrate: the logs of this run are " << LogSetup::InstallerLogPath() << " and "
+              << LogSetup::MigrationLogPath() << std::endl;
+  }
   if (options.json) std::cout << Report(outcomes, allSucceeded).dump(2) << std::endl;
   return allSucceeded ? 0 : kExitFailed;
 }

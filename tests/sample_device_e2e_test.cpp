@@ -97,6 +97,11 @@ TEST(SampleDeviceEndToEndTest, RunWithAFailureReportsItAndKeepsWhatItCouldNotMig
             std::string::npos);
   EXPECT_NE(run.err.find("because 1 items remain unmigrated."), std::string::npos);
   EXPECT_NE(run.err.find("VXAppMigrator: Returning migration failed."), std::string::npos);
+  EXPECT_NE(run.err.find("the logs of this run are " + root +
+                         "/private/var/mobile/Library/Logs/Velotrix/installer.log and " + root +
+                         "/private/var/mobile/Library/Logs/Transhift/migration.log"),
+            std::string::npos)
+      << run.err;
   EXPECT_TRUE(test::Exists(trapped + "/Documents/notes.txt")) << "its data stays where it was";
   EXPECT_TRUE(test::Exists(root + "/private/var/mobile/Library/Caches/com.tarsel.velotrix.plist"));
   EXPECT_FALSE(test::Exists(
