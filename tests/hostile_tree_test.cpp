@@ -99,14 +99,6 @@ void Scan(const std::string& path, std::vector<std::pair<std::string, struct sta
   ScanAt(AT_FDCWD, path, path, out);
 }
 
-std::set<Identity> IdentitiesUnder(const std::string& path) {
-  std::vector<std::pair<std::string, struct stat>> items;
-  Scan(path, &items);
-  std::set<Identity> ids;
-  for (const auto& [p, st] : items) ids.emplace(st.st_dev, st.st_ino);
-  return ids;
-}
-
 // An outside directory that must come through every attack as it was.
 class Outside {
  public:
@@ -117,7 +109,11 @@ class Outside {
   }
   static constexpr const char* kSecret = "outside-secret";
   const std::string& path() const { return path_; }
-  std::set<Identity> identities() const { return IdentitiesUnder(path_); }
+  std::set<Identity> identities() const {
+    std::set<Identity> ids;
+    for (const auto& [p, st] : before_) ids.emplace(st.st_dev, st.st_ino);
+    return ids;
+  }
 
   // Same names, same owners, same content.
   void ExpectUntouched() const {
@@ -234,13 +230,6 @@ TEST_F(HostileTreeTest, CopiedHardLinksNeverReachThroughASwappedDestination) {
     });
   }
   outside.ExpectUntouched();
-  // Undisturbed, the two names are still one file in the copy.
-  const std::string calm = tmp / "calm";
-  ASSERT_EQ(clonetree(root.c_str(), calm.c_str(), kCloneAll), 0);
-  struct stat a {}, b {};
-  ASSERT_EQ(::lstat((calm + "/sub/f1").c_str(), &a), 0);
-  ASSERT_EQ(::lstat((calm + "/z/f2").c_str(), &b), 0);
-  EXPECT_EQ(a.st_ino, b.st_ino);
 }
 
 TEST_F(HostileTreeTest, RemovalNeverReachesThroughASwappedLink) {
@@ -333,17 +322,6 @@ TEST_F(HostileTreeTest, FifosNeverMakeAnyoneWait) {
     });
   }
   EXPECT_FALSE(watchdog.waited());
-  struct stat st {};
-  ASSERT_EQ(::lstat((root + "/f").c_str(), &st), 0);
-  if (S_ISFIFO(st.st_mode)) {
-    ASSERT_EQ(::renameat2(AT_FDCWD, (root + "/f").c_str(), AT_FDCWD, (root + "/p").c_str(),
-                          RENAME_EXCHANGE), 0);
-  }
-  // Undisturbed, a copy leaves the FIFO out and takes the file.
-  const std::string calm = tmp / "calm";
-  ASSERT_EQ(clonetree(root.c_str(), calm.c_str(), kCloneAll), 0);
-  EXPECT_FALSE(test::Exists(calm + "/p"));
-  EXPECT_EQ(test::ReadFile(calm + "/f"), "data");
 }
 
 TEST_F(HostileTreeTest, LinksThroughLinksCannotLeaveTheBase) {
@@ -398,7 +376,8 @@ TEST_F(HostileTreeTest, MovesAcrossFileSystemsKeepWhatTheyCannotCarry) {
   if (a.st_dev == b.st_dev) GTEST_SKIP() << "/dev/shm is on the same file system as " << tmp.path();
 
   const std::string source = shm / "source";
-  test::WriteFile(source + "/file", "data");
+  test::WriteFile(source + "/deep/file", std::string(100000, 'z'));
+  test::MakeSymlink("deep/file", source + "/link");
   ASSERT_EQ(::mkfifo((source + "/fifo").c_str(), 0640), 0);
   const bool asRoot = test::RunningAsRoot();
   if (asRoot) {
@@ -406,7 +385,10 @@ TEST_F(HostileTreeTest, MovesAcrossFileSystemsKeepWhatTheyCannotCarry) {
   }
   ASSERT_TRUE(fm().moveItemAtURL(URL(source), URL(tmp / "moved"), nullptr));
   EXPECT_FALSE(test::Exists(source));
+  EXPECT_EQ(test::ReadFile(tmp / "moved/deep/file"), std::string(100000, 'z'));
   struct stat st {};
+  ASSERT_EQ(::lstat((tmp / "moved/link").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
   ASSERT_EQ(::lstat((tmp / "moved/fifo").c_str(), &st), 0);
   EXPECT_TRUE(S_ISFIFO(st.st_mode));
   EXPECT_EQ(st.st_mode & 07777, 0640u);
