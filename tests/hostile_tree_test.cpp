@@ -39,6 +39,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Identity = std::pair<dev_t, ino_t>;
+using Items = std::vector<std::pair<std::string, struct stat>>;
 
 const VXFileManager& fm() { return VXFileManager::defaultManager(); }
 FileURL URL(const std::string& path) { return FileURL::fileURLWithPath(path); }
@@ -74,8 +75,7 @@ void Race(const std::function<void()>& round) {
 }
 
 // Everything below `path`, links not followed, by descriptors: the swappers may still run.
-void ScanAt(int dirfd, const std::string& name, const std::string& path,
-            std::vector<std::pair<std::string, struct stat>>* out) {
+void ScanAt(int dirfd, const std::string& name, const std::string& path, Items* out) {
   struct stat st {};
   if (::fstatat(dirfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return;
   out->emplace_back(path, st);
@@ -95,8 +95,10 @@ void ScanAt(int dirfd, const std::string& name, const std::string& path,
   ::closedir(dir);
 }
 
-void Scan(const std::string& path, std::vector<std::pair<std::string, struct stat>>* out) {
-  ScanAt(AT_FDCWD, path, path, out);
+Items Scan(const std::string& path) {
+  Items out;
+  ScanAt(AT_FDCWD, path, path, &out);
+  return out;
 }
 
 // An outside directory that must come through every attack as it was.
@@ -105,7 +107,7 @@ class Outside {
   explicit Outside(const std::string& path) : path_(path) {
     for (int i = 0; i < 20; ++i) test::WriteFile(path + "/o" + std::to_string(i), kSecret);
     test::WriteFile(path + "/f1", kSecret);
-    Scan(path_, &before_);
+    before_ = Scan(path_);
   }
   static constexpr const char* kSecret = "outside-secret";
   const std::string& path() const { return path_; }
@@ -117,8 +119,7 @@ class Outside {
 
   // Same names, same owners, same content.
   void ExpectUntouched() const {
-    std::vector<std::pair<std::string, struct stat>> now;
-    Scan(path_, &now);
+    const Items now = Scan(path_);
     ASSERT_EQ(now.size(), before_.size()) << "items appeared in or vanished from " << path_;
     for (size_t i = 0; i < now.size(); ++i) {
       EXPECT_EQ(now[i].first, before_[i].first);
@@ -132,7 +133,7 @@ class Outside {
 
  private:
   std::string path_;
-  std::vector<std::pair<std::string, struct stat>> before_;
+  Items before_;
 };
 
 // A tree with a directory "a" and an absolute link "l" to the outside, for swapping.
@@ -196,9 +197,7 @@ TEST_F(HostileTreeTest, CopyNeverReadsThroughASwappedLink) {
   Race([&] {
     const std::string copy = tmp / ("copy" + std::to_string(round++));
     clonetree(root.c_str(), copy.c_str(), kCloneAll);
-    std::vector<std::pair<std::string, struct stat>> items;
-    Scan(copy, &items);
-    for (const auto& [path, st] : items) {
+    for (const auto& [path, st] : Scan(copy)) {
       if (S_ISREG(st.st_mode)) {
         ASSERT_NE(test::ReadFile(path), Outside::kSecret) << path;
       }
@@ -222,9 +221,7 @@ TEST_F(HostileTreeTest, CopiedHardLinksNeverReachThroughASwappedDestination) {
     Swapper swapper(copy + "/sub", copy + "/evil");
     Race([&] {
       clonetree(root.c_str(), copy.c_str(), kCloneAll);
-      std::vector<std::pair<std::string, struct stat>> items;
-      Scan(copy, &items);
-      for (const auto& [path, st] : items) {
+      for (const auto& [path, st] : Scan(copy)) {
         ASSERT_FALSE(st.st_dev == victim.st_dev && st.st_ino == victim.st_ino) << path;
       }
     });
