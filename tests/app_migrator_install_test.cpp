@@ -6,8 +6,6 @@
 #include <filesystem>
 
 #include "filemanager/VXFileManager.h"
-#include "support/AppPackages.h"
-#include "support/FakeWorkspace.h"
 #include "support/MigratorTestKit.h"
 
 namespace vx {
@@ -18,24 +16,16 @@ using namespace vx::test;
 constexpr const char* kMigrate = "-[VXAppMigrator _migrateContainerWithInfo:]";
 const std::string kRefusal = "{LocalizedDescription = refused;}";
 
-class ContainerMigrationTest : public MigratorTest {
+class ContainerMigrationTest : public AppContainerTest {
  protected:
-  // An application container as introspection describes it, its application given a data
-  // container; `known` makes the application installed already.
+  // With store data beside the bundle.
   ContainerInfo app(const std::string& name, bool known = true) {
-    const std::string dir = OldContainer(name);
-    MakeBundle(dir + "/" + name + ".app", {.identifier = "com." + name});
-    WriteFile(dir + "/Documents/notes", "notes of " + name);
-    WriteFile(dir + "/LyrandMetadata.plist", "meta");
-    if (known) workspace.installed.insert("com." + name);
-    workspace.addApplication("com." + name, data(name));
-    return {{"ContainerPath", dir}, {"BundlePath", dir + "/" + name + ".app"},
-            {"ContainerType", "App"}, {"BundleIdentifier", "com." + name}};
+    ContainerInfo record = AppContainerTest::app(name, known);
+    WriteFile(OldContainer(name) + "/LyrandMetadata.plist", "meta");
+    return record;
   }
-  std::string data(const std::string& name) { return DevicePath("data/" + name); }
 
   const std::string c = OldContainer("C");
-  FakeWorkspace workspace;
 };
 
 TEST_F(ContainerMigrationTest, PlaceholderOnlyForANewApplicationAndNothingForAnOldPlaceholder) {

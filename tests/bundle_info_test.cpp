@@ -42,6 +42,16 @@ TEST(BundleInfoTest, ReadsAreWholeOrFilteredAndFreshEachCall) {
   EXPECT_EQ(VXLoadInfoPlist(app, nullptr), kInfo);
   EXPECT_EQ(VXLoadInfoPlist(app, &kScanKeys),
             (PlistDictionary{{"KBBundleIdentifier", "com.example.a"}, {"KBBundleVersion", "1"}}));
+
+  // The location of the information file is never handed out, not even when the file itself
+  // carries an entry of that name.
+  const std::set<std::string> asked{"KBBundleIdentifier", kKBBundleInfoPlistURLKey};
+  PlistDictionary forged = kInfo;
+  forged[kKBBundleInfoPlistURLKey] = "/etc/shadow";
+  MakeBundle(dir / "A.app", forged);
+  EXPECT_EQ(VXLoadInfoPlist(app, &asked),
+            (PlistDictionary{{"KBBundleIdentifier", "com.example.a"}}));
+  EXPECT_EQ(VXLoadInfoPlist(app, nullptr), kInfo);
   MakeBundle(dir / "A.app", PlistDictionary{{"Other", PlistValue(1)}});
   EXPECT_EQ(VXLoadInfoPlist(app, &kScanKeys), PlistDictionary{});
 
@@ -53,21 +63,6 @@ TEST(BundleInfoTest, ReadsAreWholeOrFilteredAndFreshEachCall) {
   };
   { std::jthread first(reader, app), second(reader, b); }
   EXPECT_EQ(BundleHandle::takePeakOpenCount(), 1u);
-}
-
-TEST(BundleInfoTest, TheLocationOfTheInfoFileIsNeverReturned) {
-  test::TempDir dir;
-  const std::set<std::string> asked{"KBBundleIdentifier", kKBBundleInfoPlistURLKey};
-  const FileURL app = MakeBundle(dir / "A.app", kInfo);
-  EXPECT_EQ(VXLoadInfoPlist(app, &asked),
-            (PlistDictionary{{"KBBundleIdentifier", "com.example.a"}}));
-  // Nor an entry of that name that the file itself carries.
-  PlistDictionary forged = kInfo;
-  forged[kKBBundleInfoPlistURLKey] = "/etc/shadow";
-  MakeBundle(dir / "A.app", forged);
-  EXPECT_EQ(VXLoadInfoPlist(app, &asked),
-            (PlistDictionary{{"KBBundleIdentifier", "com.example.a"}}));
-  EXPECT_EQ(VXLoadInfoPlist(app, nullptr), kInfo);
 }
 
 TEST(BundleInfoTest, WhatCannotBeReadGivesNothingAndOneLine) {

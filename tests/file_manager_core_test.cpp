@@ -138,22 +138,6 @@ TEST(FileManagerCopyMoveTest, MissingSourcesLinksAndReplacement) {
   EXPECT_TRUE(Exists(t / "src/sub/data"));
 }
 
-TEST(FileManagerCopyMoveTest, CrossDeviceMoveCopiesThenRemovesSource) {
-  struct stat shm {}, tmp {};
-  TempDir disk;
-  if (::stat("/dev/shm", &shm) || ::stat(disk.path().c_str(), &tmp) || shm.st_dev == tmp.st_dev) {
-    GTEST_SKIP() << "needs /dev/shm on a file system other than the temporary directory's";
-  }
-  TempDir memory("/dev/shm");
-  WriteFile(memory / "tree/deep/file", std::string(100000, 'z'));
-  MakeSymlink("deep/file", memory / "tree/link");
-  ErrorRef error;
-  ASSERT_TRUE(fm().moveItemAtURL(U(memory / "tree"), U(disk / "tree"), &error));
-  EXPECT_FALSE(Exists(memory / "tree"));
-  EXPECT_EQ(ReadFile(disk / "tree/deep/file"), std::string(100000, 'z'));
-  EXPECT_TRUE(fs::is_symlink(disk / "tree/link"));
-}
-
 TEST(FileManagerTemporaryDirectoryTest, NamedInsideParentAndLoggedFailure) {
   TempDir t;
   ErrorRef error = std::make_shared<InstallerError>("stale", 1, PlistDictionary{});

@@ -16,8 +16,6 @@
 
 #include "host/sample/ManifestCheck.h"
 #include "host/sample/SampleDevice.h"
-#include "support/AppPackages.h"
-#include "support/FakeWorkspace.h"
 #include "support/MigratorTestKit.h"
 #include "support/RunProgram.h"
 
@@ -50,21 +48,8 @@ std::map<std::string, std::string> Tree(const std::string& root) {
   return tree;
 }
 
-class HostileContainerTest : public MigratorTest {
+class HostileContainerTest : public AppContainerTest {
  protected:
-  // An application container with its bundle and notes, the application given a data
-  // container; `known` makes it installed already. Returns its record.
-  ContainerInfo app(const std::string& name, bool known = true) {
-    const std::string dir = OldContainer(name);
-    MakeBundle(dir + "/" + name + ".app", {.identifier = "com." + name});
-    WriteFile(dir + "/Documents/notes", "notes of " + name);
-    if (known) workspace.installed.insert("com." + name);
-    workspace.addApplication("com." + name, data(name));
-    return {{"ContainerPath", dir}, {"BundlePath", dir + "/" + name + ".app"},
-            {"ContainerType", "App"}, {"BundleIdentifier", "com." + name}};
-  }
-  std::string data(const std::string& name) { return DevicePath("data/" + name); }
-
   // Runs `step` and gives up waiting after a while: a FIFO is then opened for writing, which
   // releases a reader stuck on it, and the test fails.
   bool bounded(const std::function<bool()>& step, const std::string& fifo) {
@@ -78,7 +63,6 @@ class HostileContainerTest : public MigratorTest {
   }
 
   TempDir outside;  // a directory of the machine, beyond the device
-  FakeWorkspace workspace;
 };
 
 TEST_F(HostileContainerTest, PlantedMarkersSpeakOnlyForTheDirectoryTheyLieIn) {
@@ -216,8 +200,7 @@ TEST_F(HostileContainerTest, WhatIsPlantedInTemporaryLocationsNeitherRedirectsNo
   MakeSymlink(outside / name, DeviceTemporaryLocation() + "/" + name);
   TempDir shared;
   MakeSymlink(outside / name, shared / name);
-  const std::string savedTmpdir = getenv("TMPDIR") ? getenv("TMPDIR") : "";
-  setenv("TMPDIR", shared.path().c_str(), 1);
+  ScopedTmpdir tmpdir(shared.path());
   const auto before = Tree(outside.path());
 
   EXPECT_TRUE(migrator->_migrateContainerWithInfo(app("P", false)));
@@ -236,7 +219,6 @@ TEST_F(HostileContainerTest, WhatIsPlantedInTemporaryLocationsNeitherRedirectsNo
                            3));
   EXPECT_TRUE(Exists(OldContainer("Q/Documents/notes")));
   EXPECT_EQ(Tree(outside.path()), before);
-  savedTmpdir.empty() ? unsetenv("TMPDIR") : setenv("TMPDIR", savedTmpdir.c_str(), 1);
 }
 
 TEST_F(HostileContainerTest, OrdinaryUserMigratesItsDeviceAfterRootHasRun) {
@@ -247,8 +229,7 @@ TEST_F(HostileContainerTest, OrdinaryUserMigratesItsDeviceAfterRootHasRun) {
   // where earlier versions built placeholders.
   TempDir shared;
   MakeDirs(shared / "com.tarsel.velotrix.migrator/com.User.app");
-  const std::string savedTmpdir = getenv("TMPDIR") ? getenv("TMPDIR") : "";
-  setenv("TMPDIR", shared.path().c_str(), 1);
+  ScopedTmpdir tmpdir(shared.path());
   ASSERT_TRUE(migrator->_migrateContainerWithInfo(app("Rooted", false)));
 
   // The device is the user's; the temporary location root's run made stays root's.
@@ -272,7 +253,6 @@ TEST_F(HostileContainerTest, OrdinaryUserMigratesItsDeviceAfterRootHasRun) {
   EXPECT_EQ(ReadFile(data("User") + "/Documents/notes"), "notes of User");
   EXPECT_FALSE(Exists(OldContainer("User")));
   EXPECT_TRUE(DirectoryEntries(DeviceTemporaryLocation()).empty());
-  savedTmpdir.empty() ? unsetenv("TMPDIR") : setenv("TMPDIR", savedTmpdir.c_str(), 1);
 }
 
 // A device image cut off under one root and resumed under another: the markers name the

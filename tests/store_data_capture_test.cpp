@@ -46,8 +46,8 @@ TEST(StoreDataCaptureTest, MoveCarriesEveryItemAndCopyKeepsTheSource) {
   EXPECT_TRUE(moved.Run(false, true, &error));
 }
 
-TEST(StoreDataCaptureTest, NonFatalFailureIsLoggedAndTheRestStillMoves) {
-  Capture c;
+TEST(StoreDataCaptureTest, FailureIsLoggedAndPassedOverUnlessFatal) {
+  Capture c, fatal;
   // A non-empty directory at the destination cannot be renamed over.
   test::WriteFile(c.to + "/LyrandArtwork/existing", "keep");
   test::LogCapture log;
@@ -58,13 +58,10 @@ TEST(StoreDataCaptureTest, NonFatalFailureIsLoggedAndTheRestStillMoves) {
   EXPECT_EQ(log.count(line, 3), 1u);
   EXPECT_TRUE(test::Exists(c.to + "/LyrandMetadata.plist"));
   EXPECT_TRUE(test::Exists(c.to + "/GeoJSON/map.json"));
-}
 
-TEST(StoreDataCaptureTest, FatalFailureStopsWithCodeAndFailureWord) {
-  Capture c;
-  ErrorRef error;
+  // A fatal capture stops at its first failure, with the code and the word that name it.
   fault::Arm(1, fault::Action::Fail, EIO);
-  bool ok = c.Run(false, true, &error);
+  const bool ok = fatal.Run(false, true, &error);
   fault::Disarm();
   ASSERT_FALSE(ok);
   EXPECT_EQ(error->domain(), VXInstallerErrorDomain);
@@ -72,8 +69,8 @@ TEST(StoreDataCaptureTest, FatalFailureStopsWithCodeAndFailureWord) {
   EXPECT_EQ(*error->userInfo().at(VXLegacyErrorStringKey).string(), "ManifestCaptureFailed");
   EXPECT_EQ(error->underlyingError()->code(), EIO);
   EXPECT_EQ(*error->localizedDescription(),
-            "Failed to move " + c.from + "/Manifest.plist to " + c.to + "/Manifest.plist");
-  EXPECT_FALSE(test::Exists(c.to + "/LyrandArtwork"));
+            "Failed to move " + fatal.from + "/Manifest.plist to " + fatal.to + "/Manifest.plist");
+  EXPECT_FALSE(test::Exists(fatal.to + "/LyrandArtwork"));
 }
 
 }  // namespace

@@ -5,12 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "AppMigrator/VXAppMigrator.h"
 #include "platform/plist/PlistFile.h"
+#include "support/AppPackages.h"
+#include "support/FakeWorkspace.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "support/TestDevice.h"
@@ -75,6 +79,38 @@ class MigratorTest : public ::testing::Test {
 
   std::unique_ptr<VXAppMigrator> migrator;
   LogCapture log;
+};
+
+// A migrator over old application containers, with a workspace that knows their applications.
+class AppContainerTest : public MigratorTest {
+ protected:
+  // A container with its bundle and notes, the application given a data container; `known`
+  // makes it installed already. Returns its record as introspection gives it.
+  ContainerInfo app(const std::string& name, bool known = true) {
+    const std::string dir = OldContainer(name);
+    MakeBundle(dir + "/" + name + ".app", {.identifier = "com." + name});
+    WriteFile(dir + "/Documents/notes", "notes of " + name);
+    if (known) workspace.installed.insert("com." + name);
+    workspace.addApplication("com." + name, data(name));
+    return {{"ContainerPath", dir}, {"BundlePath", dir + "/" + name + ".app"},
+            {"ContainerType", "App"}, {"BundleIdentifier", "com." + name}};
+  }
+  std::string data(const std::string& name) { return DevicePath("data/" + name); }
+
+  FakeWorkspace workspace;
+};
+
+// Points TMPDIR elsewhere while it lives; restored even when an assertion ends the test early.
+class ScopedTmpdir {
+ public:
+  explicit ScopedTmpdir(const std::string& path) {
+    if (const char* old = std::getenv("TMPDIR")) saved_ = old;
+    ::setenv("TMPDIR", path.c_str(), 1);
+  }
+  ~ScopedTmpdir() { saved_ ? ::setenv("TMPDIR", saved_->c_str(), 1) : ::unsetenv("TMPDIR"); }
+
+ private:
+  std::optional<std::string> saved_;
 };
 
 }  // namespace vx::test
