@@ -24,29 +24,47 @@ bool MakeDirectories(const FileURL& container, std::initializer_list<const char*
 
 }  // namespace
 
+std::optional<FileURL> CommitAssembly(const FileURL& assembly, ErrorRef* error) {
+  const FileURL parent = assembly.URLByDeletingLastPathComponent();
+  const FileURL destination = parent.URLByAppendingPathComponent(NewContainerUUID(), true);
+  // fsync 2 of a container: the entries made in the assembly (its record, its directories,
+  // a bundle renamed in) must be on disk before the container can be found by its name.
+  if (!SyncDirectory(assembly, error) || !Files().moveItemAtURL(assembly, destination, error)) {
+    return std::nullopt;
+  }
+  // fsync 3: the container's name in its class directory. Until it is on disk a power cut
+  // may take the container away, so nothing that relies on it (data moved into it, a
+  // package removed because of it) may happen before. Should it fail, the container is in
+  // place all the same, only its survival of a power cut is in doubt.
+  ErrorRef syncError;
+  if (!SyncDirectory(parent, &syncError)) {
+    VX_INSTALLER_LOG(3, "CommitAssembly", "Container %@ may not be durable yet: %@", destination,
+                     syncError);
+  }
+  return destination;
+}
+
+bool MarkInstalledBundle(const FileURL& bundle, const ContainerRecord& record, ErrorRef* error) {
+  if (record.installType && !Files().setInstallType(*record.installType, bundle, error)) {
+    return false;
+  }
+  return record.bundleType != "Placeholder" || Files().markBundleAsPlaceholder(bundle, error);
+}
+
 std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const ContainerRecord& record,
                                        const ContainerFiller& fill, ErrorRef* error) {
   const FileURL parent = layout.directoryForClass(record.containerClass);
   if (!Files().createDirectoryAtURL(parent, true, kContainerMode, error)) return std::nullopt;
 
   const FileURL assembly = parent.URLByAppendingPathComponent(NewAssemblyName(), true);
-  const FileURL destination = parent.URLByAppendingPathComponent(NewContainerUUID(), true);
   if (!Files().createDirectoryAtURL(assembly, false, kContainerMode, error)) return std::nullopt;
-  const bool assembled = (!fill || fill(assembly, error)) &&
-                         WorkspaceLayout::writeRecord(assembly, record, error) &&
-                         Files().moveItemAtURL(assembly, destination, error);
-  if (!assembled) {
-    Files().removeItemAtURL(assembly, nullptr);
-    return std::nullopt;
+  std::optional<FileURL> made;
+  if ((!fill || fill(assembly, error)) &&
+      WorkspaceLayout::writeRecordIntoAssembly(assembly, record, error)) {
+    made = CommitAssembly(assembly, error);
   }
-  // The container is in place; should the directory sync fail it is still whole, only its
-  // survival of a power cut is in doubt, which a later sync settles.
-  ErrorRef syncError;
-  if (!SyncDirectory(parent, &syncError)) {
-    VX_INSTALLER_LOG(3, "CreateContainer", "Container %@ may not be durable yet: %@", destination,
-                     syncError);
-  }
-  return destination;
+  if (!made) Files().removeItemAtURL(assembly, nullptr);
+  return made;
 }
 
 bool RetireContainer(const FileURL& container, ErrorRef* error) {
@@ -84,11 +102,19 @@ std::optional<FileURL> EnsureGroupContainer(const WorkspaceLayout& layout, Works
   return made;
 }
 
-void RecoverWorkspace(const WorkspaceIndex& index) {
-  for (const FileURL& leftover : index.abandoned) {
+void RecoverWorkspace(WorkspaceIndex& index) {
+  // A prepared assembly holds a bundle its package no longer has: only going forward keeps it.
+  for (const IndexedContainer& prepared : index.prepared) {
     ErrorRef error;
-    if (!Files().removeItemAtURL(leftover, &error)) {
-      VX_INSTALLER_LOG(3, kRecoverFunction, "Failed to remove abandoned %@: %@", leftover, error);
+    std::optional<FileURL> placed;
+    if (MarkInstalledBundle(InstalledBundleURL(prepared), prepared.record, &error)) {
+      placed = CommitAssembly(prepared.url, &error);
+    }
+    if (placed) {
+      index.addBundle(IndexedContainer{*placed, prepared.record});
+    } else {
+      VX_INSTALLER_LOG(3, kRecoverFunction, "Failed to finish the installation in %@: %@",
+                       prepared.url, error);
     }
   }
   for (const FileURL& old : index.superseded) {
@@ -98,6 +124,15 @@ void RecoverWorkspace(const WorkspaceIndex& index) {
                        old, error);
     }
   }
+  for (const FileURL& leftover : index.abandoned) {
+    ErrorRef error;
+    if (!Files().removeItemAtURL(leftover, &error)) {
+      VX_INSTALLER_LOG(3, kRecoverFunction, "Failed to remove abandoned %@: %@", leftover, error);
+    }
+  }
+  index.prepared.clear();
+  index.superseded.clear();
+  index.abandoned.clear();
 }
 
 }  // namespace vx

@@ -17,6 +17,13 @@ namespace vx {
 // Fills an assembly (everything but the record); false with an error to abandon it.
 using ContainerFiller = std::function<bool(const FileURL& assembly, ErrorRef* error)>;
 
+// Puts a finished assembly in place under a new name and makes that durable; the location
+// it now has. On failure the assembly stays where it was.
+std::optional<FileURL> CommitAssembly(const FileURL& assembly, ErrorRef* error);
+
+// Marks an installed bundle the way its record says (install type, placeholder).
+bool MarkInstalledBundle(const FileURL& bundle, const ContainerRecord& record, ErrorRef* error);
+
 // The new container's location once it is in place; on failure the assembly is removed.
 std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const ContainerRecord& record,
                                        const ContainerFiller& fill, ErrorRef* error);
@@ -35,8 +42,9 @@ std::optional<FileURL> EnsureDataContainer(const WorkspaceLayout& layout, Worksp
 std::optional<FileURL> EnsureGroupContainer(const WorkspaceLayout& layout, WorkspaceIndex& index,
                                             const std::string& group, ErrorRef* error);
 
-// Removes abandoned assemblies and retires superseded bundle containers; what cannot be
-// removed is logged and left for the next time.
-void RecoverWorkspace(const WorkspaceIndex& index);
+// Finishes the installations that a dead process had prepared, retires superseded bundle
+// containers and removes abandoned assemblies, keeping `index` in step and its leftover
+// lists empty. What cannot be done is logged and left for the next scan.
+void RecoverWorkspace(WorkspaceIndex& index);
 
 }  // namespace vx

@@ -1,21 +1,32 @@
 // Installation. The order is what makes it safe to cut off anywhere:
 //   1. read and check the package; nothing on the device changes before it passes;
-//   2. make the data and group containers the identifier lacks (each whole or absent, and
-//      found again by identifier, so a retry never makes a second one);
-//   3. assemble the new bundle container beside its final place and rename it in: that
-//      rename is the commit, and a higher install sequence makes it win over the old one;
-//   4. retire the old bundle container and consume the package.
-// A crash before 3 leaves the old installation, after it the new; leftovers of an
-// interrupted run are hidden from every scan and removed by the next installation.
+//   2. under the writers' lock, make the data and group containers the identifier lacks
+//      (each whole or absent, and found again by identifier, so a retry never makes a
+//      second one);
+//   3. assemble the new bundle container under a hidden name beside its final place: its
+//      record first, then the package's bundle, renamed in. From that rename on the package
+//      has given the bundle up and the installation can only go forward: an assembly that
+//      holds its bundle is finished by whoever scans the workspace next. Renaming it into
+//      place is the commit, and a higher install sequence makes it win over the old one;
+//   4. retire the old bundle container and consume what is left of the package.
+// A cut before 3 leaves the old installation, after it the new; leftovers of an interrupted
+// run are hidden from every scan and cleaned up by the next one. The bundle is copied only
+// when the package lies on another file system, and then under a name that no scan takes
+// for the bundle until the copy is whole.
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <cstring>
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/files/AtomicFile.h"
+#include "platform/files/Beneath.h"
 #include "platform/files/Sys.h"
+#include "platform/files/UniqueFd.h"
 #include "platform/log/InstallerLog.h"
 #include "platform/workspace/Workspace.h"
 #include "platform/workspace/WorkspaceContainers.h"
+#include "platform/workspace/WorkspaceIndexCache.h"
 #include "platform/workspace/WorkspacePackage.h"
 #include "platform/workspace/WorkspaceRegistry.h"
 #include "support/errors/ErrorMakers.h"
@@ -73,43 +84,146 @@ struct BundlePlacement {
   const PackageBundle* bundle = nullptr;
   std::string bundleType;
   std::optional<uint64_t> installType;
-  bool placeholder = false;
   std::optional<FileURL> metadataDirectory;
   const PlistData* storeMetadata = nullptr;
 };
 
-bool FillBundleContainer(const BundlePlacement& placement, const FileURL& assembly,
-                         ErrorRef* error) {
-  const FileURL installed =
-      assembly.URLByAppendingPathComponent(placement.bundle->url.lastPathComponent(), true);
-  // A copy, not a move: the package must stay whole until the new container is in place.
-  if (!Files().copyItemAtURL(placement.bundle->url, installed, error)) return false;
-  if (placement.installType && !Files().setInstallType(*placement.installType, installed, error)) {
+ErrorRef PosixFailure(int line, int e, const char* what, const FileURL& url) {
+  return PosixError(kInstallFunction, line, e, "Failed to %s %s: %s", what, url.path(),
+                    std::strerror(e));
+}
+
+// The package's bundle as a name in an open directory. The package lies in a tree its
+// application could write, so the directory is reached without following any link in it.
+struct BundleSource {
+  UniqueFd directory;
+  std::string name;
+};
+
+std::optional<BundleSource> OpenBundleSource(const FileURL& location, const PackageBundle& bundle,
+                                             bool placeholder, ErrorRef* error) {
+  BundleSource source{UniqueFd(), bundle.url.lastPathComponent()};
+  if (placeholder) {
+    // The package is the bundle itself, in a directory of the caller's.
+    source.directory = OpenDirectoryNoFollow(
+        location.URLByDeletingLastPathComponent().fileSystemRepresentation());
+  } else if (UniqueFd package = OpenDirectoryNoFollow(location.fileSystemRepresentation())) {
+    source.directory = OpenBeneath(package.get(), "Payload", O_RDONLY | O_DIRECTORY);
+  }
+  if (!source.directory) {
+    SetError(error, PosixFailure(__LINE__, errno, "open the package of", bundle.url));
+    return std::nullopt;
+  }
+  return source;
+}
+
+// Moves the bundle out of the package into the assembly (`*moved` true), or copies it when
+// the package lies on another file system.
+bool BringBundle(const BundleSource& source, const PackageBundle& bundle, const FileURL& assembly,
+                 bool* moved, ErrorRef* error) {
+  *moved = false;
+  const char* name = source.name.c_str();
+  UniqueFd original = OpenBeneath(source.directory.get(), source.name, O_RDONLY | O_DIRECTORY);
+  UniqueFd target = OpenDirectoryNoFollow(assembly.fileSystemRepresentation());
+  struct stat before {};
+  if (!original || !target || ::fstat(original.get(), &before) != 0) {
+    SetError(error, PosixFailure(__LINE__, errno, "open", bundle.url));
     return false;
   }
-  if (placement.placeholder && !Files().markBundleAsPlaceholder(installed, error)) return false;
-  if (placement.metadataDirectory &&
-      !Files().captureStoreDataFromDirectory(*placement.metadataDirectory, assembly, true, true,
-                                             error)) {
-    return false;
-  }
-  if (placement.storeMetadata) {
-    const FileURL file = assembly.URLByAppendingPathComponent("LyrandMetadata.plist");
-    int e = 0;
-    if (!WriteFileAtomically(file.path(), *placement.storeMetadata, &e)) {
-      SetError(error, PosixError(kInstallFunction, __LINE__, e, "Failed to write %s: %s",
-                                 file.path(), std::strerror(e)));
-      return false;
+  if (sys::Renameat(source.directory.get(), name, target.get(), name) == 0) {
+    // The name may have been swapped for something else since it was opened; only the
+    // directory that was checked may stay.
+    struct stat after {};
+    if (::fstatat(target.get(), name, &after, AT_SYMLINK_NOFOLLOW) == 0 &&
+        after.st_dev == before.st_dev && after.st_ino == before.st_ino) {
+      *moved = true;
+      return true;
     }
+    sys::Renameat(target.get(), name, source.directory.get(), name);
+    SetError(error, PosixFailure(__LINE__, EINVAL, "install (it changed while it was moved)",
+                                 bundle.url));
+    return false;
+  }
+  if (errno != EXDEV) {
+    SetError(error, PosixFailure(__LINE__, errno, "move", bundle.url));
+    return false;
+  }
+  // Another file system. The copy takes the bundle's name only once it is whole, so that an
+  // assembly holding the bundle always holds all of it.
+  const std::string incoming = ".incoming-" + source.name;
+  if (!Files().copyItemAtURL(bundle.url, assembly.URLByAppendingPathComponent(incoming, true),
+                             error)) {
+    return false;
+  }
+  if (sys::Renameat(target.get(), incoming.c_str(), target.get(), name) != 0) {
+    SetError(error, PosixFailure(__LINE__, errno, "move", bundle.url));
+    return false;
   }
   return true;
 }
 
+// Bytes that exist nowhere else, written into an assembly. fsync: the file's data must be
+// on disk before the container is committed; its name is synced with the assembly.
+bool WriteSyncedFile(const FileURL& file, const PlistData& bytes, ErrorRef* error) {
+  UniqueFd fd(sys::Open(file.fileSystemRepresentation(),
+                        O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!fd || !sys::WriteAll(fd.get(), bytes.data(), bytes.size()) || sys::Fsync(fd.get()) != 0) {
+    SetError(error, PosixFailure(__LINE__, errno, "write", file));
+    return false;
+  }
+  return true;
+}
+
+// Assembles the bundle container of `placement` and commits it: its location in place.
+// The package keeps its bundle unless this succeeds (or a cut leaves it in an assembly,
+// which the next scan finishes).
+std::optional<FileURL> AssembleBundleContainer(const WorkspaceLayout& layout,
+                                               const BundlePlacement& placement,
+                                               const ContainerRecord& record,
+                                               const BundleSource& source, ErrorRef* error) {
+  const FileURL parent = layout.directoryForClass(ContainerClass::Bundle);
+  if (!Files().createDirectoryAtURL(parent, true, 0755, error)) return std::nullopt;
+  const FileURL assembly = parent.URLByAppendingPathComponent(NewAssemblyName(), true);
+  if (!Files().createDirectoryAtURL(assembly, false, 0755, error)) return std::nullopt;
+
+  // Store metadata is small and copied: the package keeps it until the bundle is in place.
+  bool moved = false;
+  bool ok = (!placement.metadataDirectory ||
+             Files().captureStoreDataFromDirectory(*placement.metadataDirectory, assembly, true,
+                                                   true, error)) &&
+            (!placement.storeMetadata ||
+             WriteSyncedFile(assembly.URLByAppendingPathComponent("LyrandMetadata.plist"),
+                             *placement.storeMetadata, error)) &&
+            WorkspaceLayout::writeRecordIntoAssembly(assembly, record, error) &&
+            BringBundle(source, *placement.bundle, assembly, &moved, error);
+  std::optional<FileURL> placed;
+  if (ok) {
+    const FileURL installed = assembly.URLByAppendingPathComponent(record.bundleName, true);
+    if (MarkInstalledBundle(installed, record, error)) placed = CommitAssembly(assembly, error);
+  }
+  if (placed) return placed;
+  // Nothing is committed: the bundle goes back to the package, and only then may the
+  // assembly go. Should it not go back, the assembly is left for the next scan to finish.
+  if (moved) {
+    UniqueFd target = OpenDirectoryNoFollow(assembly.fileSystemRepresentation());
+    if (!target || sys::Renameat(target.get(), source.name.c_str(), source.directory.get(),
+                                 source.name.c_str()) != 0) {
+      VX_INSTALLER_LOG(3, kInstallFunction, "Left %@ in %@ for the next scan to install",
+                       placement.bundle->url, assembly);
+      return std::nullopt;
+    }
+  }
+  Files().removeItemAtURL(assembly, nullptr);
+  return std::nullopt;
+}
+
 // Puts the bundle in place as the identifier's installation and retires what it replaces.
-bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndex& index,
-                 const BundlePlacement& placement, InstallFailure* failure) {
+bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndexCache::Change& change,
+                 const FileURL& location, bool placeholder, const BundlePlacement& placement,
+                 InstallFailure* failure) {
   const PackageBundle& bundle = *placement.bundle;
-  const IndexedContainer* previous = index.bundle(bundle.identifier);
+  WorkspaceIndex& index = change.index();
+  std::optional<FileURL> previous;
   ContainerRecord record;
   record.containerClass = ContainerClass::Bundle;
   record.identifier = bundle.identifier;
@@ -117,26 +231,31 @@ bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndex& index,
   record.bundleType = placement.bundleType;
   record.bundleVersion = bundle.version;
   record.appGroups = bundle.appGroups;
-  record.installSequence = previous ? previous->record.installSequence + 1 : 1;
+  record.installType = placement.installType;
+  record.installSequence = 1;
+  if (const IndexedContainer* installed = index.bundle(bundle.identifier)) {
+    previous = installed->url;
+    record.installSequence = installed->record.installSequence + 1;
+  }
 
   ErrorRef error;
-  auto placed = CreateContainer(
-      layout, record,
-      [&](const FileURL& assembly, ErrorRef* e) {
-        return FillBundleContainer(placement, assembly, e);
-      },
-      &error);
+  std::optional<FileURL> placed;
+  if (auto source = OpenBundleSource(location, bundle, placeholder, &error)) {
+    placed = AssembleBundleContainer(layout, placement, record, *source, &error);
+  }
   if (!placed) {
+    change.failed();
     *failure = {kWorkspaceInstallError, "InstallFailed",
                 Format("Failed to install %@ as %@", bundle.url, bundle.identifier), error};
     return false;
   }
-  if (previous && !RetireContainer(previous->url, &error)) {
-    // The new container already wins every scan; the old one goes at the next recovery.
-    VX_INSTALLER_LOG(3, kInstallFunction, "Failed to retire old bundle container %@: %@",
-                     previous->url, error);
-  }
   index.bundles.insert_or_assign(bundle.identifier, IndexedContainer{*placed, record});
+  if (previous && !RetireContainer(*previous, &error)) {
+    // The new container already wins every scan; the old one goes at the next scan.
+    change.failed();
+    VX_INSTALLER_LOG(3, kInstallFunction, "Failed to retire old bundle container %@: %@",
+                     *previous, error);
+  }
   return true;
 }
 
@@ -185,7 +304,11 @@ std::optional<InstallFailure> BuiltInRefusal(VXGlobalConfiguration& configuratio
 
 // The package goes in one rename before it is removed: a crash part-way through removing
 // it must never leave a half package that a retry would install as if it were whole.
-void ConsumePackage(const WorkspaceLayout& layout, const FileURL& location) {
+bool ConsumePackage(const WorkspaceLayout& layout, const FileURL& location) {
+  struct stat st {};
+  if (::lstat(location.fileSystemRepresentation(), &st) != 0 && errno == ENOENT) {
+    return true;  // a placeholder package is its bundle, and that has moved
+  }
   const FileURL trash = layout.directoryForClass(ContainerClass::Bundle)
                             .URLByAppendingPathComponent(NewRetiredName(), true);
   const FileURL beside =
@@ -201,7 +324,9 @@ void ConsumePackage(const WorkspaceLayout& layout, const FileURL& location) {
   if (!Files().removeItemAtURL(doomed, &error)) {
     VX_INSTALLER_LOG(3, kInstallFunction, "Failed to remove installed package %@: %@", location,
                      error);
+    return false;
   }
+  return true;
 }
 
 }  // namespace
@@ -220,11 +345,6 @@ bool DeviceWorkspace::installApplication(const FileURL& location, const PlistDic
   };
 
   reporter.step(0, "Preflighting");
-  WorkspaceIndex index = ScanWorkspace(layout_);
-  RecoverWorkspace(index);
-  index.abandoned.clear();
-  index.superseded.clear();
-
   auto package = ReadInstallPackage(location, options, &failure);
   if (!package) return fail(failure);
   reporter.step(10, "Verifying");
@@ -232,39 +352,47 @@ bool DeviceWorkspace::installApplication(const FileURL& location, const PlistDic
   if (!CheckInstallOptions(*package, options, blacklist ? *blacklist : IdentifierSet{}, &failure)) {
     return fail(failure);
   }
+  ErrorRef lockError;
+  std::optional<WorkspaceIndexCache::Change> change =
+      WorkspaceIndexCache::forLayout(layout_).begin(&lockError);
+  if (!change) {
+    return fail({kWorkspaceInstallError, "InstallFailed",
+                 Format("Failed to lock the workspace for %@", package->main.identifier),
+                 lockError});
+  }
   if (!package->placeholder) {
     if (auto refusal = BuiltInRefusal(configuration(), package->main)) {
-      ConsumePackage(layout_, location);
+      if (!ConsumePackage(layout_, location)) change->failed();
       return fail(*refusal);
     }
   }
-
   reporter.step(30, "CreatingContainers");
-  if (!MakeContainers(layout_, index, *package, &failure)) return fail(failure);
+  if (!MakeContainers(layout_, change->index(), *package, &failure)) {
+    change->failed();
+    return fail(failure);
+  }
 
   reporter.step(50, "InstallingApplication");
   const auto installType = RequestedInstallType(options);
   if (package->plugin) {
-    BundlePlacement plugin{&*package->plugin, "VPNPlugin", installType, false,
-                           std::nullopt,      nullptr};
-    if (!PlaceBundle(layout_, index, plugin, &failure)) return fail(failure);
+    BundlePlacement plugin{&*package->plugin, "VPNPlugin", installType, std::nullopt, nullptr};
+    if (!PlaceBundle(layout_, *change, location, false, plugin, &failure)) return fail(failure);
   }
-  BundlePlacement application{&package->main,
-                              "User",
-                              installType,
-                              false,
-                              package->metadataDirectory,
+  BundlePlacement application{&package->main, "User", installType, package->metadataDirectory,
                               package->storeMetadata ? &*package->storeMetadata : nullptr};
   if (package->placeholder) {
     application.bundleType = "Placeholder";
-    application.placeholder = true;
   } else if (package->main.isVPNPlugin) {
     application.bundleType = "VPNPlugin";
   }
-  if (!PlaceBundle(layout_, index, application, &failure)) return fail(failure);
+  if (!PlaceBundle(layout_, *change, location, package->placeholder, application, &failure)) {
+    return fail(failure);
+  }
 
   reporter.step(90, "Finishing");
-  ConsumePackage(layout_, location);
+  // The package's leftovers go through our bundle directory, where a failed removal leaves
+  // a hidden leftover that the next scan has to find.
+  if (!ConsumePackage(layout_, location)) change->failed();
   reporter.step(100, "Complete");
   return true;
 }

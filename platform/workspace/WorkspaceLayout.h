@@ -33,6 +33,9 @@ struct ContainerRecord {
   std::string bundleType;  // "User", "Placeholder" or "VPNPlugin"
   std::optional<std::string> bundleVersion;
   std::vector<std::string> appGroups;
+  // The install type the bundle is marked with, so that an interrupted installation can be
+  // finished the way it began.
+  std::optional<uint64_t> installType;
   // Orders the bundle containers of one identifier: the highest is the installation.
   int64_t installSequence = 0;
 };
@@ -55,6 +58,10 @@ class WorkspaceLayout {
   static std::optional<ContainerRecord> readRecord(const FileURL& container);
   // Durable once it returns true.
   static bool writeRecord(const FileURL& container, const ContainerRecord& record, ErrorRef* error);
+  // Writes the record into an assembly nobody else looks into, and syncs the file but not
+  // the directory: the caller syncs the assembly once, after everything is in it.
+  static bool writeRecordIntoAssembly(const FileURL& assembly, const ContainerRecord& record,
+                                      ErrorRef* error);
 
  private:
   std::string root_;  // ends with "/"
@@ -68,6 +75,7 @@ std::string NewContainerUUID();
 std::string NewAssemblyName();
 std::string NewRetiredName();
 bool IsHiddenContainerName(const std::string& name);
+bool IsAssemblyName(const std::string& name);
 // True for a leftover nobody works on any more: a retired container, or an assembly whose
 // process is gone (or is this one, which has no assembly open between installations).
 bool IsAbandonedHiddenName(const std::string& name);
