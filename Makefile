@@ -1,5 +1,5 @@
 # Thin front door: installs what is missing, then lets CMake and CTest do the work.
-.PHONY: all deps build test demo release bench clean
+.PHONY: all deps build test demo release bench bench-migrate clean
 
 all: build
 
@@ -24,6 +24,16 @@ demo: release
 
 bench: release
 	build/release/bin/vx_bench
+
+# The migration against its floor program on sample devices of 1,000 and 10,000 apps and on
+# 20 bundles of 50 MiB. Takes long on a slow disk; BENCH_DIR may point elsewhere (the large
+# bundles always stay on the build's disk, where their bytes written can be counted).
+BENCH_DIR ?= build/bench-migrate
+BENCH_ROUNDS ?= 3
+BENCH_SIZES ?= 1000,10000
+bench-migrate: release
+	build/release/bin/vx_migrate_bench --bin-dir build/release/bin --work-dir $(BENCH_DIR) \
+	  --big-dir build/bench-migrate --rounds $(BENCH_ROUNDS) --sizes $(BENCH_SIZES)
 
 clean:
 	rm -rf build
