@@ -1,7 +1,17 @@
 #include "platform/workspace/WorkspaceContainers.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/files/Beneath.h"
+#include "platform/files/Sys.h"
 #include "platform/log/InstallerLog.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 namespace {
@@ -49,6 +59,59 @@ bool MarkInstalledBundle(const FileURL& bundle, const ContainerRecord& record, E
     return false;
   }
   return record.bundleType != "Placeholder" || Files().markBundleAsPlaceholder(bundle, error);
+}
+
+bool FinishBundleAssembly(const FileURL& assembly, const ContainerRecord& record, ErrorRef* error) {
+  const FileURL bundle = assembly.URLByAppendingPathComponent(record.bundleName, true);
+  UniqueFd directory = OpenDirectoryNoFollow(assembly.fileSystemRepresentation());
+  if (!directory) {
+    SetError(error, PosixError("FinishBundleAssembly", __LINE__, errno, "Failed to open %s: %s",
+                               assembly.path(), std::strerror(errno)));
+    return false;
+  }
+  // The package came from a tree its application could write: nothing in it is followed
+  // through a link, and the bundle must be a real directory.
+  if (UniqueFd package = OpenBeneath(directory.get(), kPackageDirectoryName, O_RDONLY | O_DIRECTORY)) {
+    const char* name = record.bundleName.c_str();
+    struct stat st {};
+    if (::fstatat(directory.get(), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      UniqueFd payload = OpenBeneath(package.get(), "Payload", O_RDONLY | O_DIRECTORY);
+      UniqueFd staged =
+          payload ? OpenBeneath(payload.get(), record.bundleName, O_RDONLY | O_DIRECTORY) : UniqueFd();
+      if (!staged || sys::Renameat(payload.get(), name, directory.get(), name) != 0) {
+        SetError(error, PosixError("FinishBundleAssembly", __LINE__, errno,
+                                   "Failed to take %s out of its package: %s", bundle.path(),
+                                   std::strerror(errno)));
+        return false;
+      }
+    }
+    for (const std::string& item :
+         VXGlobalConfiguration::sharedInstance().appBundleMetadataItemNames()) {
+      if (::fstatat(package.get(), item.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+          sys::Renameat(package.get(), item.c_str(), directory.get(), item.c_str()) != 0) {
+        SetError(error, PosixError("FinishBundleAssembly", __LINE__, errno,
+                                   "Failed to move %s into %s: %s", item, assembly.path(),
+                                   std::strerror(errno)));
+        return false;
+      }
+    }
+  } else if (errno != ENOENT) {
+    SetError(error, PosixError("FinishBundleAssembly", __LINE__, errno,
+                               "Failed to open the package in %s: %s", assembly.path(),
+                               std::strerror(errno)));
+    return false;
+  }
+  return MarkInstalledBundle(bundle, record, error);
+}
+
+void RemovePackageLeftovers(const FileURL& container) {
+  const FileURL package = container.URLByAppendingPathComponent(kPackageDirectoryName, true);
+  struct stat st {};
+  if (::lstat(package.fileSystemRepresentation(), &st) != 0) return;
+  ErrorRef error;
+  if (!Files().removeItemAtURL(package, &error)) {
+    VX_INSTALLER_LOG(3, "RemovePackageLeftovers", "Failed to remove %@: %@", package, error);
+  }
 }
 
 std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const ContainerRecord& record,
@@ -107,10 +170,11 @@ void RecoverWorkspace(WorkspaceIndex& index) {
   for (const IndexedContainer& prepared : index.prepared) {
     ErrorRef error;
     std::optional<FileURL> placed;
-    if (MarkInstalledBundle(InstalledBundleURL(prepared), prepared.record, &error)) {
+    if (FinishBundleAssembly(prepared.url, prepared.record, &error)) {
       placed = CommitAssembly(prepared.url, &error);
     }
     if (placed) {
+      RemovePackageLeftovers(*placed);
       index.addBundle(IndexedContainer{*placed, prepared.record});
     } else {
       VX_INSTALLER_LOG(3, kRecoverFunction, "Failed to finish the installation in %@: %@",

@@ -24,6 +24,13 @@ std::optional<FileURL> CommitAssembly(const FileURL& assembly, ErrorRef* error);
 // Marks an installed bundle the way its record says (install type, placeholder).
 bool MarkInstalledBundle(const FileURL& bundle, const ContainerRecord& record, ErrorRef* error);
 
+// A bundle assembly that holds its package (kPackageDirectoryName) or its bundle has passed
+// the point of no return. This takes the bundle and the store metadata out of the package
+// and marks the bundle; it can be repeated after a cut at any point.
+bool FinishBundleAssembly(const FileURL& assembly, const ContainerRecord& record, ErrorRef* error);
+// Removes what is left of the package in a committed container; a failure is only logged.
+void RemovePackageLeftovers(const FileURL& container);
+
 // The new container's location once it is in place; on failure the assembly is removed.
 std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const ContainerRecord& record,
                                        const ContainerFiller& fill, ErrorRef* error);

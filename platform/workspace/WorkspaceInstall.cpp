@@ -93,53 +93,66 @@ ErrorRef PosixFailure(int line, int e, const char* what, const FileURL& url) {
                     std::strerror(e));
 }
 
-// The package's bundle as a name in an open directory. The package lies in a tree its
-// application could write, so the directory is reached without following any link in it.
-struct BundleSource {
+// What goes into the assembly at the point of no return, as a name in an open directory:
+// the whole package for a customer application (so that its bundle and its store metadata
+// leave the package in one rename, and no half-consumed package is ever left behind), or
+// the bundle alone (a placeholder, which is its own package; a VPN plug-in beside an
+// application). The package lies in a tree its application could write, so the directory
+// is reached without following any link in it.
+struct Arrival {
   UniqueFd directory;
-  std::string name;
+  std::string name;    // in `directory`
+  std::string target;  // in the assembly
+  bool wholePackage = false;
 };
 
-std::optional<BundleSource> OpenBundleSource(const FileURL& location, const PackageBundle& bundle,
-                                             bool placeholder, ErrorRef* error) {
-  BundleSource source{UniqueFd(), bundle.url.lastPathComponent()};
-  if (placeholder) {
-    // The package is the bundle itself, in a directory of the caller's.
-    source.directory = OpenDirectoryNoFollow(
+std::optional<Arrival> OpenArrival(const FileURL& location, const PackageBundle& bundle,
+                                   bool wholePackage, bool placeholder, ErrorRef* error) {
+  Arrival arrival;
+  arrival.wholePackage = wholePackage;
+  arrival.target = wholePackage ? kPackageDirectoryName : bundle.url.lastPathComponent();
+  if (wholePackage || placeholder) {
+    // The package is a directory of the caller's choosing, in a directory it trusts.
+    arrival.name = location.lastPathComponent();
+    arrival.directory = OpenDirectoryNoFollow(
         location.URLByDeletingLastPathComponent().fileSystemRepresentation());
   } else if (UniqueFd package = OpenDirectoryNoFollow(location.fileSystemRepresentation())) {
-    source.directory = OpenBeneath(package.get(), "Payload", O_RDONLY | O_DIRECTORY);
+    arrival.name = bundle.url.lastPathComponent();
+    arrival.directory = OpenBeneath(package.get(), "Payload", O_RDONLY | O_DIRECTORY);
   }
-  if (!source.directory) {
+  if (!arrival.directory) {
     SetError(error, PosixFailure(__LINE__, errno, "open the package of", bundle.url));
     return std::nullopt;
   }
-  return source;
+  return arrival;
 }
 
-// Moves the bundle out of the package into the assembly (`*moved` true), or copies it when
-// the package lies on another file system.
-bool BringBundle(const BundleSource& source, const PackageBundle& bundle, const FileURL& assembly,
-                 bool* moved, ErrorRef* error) {
+// Renames the arrival into the assembly (`*moved` true). When the package lies on another
+// file system, copies the bundle and the store metadata instead and leaves the package
+// whole, to be consumed once the container is in place.
+bool BringIn(const Arrival& arrival, const BundlePlacement& placement, const FileURL& assembly,
+             bool* moved, ErrorRef* error) {
   *moved = false;
-  const char* name = source.name.c_str();
-  UniqueFd original = OpenBeneath(source.directory.get(), source.name, O_RDONLY | O_DIRECTORY);
+  const PackageBundle& bundle = *placement.bundle;
+  UniqueFd original = OpenBeneath(arrival.directory.get(), arrival.name, O_RDONLY | O_DIRECTORY);
   UniqueFd target = OpenDirectoryNoFollow(assembly.fileSystemRepresentation());
   struct stat before {};
   if (!original || !target || ::fstat(original.get(), &before) != 0) {
     SetError(error, PosixFailure(__LINE__, errno, "open", bundle.url));
     return false;
   }
-  if (sys::Renameat(source.directory.get(), name, target.get(), name) == 0) {
+  if (sys::Renameat(arrival.directory.get(), arrival.name.c_str(), target.get(),
+                    arrival.target.c_str()) == 0) {
     // The name may have been swapped for something else since it was opened; only the
     // directory that was checked may stay.
     struct stat after {};
-    if (::fstatat(target.get(), name, &after, AT_SYMLINK_NOFOLLOW) == 0 &&
+    if (::fstatat(target.get(), arrival.target.c_str(), &after, AT_SYMLINK_NOFOLLOW) == 0 &&
         after.st_dev == before.st_dev && after.st_ino == before.st_ino) {
       *moved = true;
       return true;
     }
-    sys::Renameat(target.get(), name, source.directory.get(), name);
+    sys::Renameat(target.get(), arrival.target.c_str(), arrival.directory.get(),
+                  arrival.name.c_str());
     SetError(error, PosixFailure(__LINE__, EINVAL, "install (it changed while it was moved)",
                                  bundle.url));
     return false;
@@ -150,16 +163,50 @@ bool BringBundle(const BundleSource& source, const PackageBundle& bundle, const 
   }
   // Another file system. The copy takes the bundle's name only once it is whole, so that an
   // assembly holding the bundle always holds all of it.
-  const std::string incoming = ".incoming-" + source.name;
-  if (!Files().copyItemAtURL(bundle.url, assembly.URLByAppendingPathComponent(incoming, true),
+  const std::string name = bundle.url.lastPathComponent();
+  const std::string incoming = ".incoming-" + name;
+  if ((arrival.wholePackage && placement.metadataDirectory &&
+       !Files().captureStoreDataFromDirectory(*placement.metadataDirectory, assembly, true, true,
+                                              error)) ||
+      !Files().copyItemAtURL(bundle.url, assembly.URLByAppendingPathComponent(incoming, true),
                              error)) {
     return false;
   }
-  if (sys::Renameat(target.get(), incoming.c_str(), target.get(), name) != 0) {
+  if (sys::Renameat(target.get(), incoming.c_str(), target.get(), name.c_str()) != 0) {
     SetError(error, PosixFailure(__LINE__, errno, "move", bundle.url));
     return false;
   }
   return true;
+}
+
+// Undoes BringIn and FinishBundleAssembly after a failure: the store metadata and the
+// bundle go back into the package, and the package where it was. False when that cannot be
+// done; the assembly must then stay, for the next scan to finish.
+bool SendBack(const Arrival& arrival, const FileURL& assembly, const std::string& bundleName) {
+  UniqueFd directory = OpenDirectoryNoFollow(assembly.fileSystemRepresentation());
+  if (!directory) return false;
+  if (arrival.wholePackage) {
+    UniqueFd package =
+        OpenBeneath(directory.get(), kPackageDirectoryName, O_RDONLY | O_DIRECTORY);
+    if (!package) return false;
+    struct stat st {};
+    for (const std::string& item :
+         VXGlobalConfiguration::sharedInstance().appBundleMetadataItemNames()) {
+      if (::fstatat(directory.get(), item.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+          sys::Renameat(directory.get(), item.c_str(), package.get(), item.c_str()) != 0) {
+        return false;
+      }
+    }
+    if (::fstatat(directory.get(), bundleName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      UniqueFd payload = OpenBeneath(package.get(), "Payload", O_RDONLY | O_DIRECTORY);
+      if (!payload || sys::Renameat(directory.get(), bundleName.c_str(), payload.get(),
+                                    bundleName.c_str()) != 0) {
+        return false;
+      }
+    }
+  }
+  return sys::Renameat(directory.get(), arrival.target.c_str(), arrival.directory.get(),
+                       arrival.name.c_str()) == 0;
 }
 
 // Bytes that exist nowhere else, written into an assembly. fsync: the file's data must be
@@ -175,43 +222,37 @@ bool WriteSyncedFile(const FileURL& file, const PlistData& bytes, ErrorRef* erro
 }
 
 // Assembles the bundle container of `placement` and commits it: its location in place.
-// The package keeps its bundle unless this succeeds (or a cut leaves it in an assembly,
-// which the next scan finishes).
+// Unless this succeeds the package keeps its bundle (or a cut leaves them in an assembly
+// past the point of no return, which the next scan finishes).
 std::optional<FileURL> AssembleBundleContainer(const WorkspaceLayout& layout,
                                                const BundlePlacement& placement,
                                                const ContainerRecord& record,
-                                               const BundleSource& source, ErrorRef* error) {
+                                               const Arrival& arrival, ErrorRef* error) {
   const FileURL parent = layout.directoryForClass(ContainerClass::Bundle);
   if (!Files().createDirectoryAtURL(parent, true, 0755, error)) return std::nullopt;
   const FileURL assembly = parent.URLByAppendingPathComponent(NewAssemblyName(), true);
   if (!Files().createDirectoryAtURL(assembly, false, 0755, error)) return std::nullopt;
 
-  // Store metadata is small and copied: the package keeps it until the bundle is in place.
   bool moved = false;
-  bool ok = (!placement.metadataDirectory ||
-             Files().captureStoreDataFromDirectory(*placement.metadataDirectory, assembly, true,
-                                                   true, error)) &&
-            (!placement.storeMetadata ||
-             WriteSyncedFile(assembly.URLByAppendingPathComponent("LyrandMetadata.plist"),
-                             *placement.storeMetadata, error)) &&
-            WorkspaceLayout::writeRecordIntoAssembly(assembly, record, error) &&
-            BringBundle(source, *placement.bundle, assembly, &moved, error);
   std::optional<FileURL> placed;
-  if (ok) {
-    const FileURL installed = assembly.URLByAppendingPathComponent(record.bundleName, true);
-    if (MarkInstalledBundle(installed, record, error)) placed = CommitAssembly(assembly, error);
+  if ((!placement.storeMetadata ||
+       WriteSyncedFile(assembly.URLByAppendingPathComponent("LyrandMetadata.plist"),
+                       *placement.storeMetadata, error)) &&
+      WorkspaceLayout::writeRecordIntoAssembly(assembly, record, error) &&
+      BringIn(arrival, placement, assembly, &moved, error) &&
+      FinishBundleAssembly(assembly, record, error)) {
+    placed = CommitAssembly(assembly, error);
   }
-  if (placed) return placed;
-  // Nothing is committed: the bundle goes back to the package, and only then may the
-  // assembly go. Should it not go back, the assembly is left for the next scan to finish.
-  if (moved) {
-    UniqueFd target = OpenDirectoryNoFollow(assembly.fileSystemRepresentation());
-    if (!target || sys::Renameat(target.get(), source.name.c_str(), source.directory.get(),
-                                 source.name.c_str()) != 0) {
-      VX_INSTALLER_LOG(3, kInstallFunction, "Left %@ in %@ for the next scan to install",
-                       placement.bundle->url, assembly);
-      return std::nullopt;
-    }
+  if (placed) {
+    RemovePackageLeftovers(*placed);
+    return placed;
+  }
+  // Nothing is committed, so nothing may have changed: what came in goes back, and only
+  // then may the assembly go.
+  if (moved && !SendBack(arrival, assembly, record.bundleName)) {
+    VX_INSTALLER_LOG(3, kInstallFunction, "Left %@ in %@ for the next scan to install",
+                     placement.bundle->url, assembly);
+    return std::nullopt;
   }
   Files().removeItemAtURL(assembly, nullptr);
   return std::nullopt;
@@ -240,8 +281,9 @@ bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndexCache::Change& cha
 
   ErrorRef error;
   std::optional<FileURL> placed;
-  if (auto source = OpenBundleSource(location, bundle, placeholder, &error)) {
-    placed = AssembleBundleContainer(layout, placement, record, *source, &error);
+  const bool wholePackage = !placeholder && placement.metadataDirectory.has_value();
+  if (auto arrival = OpenArrival(location, bundle, wholePackage, placeholder, &error)) {
+    placed = AssembleBundleContainer(layout, placement, record, *arrival, &error);
   }
   if (!placed) {
     change.failed();

@@ -19,6 +19,7 @@
 namespace vx {
 
 const char* const kContainerRecordFileName = ".com.tarsel.velotrix.container.plist";
+const char* const kPackageDirectoryName = ".package";
 
 namespace {
 

@@ -24,6 +24,8 @@ namespace vx {
 enum class ContainerClass { Bundle, Data, PluginData, Group };
 
 extern const char* const kContainerRecordFileName;  // ".com.tarsel.velotrix.container.plist"
+// Inside a bundle assembly: the package, moved in whole, until its bundle is taken out.
+extern const char* const kPackageDirectoryName;  // ".package"
 
 struct ContainerRecord {
   ContainerClass containerClass = ContainerClass::Bundle;

@@ -25,7 +25,8 @@ void ScanClass(const WorkspaceLayout& layout, ContainerClass containerClass,
       if (containerClass == ContainerClass::Bundle && IsAssemblyName(name)) {
         if (auto record = WorkspaceLayout::readRecord(url);
             record && record->containerClass == containerClass &&
-            IsRealDirectory(InstalledBundleURL(IndexedContainer{url, *record}))) {
+            (IsRealDirectory(InstalledBundleURL(IndexedContainer{url, *record})) ||
+             IsRealDirectory(url.URLByAppendingPathComponent(kPackageDirectoryName, true)))) {
           index.prepared.push_back(IndexedContainer{url, std::move(*record)});
           continue;
         }
