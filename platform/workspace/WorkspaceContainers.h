@@ -1,6 +1,6 @@
 // Making and retiring containers so that a crash at any point leaves each container either
 // whole or absent: a container is assembled under a hidden name beside its final place,
-// its record is written last, and one rename puts it in place.
+// with its record, and one rename puts it in place.
 #pragma once
 
 #include <functional>

@@ -4,11 +4,13 @@
 //      (each whole or absent, and found again by identifier, so a retry never makes a
 //      second one);
 //   3. assemble the new bundle container under a hidden name beside its final place: its
-//      record first, then the package's bundle, renamed in. From that rename on the package
-//      has given the bundle up and the installation can only go forward: an assembly that
-//      holds its bundle is finished by whoever scans the workspace next. Renaming it into
-//      place is the commit, and a higher install sequence makes it win over the old one;
-//   4. retire the old bundle container and consume what is left of the package.
+//      record first, then the package renamed in whole (a placeholder's or a VPN plug-in's
+//      bundle alone). From that rename on the package is gone from where it was and the
+//      installation can only go forward: an assembly that holds its package or bundle is
+//      finished by whoever scans the workspace next. The bundle and the store metadata are
+//      renamed out of the package, and renaming the assembly into place is the commit; a
+//      higher install sequence makes it win over the old one;
+//   4. retire the old bundle container and remove what is left of the package.
 // A cut before 3 leaves the old installation, after it the new; leftovers of an interrupted
 // run are hidden from every scan and cleaned up by the next one. The bundle is copied only
 // when the package lies on another file system, and then under a name that no scan takes
