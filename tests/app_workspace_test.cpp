@@ -217,6 +217,41 @@ TEST_F(AppWorkspaceTest, BundlesMoveInAndOtherProcessesSeeTheChange) {
   EXPECT_EQ(DirectoryEntries(containers("Bundles")).size(), 2u);
 }
 
+TEST_F(AppWorkspaceTest, ConcurrentWritersNeverMakeASecondContainer) {
+  // Two processes install their own applications and ask for the same one's containers at
+  // once, each with an index it believes current; the lock and the stamp keep them apart.
+  // A built-in application's containers are made on its first request.
+  MakeBundle(device / "Applications/Shared.app",
+             {.identifier = "com.example.shared", .groups = {"group.both"}});
+  std::vector<pid_t> children;
+  for (const char* side : {"a", "b"}) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      DeviceWorkspace mine(device.path());
+      bool ok = true;
+      for (int i = 0; i < 5; ++i) {
+        const std::string name = std::string(side) + std::to_string(i);
+        ok &= InstallCustomerPackage(mine, device / ("S-" + name), "App.app",
+                                     {.identifier = "com.example." + name, .groups = {"group.both"}});
+        auto shared = mine.bundleProxyForIdentifier("com.example.shared");
+        ok &= shared && shared->dataContainerURL && shared->groupContainerURLs &&
+              shared->groupContainerURLs->size() == 1;
+      }
+      ::_exit(ok ? 0 : 1);
+    }
+    children.push_back(child);
+  }
+  for (pid_t child : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  EXPECT_EQ(workspace.installedBundleIdentifiers().size(), 11u);
+  EXPECT_EQ(ContainerNames(containers("Data")).size(), 11u);
+  EXPECT_EQ(ContainerNames(containers("Groups")).size(), 1u);
+  EXPECT_EQ(ContainerNames(containers("Bundles")).size(), 10u);  // the built-in has none
+}
+
 TEST_F(AppWorkspaceTest, PackagesBehindLinksStayWhereTheyAre) {
   // A package reached through a link planted in its path is not taken from where the link
   // leads.

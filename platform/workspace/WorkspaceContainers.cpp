@@ -34,20 +34,31 @@ bool MakeDirectories(const FileURL& container, std::initializer_list<const char*
 
 }  // namespace
 
-std::optional<FileURL> CommitAssembly(const FileURL& assembly, ErrorRef* error) {
+std::optional<FileURL> CommitAssembly(const FileURL& assembly, std::initializer_list<int> written,
+                                      ErrorRef* error) {
   const FileURL parent = assembly.URLByDeletingLastPathComponent();
   const FileURL destination = parent.URLByAppendingPathComponent(NewContainerUUID(), true);
-  // fsync 2 of a container: the entries made in the assembly (its record, its directories,
-  // a bundle renamed in) must be on disk before the container can be found by its name.
-  if (!SyncDirectory(assembly, error) || !Files().moveItemAtURL(assembly, destination, error)) {
+  UniqueFd directory = OpenDirectoryNoFollow(assembly.fileSystemRepresentation());
+  if (!directory) {
+    SetError(error, PosixError("CommitAssembly", __LINE__, errno, "Failed to open %s: %s",
+                               assembly.path(), std::strerror(errno)));
     return std::nullopt;
   }
-  // fsync 3: the container's name in its class directory. Until it is on disk a power cut
-  // may take the container away, so nothing that relies on it (data moved into it, a
-  // package removed because of it) may happen before. Should it fail, the container is in
-  // place all the same, only its survival of a power cut is in doubt.
+  if (!Files().moveItemAtURL(assembly, destination, error)) return std::nullopt;
+  // The three syncs a container needs before anything may rely on it (data moved into it, a
+  // package given up for it): the bytes of the files written into it (its record above all:
+  // without it the directory is nobody's), the entries in it, and its name in its class
+  // directory. They come after the rename, so that on a journaling file system the first
+  // commits everything and the others find nothing left to do. Should one fail, the
+  // container is in place all the same; only its survival of a power cut is in doubt.
+  for (int fd : written) {
+    if (fd >= 0 && sys::Fsync(fd) != 0) {
+      VX_INSTALLER_LOG(3, "CommitAssembly", "A file in %@ may not be durable yet: %s", destination,
+                       std::strerror(errno));
+    }
+  }
   ErrorRef syncError;
-  if (!SyncDirectory(parent, &syncError)) {
+  if (sys::Fsync(directory.get()) != 0 || !SyncDirectory(parent, &syncError)) {
     VX_INSTALLER_LOG(3, "CommitAssembly", "Container %@ may not be durable yet: %@", destination,
                      syncError);
   }
@@ -122,9 +133,10 @@ std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const Cont
   const FileURL assembly = parent.URLByAppendingPathComponent(NewAssemblyName(), true);
   if (!Files().createDirectoryAtURL(assembly, false, kContainerMode, error)) return std::nullopt;
   std::optional<FileURL> made;
-  if ((!fill || fill(assembly, error)) &&
-      WorkspaceLayout::writeRecordIntoAssembly(assembly, record, error)) {
-    made = CommitAssembly(assembly, error);
+  if (!fill || fill(assembly, error)) {
+    if (UniqueFd written = WorkspaceLayout::writeRecordIntoAssembly(assembly, record, error)) {
+      made = CommitAssembly(assembly, {written.get()}, error);
+    }
   }
   if (!made) Files().removeItemAtURL(assembly, nullptr);
   return made;
@@ -171,7 +183,7 @@ void RecoverWorkspace(WorkspaceIndex& index) {
     ErrorRef error;
     std::optional<FileURL> placed;
     if (FinishBundleAssembly(prepared.url, prepared.record, &error)) {
-      placed = CommitAssembly(prepared.url, &error);
+      placed = CommitAssembly(prepared.url, {}, &error);
     }
     if (placed) {
       RemovePackageLeftovers(*placed);

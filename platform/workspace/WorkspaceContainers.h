@@ -4,6 +4,7 @@
 #pragma once
 
 #include <functional>
+#include <initializer_list>
 #include <optional>
 #include <string>
 
@@ -17,9 +18,11 @@ namespace vx {
 // Fills an assembly (everything but the record); false with an error to abandon it.
 using ContainerFiller = std::function<bool(const FileURL& assembly, ErrorRef* error)>;
 
-// Puts a finished assembly in place under a new name and makes that durable; the location
-// it now has. On failure the assembly stays where it was.
-std::optional<FileURL> CommitAssembly(const FileURL& assembly, ErrorRef* error);
+// Puts a finished assembly in place under a new name and makes it durable: the files
+// written into it (`written`, open), its entries and its name. The location it now has; on
+// failure the assembly stays where it was.
+std::optional<FileURL> CommitAssembly(const FileURL& assembly, std::initializer_list<int> written,
+                                      ErrorRef* error);
 
 // Marks an installed bundle the way its record says (install type, placeholder).
 bool MarkInstalledBundle(const FileURL& bundle, const ContainerRecord& record, ErrorRef* error);

@@ -211,16 +211,16 @@ bool SendBack(const Arrival& arrival, const FileURL& assembly, const std::string
                        arrival.name.c_str()) == 0;
 }
 
-// Bytes that exist nowhere else, written into an assembly. fsync: the file's data must be
-// on disk before the container is committed; its name is synced with the assembly.
-bool WriteSyncedFile(const FileURL& file, const PlistData& bytes, ErrorRef* error) {
+// Bytes that exist nowhere else, written into an assembly; the open file, synced when the
+// container is committed.
+UniqueFd WriteFileIntoAssembly(const FileURL& file, const PlistData& bytes, ErrorRef* error) {
   UniqueFd fd(sys::Open(file.fileSystemRepresentation(),
                         O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-  if (!fd || !sys::WriteAll(fd.get(), bytes.data(), bytes.size()) || sys::Fsync(fd.get()) != 0) {
+  if (!fd || !sys::WriteAll(fd.get(), bytes.data(), bytes.size())) {
     SetError(error, PosixFailure(__LINE__, errno, "write", file));
-    return false;
+    return UniqueFd();
   }
-  return true;
+  return fd;
 }
 
 // Assembles the bundle container of `placement` and commits it: its location in place.
@@ -237,13 +237,24 @@ std::optional<FileURL> AssembleBundleContainer(const WorkspaceLayout& layout,
 
   bool moved = false;
   std::optional<FileURL> placed;
-  if ((!placement.storeMetadata ||
-       WriteSyncedFile(assembly.URLByAppendingPathComponent("LyrandMetadata.plist"),
-                       *placement.storeMetadata, error)) &&
-      WorkspaceLayout::writeRecordIntoAssembly(assembly, record, error) &&
-      BringIn(arrival, placement, assembly, &moved, error) &&
+  UniqueFd metadata;
+  if (placement.storeMetadata) {
+    metadata = WriteFileIntoAssembly(assembly.URLByAppendingPathComponent("LyrandMetadata.plist"),
+                                     *placement.storeMetadata, error);
+  }
+  UniqueFd written;
+  if (metadata || !placement.storeMetadata) {
+    written = WorkspaceLayout::writeRecordIntoAssembly(assembly, record, error);
+  }
+  // The record is synced before the package comes in: should a power cut keep the package's
+  // rename but lose the record, the bundle would lie in a directory no scan recognises.
+  if (written && sys::Fsync(written.get()) != 0) {
+    SetError(error, PosixFailure(__LINE__, errno, "sync the record in", assembly));
+    written.reset();
+  }
+  if (written && BringIn(arrival, placement, assembly, &moved, error) &&
       FinishBundleAssembly(assembly, record, error)) {
-    placed = CommitAssembly(assembly, error);
+    placed = CommitAssembly(assembly, {metadata.get()}, error);
   }
   if (placed) {
     RemovePackageLeftovers(*placed);

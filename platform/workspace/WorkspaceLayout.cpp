@@ -157,23 +157,21 @@ bool WorkspaceLayout::writeRecord(const FileURL& container, const ContainerRecor
   return true;
 }
 
-bool WorkspaceLayout::writeRecordIntoAssembly(const FileURL& assembly,
-                                              const ContainerRecord& record, ErrorRef* error) {
+UniqueFd WorkspaceLayout::writeRecordIntoAssembly(const FileURL& assembly,
+                                                  const ContainerRecord& record, ErrorRef* error) {
   const FileURL url = recordURL(assembly);
   const std::vector<uint8_t> bytes =
       SerializePropertyList(PlistValue(ContainerRecordDictionary(record)), PlistFormat::XML);
   UniqueFd fd(sys::Open(url.fileSystemRepresentation(),
                         O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-  // The record is what makes the directory a container: its bytes must be on disk before
-  // the container can be renamed into place (fsync 1 of a container).
-  if (!fd || !sys::WriteAll(fd.get(), bytes.data(), bytes.size()) || sys::Fsync(fd.get()) != 0) {
+  if (!fd || !sys::WriteAll(fd.get(), bytes.data(), bytes.size())) {
     const int e = errno;
     SetError(error,
              PosixError("-[WorkspaceLayout writeRecord:toContainer:error:]", __LINE__, e,
                         "Failed to write container record %s: %s", url.path(), std::strerror(e)));
-    return false;
+    return UniqueFd();
   }
-  return true;
+  return fd;
 }
 
 std::string NewContainerUUID() {

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/files/UniqueFd.h"
 #include "support/types/FileURL.h"
 #include "support/types/InstallerError.h"
 #include "support/types/PlistValue.h"
@@ -60,10 +61,11 @@ class WorkspaceLayout {
   static std::optional<ContainerRecord> readRecord(const FileURL& container);
   // Durable once it returns true.
   static bool writeRecord(const FileURL& container, const ContainerRecord& record, ErrorRef* error);
-  // Writes the record into an assembly nobody else looks into, and syncs the file but not
-  // the directory: the caller syncs the assembly once, after everything is in it.
-  static bool writeRecordIntoAssembly(const FileURL& assembly, const ContainerRecord& record,
-                                      ErrorRef* error);
+  // Writes the record into an assembly nobody else looks into and hands back the open file,
+  // not yet synced: the caller syncs it when its durability is due (an invalid handle and
+  // an error on failure).
+  static UniqueFd writeRecordIntoAssembly(const FileURL& assembly, const ContainerRecord& record,
+                                          ErrorRef* error);
 
  private:
   std::string root_;  // ends with "/"
