@@ -201,10 +201,10 @@ TEST_F(AppWorkspaceTest, BundlesMoveInAndOtherProcessesSeeTheChange) {
   const pid_t child = ::fork();
   if (child == 0) {
     DeviceWorkspace other(device.path());
-    const bool ok =
-        InstallCustomerPackage(other, device / "S2", "Late.app", {.identifier = "com.example.late"}) &&
-        InstallCustomerPackage(other, device / "S3", "Moved.app",
-                               {.identifier = "com.example.moved", .version = "2.0"});
+    const bool ok = InstallCustomerPackage(other, device / "S2", "Late.app",
+                                           {.identifier = "com.example.late"}) &&
+                    InstallCustomerPackage(other, device / "S3", "Moved.app",
+                                           {.identifier = "com.example.moved", .version = "2.0"});
     ::_exit(ok ? 0 : 1);
   }
   int status = 0;
@@ -231,8 +231,9 @@ TEST_F(AppWorkspaceTest, ConcurrentWritersNeverMakeASecondContainer) {
       bool ok = true;
       for (int i = 0; i < 5; ++i) {
         const std::string name = std::string(side) + std::to_string(i);
-        ok &= InstallCustomerPackage(mine, device / ("S-" + name), "App.app",
-                                     {.identifier = "com.example." + name, .groups = {"group.both"}});
+        ok &=
+            InstallCustomerPackage(mine, device / ("S-" + name), "App.app",
+                                   {.identifier = "com.example." + name, .groups = {"group.both"}});
         auto shared = mine.bundleProxyForIdentifier("com.example.shared");
         ok &= shared && shared->dataContainerURL && shared->groupContainerURLs &&
               shared->groupContainerURLs->size() == 1;

@@ -147,7 +147,8 @@ Outcome Compare(const Options& o, const std::string& master, const std::string& 
     if (timeApps && round == rounds - 1) {
       std::vector<double> apps;
       for (int i = 0; i < 3; ++i) {
-        apps.push_back(Measure({vxmigrate, "apps", "--json", "--root", oursCopy}, "/dev/null").seconds);
+        apps.push_back(
+            Measure({vxmigrate, "apps", "--json", "--root", oursCopy}, "/dev/null").seconds);
       }
       out.appsSeconds = Median(apps);
     }
@@ -164,12 +165,12 @@ std::string MiB(unsigned long long bytes) {
 
 void Print(const char* label, const Outcome& r) {
   const double floorMedian = Median(r.floor), oursMedian = Median(r.ours);
-  std::printf("%-22s floor %8.2f s  ours %8.2f s  floor/ours %.2f  peak RSS floor %s, ours %s  "
-              "written floor %s, ours %s%s\n",
-              label, floorMedian, oursMedian, floorMedian / oursMedian,
-              MiB(r.floorRss * 1024ull).c_str(), MiB(r.oursRss * 1024ull).c_str(),
-              MiB(r.floorWritten).c_str(), MiB(r.oursWritten).c_str(),
-              r.oursStatus ? "  (migrate reported failures)" : "");
+  std::printf(
+      "%-22s floor %8.2f s  ours %8.2f s  floor/ours %.2f  peak RSS floor %s, ours %s  "
+      "written floor %s, ours %s%s\n",
+      label, floorMedian, oursMedian, floorMedian / oursMedian, MiB(r.floorRss * 1024ull).c_str(),
+      MiB(r.oursRss * 1024ull).c_str(), MiB(r.floorWritten).c_str(), MiB(r.oursWritten).c_str(),
+      r.oursStatus ? "  (migrate reported failures)" : "");
   std::fflush(stdout);
 }
 
@@ -187,16 +188,24 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     auto next = [&]() -> std::string { return i + 1 < argc ? argv[++i] : ""; };
-    if (arg == "--bin-dir") o.binDir = next();
-    else if (arg == "--work-dir") o.workDir = next();
-    else if (arg == "--big-dir") o.bigDir = next();
-    else if (arg == "--sizes") o.sizes = ParseSizes(next());
-    else if (arg == "--rounds") o.rounds = std::max(1, std::atoi(next().c_str()));
-    else if (arg == "--data-bytes") o.dataBytes = std::strtoul(next().c_str(), nullptr, 10);
-    else if (arg == "--no-big") o.big = false;
+    if (arg == "--bin-dir")
+      o.binDir = next();
+    else if (arg == "--work-dir")
+      o.workDir = next();
+    else if (arg == "--big-dir")
+      o.bigDir = next();
+    else if (arg == "--sizes")
+      o.sizes = ParseSizes(next());
+    else if (arg == "--rounds")
+      o.rounds = std::max(1, std::atoi(next().c_str()));
+    else if (arg == "--data-bytes")
+      o.dataBytes = std::strtoul(next().c_str(), nullptr, 10);
+    else if (arg == "--no-big")
+      o.big = false;
     else {
-      std::fprintf(stderr, "usage: vx_migrate_bench --bin-dir DIR --work-dir DIR [--sizes "
-                           "1000,10000] [--rounds N] [--data-bytes N] [--big-dir DIR] [--no-big]\n");
+      std::fprintf(stderr,
+                   "usage: vx_migrate_bench --bin-dir DIR --work-dir DIR [--sizes "
+                   "1000,10000] [--rounds N] [--data-bytes N] [--big-dir DIR] [--no-big]\n");
       return 2;
     }
   }
@@ -220,9 +229,11 @@ int main(int argc, char** argv) {
     const Outcome r = Compare(o, master, dir, o.rounds, true);
     Print((std::to_string(apps) + " apps").c_str(), r);
     std::printf("%-22s vxmigrate apps --json on the migrated device: %.3f s\n", "", r.appsSeconds);
+    std::fflush(stdout);
     oursBySize.emplace_back(apps, Median(r.ours));
     Shell("rm -rf " + Quote(dir));
   }
+  std::sort(oursBySize.begin(), oursBySize.end());
   for (size_t i = 1; i < oursBySize.size(); ++i) {
     std::printf("t(%d)/t(%d) = %.2f (apps ratio %.0f)\n", oursBySize[i].first, oursBySize[0].first,
                 oursBySize[i].second / oursBySize[0].second,

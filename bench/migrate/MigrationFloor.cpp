@@ -37,7 +37,8 @@ void SyncPath(const std::string& path) {
 
 void WriteSynced(const std::string& path, const std::string& content) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0 || ::write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+  if (fd < 0 ||
+      ::write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
       ::fsync(fd) != 0) {
     Die("write " + path);
   }
@@ -70,7 +71,8 @@ bool IsMetadata(const std::string& name) {
 }
 
 // A new container with its record, synced (one fsync).
-std::string MakeContainer(const std::string& parent, unsigned long serial, const std::string& record) {
+std::string MakeContainer(const std::string& parent, unsigned long serial,
+                          const std::string& record) {
   char name[32];
   std::snprintf(name, sizeof name, "%016lX", serial);
   const std::string container = parent + "/" + name;
@@ -118,8 +120,10 @@ int main(int argc, char** argv) {
         dataItems.push_back(name);
       }
     }
-    const std::string dataContainer = MakeContainer(data, ++serial, "<plist>" + entry + "</plist>\n");
-    for (const std::string& name : dataItems) Move(container + "/" + name, dataContainer + "/" + name);
+    const std::string dataContainer =
+        MakeContainer(data, ++serial, "<plist>" + entry + "</plist>\n");
+    for (const std::string& name : dataItems)
+      Move(container + "/" + name, dataContainer + "/" + name);
     SyncPath(dataContainer);
     SyncPath(data);
 

@@ -82,13 +82,15 @@ bool FinishBundleAssembly(const FileURL& assembly, const ContainerRecord& record
   }
   // The package came from a tree its application could write: nothing in it is followed
   // through a link, and the bundle must be a real directory.
-  if (UniqueFd package = OpenBeneath(directory.get(), kPackageDirectoryName, O_RDONLY | O_DIRECTORY)) {
+  if (UniqueFd package =
+          OpenBeneath(directory.get(), kPackageDirectoryName, O_RDONLY | O_DIRECTORY)) {
     const char* name = record.bundleName.c_str();
     struct stat st {};
     if (::fstatat(directory.get(), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
       UniqueFd payload = OpenBeneath(package.get(), "Payload", O_RDONLY | O_DIRECTORY);
-      UniqueFd staged =
-          payload ? OpenBeneath(payload.get(), record.bundleName, O_RDONLY | O_DIRECTORY) : UniqueFd();
+      UniqueFd staged = payload
+                            ? OpenBeneath(payload.get(), record.bundleName, O_RDONLY | O_DIRECTORY)
+                            : UniqueFd();
       if (!staged || sys::Renameat(payload.get(), name, directory.get(), name) != 0) {
         SetError(error, PosixError("FinishBundleAssembly", __LINE__, errno,
                                    "Failed to take %s out of its package: %s", bundle.path(),

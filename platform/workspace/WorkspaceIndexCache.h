@@ -31,7 +31,8 @@ class WorkspaceIndexCache {
 
    private:
     friend class WorkspaceIndexCache;
-    Change(WorkspaceIndexCache* cache, WorkspaceLock lock) : cache_(cache), lock_(std::move(lock)) {}
+    Change(WorkspaceIndexCache* cache, WorkspaceLock lock)
+        : cache_(cache), lock_(std::move(lock)) {}
     WorkspaceIndexCache* cache_;
     WorkspaceLock lock_;
   };

@@ -60,7 +60,8 @@ std::optional<BundleProxy> DeviceWorkspace::existingBundleProxy(const std::strin
 std::vector<std::string> DeviceWorkspace::installedBundleIdentifiers() {
   std::lock_guard lock(mutex());
   std::set<std::string> identifiers;
-  for (const auto& [identifier, container] : WorkspaceIndexCache::forLayout(layout_).current().bundles) {
+  for (const auto& [identifier, container] :
+       WorkspaceIndexCache::forLayout(layout_).current().bundles) {
     identifiers.insert(identifier);
   }
   if (BundleMapRef builtIn = configuration().systemAppBundleIDToInfoMap()) {
