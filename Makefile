@@ -1,5 +1,5 @@
 # Thin front door: installs what is missing, then lets CMake and CTest do the work.
-.PHONY: all deps build test demo release bench fuzz-smoke package clean
+.PHONY: all deps build test demo release bench bench-migrate fuzz-smoke package clean
 
 all: build
 
@@ -41,6 +41,16 @@ demo: release
 
 bench: release
 	build/release/bin/vx_bench
+
+# The migration against its floor program on sample devices of 1,000 and 10,000 apps and on
+# 20 bundles of 50 MiB. Takes long on a slow disk; BENCH_DIR may point elsewhere (the large
+# bundles always stay on the build's disk, where their bytes written can be counted).
+BENCH_DIR ?= build/bench-migrate
+BENCH_ROUNDS ?= 3
+BENCH_SIZES ?= 1000,10000
+bench-migrate: release
+	build/release/bin/vx_migrate_bench --bin-dir build/release/bin --work-dir $(BENCH_DIR) \
+	  --big-dir build/bench-migrate --rounds $(BENCH_ROUNDS) --sizes $(BENCH_SIZES)
 
 # A Debian package (build/vxmigrate_<version>_<arch>.deb), built for the /usr prefix with
 # Debian's hardening flags.

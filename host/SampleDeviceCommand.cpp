@@ -21,6 +21,9 @@ const CommandRegistration kSampleDevice(40, [](CLI::App& app, int* exitStatus) {
   command->add_option("--seed", args->options.seed, "Seed: the same seed gives the same device");
   command->add_option("--data-bytes", args->options.dataBytes,
                       "Bytes of data per application, spread over files of varied sizes");
+  command->add_option("--bundle-bytes", args->options.bundleBytes,
+                      "Size of each bundle's executable (default: a few KiB)")
+      ->check(CLI::Range(uint64_t{4}, uint64_t{1} << 32));
   command->callback([args, exitStatus]() {
     std::string problem;
     if (!sample::WriteSampleDevice(args->directory, args->options, &problem)) {

@@ -1,6 +1,9 @@
 // The workspace of a device directory: installation of customer and placeholder packages,
 // replacement that keeps data, refusals, and group containers.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "filemanager/VXFileManager.h"
 #include "platform/plist/PlistFile.h"
@@ -175,6 +178,105 @@ TEST_F(AppWorkspaceTest, RefusedPackagesAreLeftAsTheyWere) {
 
   // The blacklist gives way when the caller asks it to.
   EXPECT_TRUE(install(updater, {{PackageTypeKey, PackageTypeCustomer}, {"SkipBlacklist", true}}));
+}
+
+ino_t InodeOf(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+TEST_F(AppWorkspaceTest, BundlesMoveInAndOtherProcessesSeeTheChange) {
+  // Same file system: the staged bundle itself becomes the installed one.
+  const std::string staging =
+      MakeCustomerPackage(device / "S1", "Moved.app", {.identifier = "com.example.moved"});
+  const ino_t staged = InodeOf(staging + "/Payload/Moved.app");
+  ASSERT_TRUE(install(staging, MigratorCustomerOptions("com.example.moved")));
+  auto moved = workspace.existingBundleProxy("com.example.moved");
+  ASSERT_TRUE(moved && moved->bundleURL);
+  EXPECT_EQ(InodeOf(moved->bundleURL->path()), staged);
+  EXPECT_EQ(VXFileManager::defaultManager().installTypeForBundle(*moved->bundleURL, nullptr), 6u);
+
+  // Another process installs and replaces meanwhile; this one's index notices, without
+  // being told.
+  const pid_t child = ::fork();
+  if (child == 0) {
+    DeviceWorkspace other(device.path());
+    const bool ok = InstallCustomerPackage(other, device / "S2", "Late.app",
+                                           {.identifier = "com.example.late"}) &&
+                    InstallCustomerPackage(other, device / "S3", "Moved.app",
+                                           {.identifier = "com.example.moved", .version = "2.0"});
+    ::_exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_TRUE(workspace.applicationIsInstalled("com.example.late"));
+  EXPECT_EQ(workspace.existingBundleProxy("com.example.moved")->bundleVersion, "2.0");
+  EXPECT_EQ(workspace.installedBundleIdentifiers(),
+            (std::vector<std::string>{"com.example.late", "com.example.moved"}));
+  EXPECT_EQ(DirectoryEntries(containers("Bundles")).size(), 2u);
+}
+
+TEST_F(AppWorkspaceTest, ConcurrentWritersNeverMakeASecondContainer) {
+  // Two processes install their own applications and ask for the same one's containers at
+  // once, each with an index it believes current; the lock and the stamp keep them apart.
+  // A built-in application's containers are made on its first request.
+  MakeBundle(device / "Applications/Shared.app",
+             {.identifier = "com.example.shared", .groups = {"group.both"}});
+  std::vector<pid_t> children;
+  for (const char* side : {"a", "b"}) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      DeviceWorkspace mine(device.path());
+      bool ok = true;
+      for (int i = 0; i < 5; ++i) {
+        const std::string name = std::string(side) + std::to_string(i);
+        ok &=
+            InstallCustomerPackage(mine, device / ("S-" + name), "App.app",
+                                   {.identifier = "com.example." + name, .groups = {"group.both"}});
+        auto shared = mine.bundleProxyForIdentifier("com.example.shared");
+        ok &= shared && shared->dataContainerURL && shared->groupContainerURLs &&
+              shared->groupContainerURLs->size() == 1;
+      }
+      ::_exit(ok ? 0 : 1);
+    }
+    children.push_back(child);
+  }
+  for (pid_t child : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  EXPECT_EQ(workspace.installedBundleIdentifiers().size(), 11u);
+  EXPECT_EQ(ContainerNames(containers("Data")).size(), 11u);
+  EXPECT_EQ(ContainerNames(containers("Groups")).size(), 1u);
+  EXPECT_EQ(ContainerNames(containers("Bundles")).size(), 10u);  // the built-in has none
+}
+
+TEST_F(AppWorkspaceTest, PackagesBehindLinksStayWhereTheyAre) {
+  // A package reached through a link planted in its path is not taken from where the link
+  // leads.
+  const std::string elsewhere =
+      MakeCustomerPackage(device / "Elsewhere", "Lure.app", {.identifier = "com.example.lure"});
+  ASSERT_EQ(::symlink(elsewhere.c_str(), (device / "Staging").c_str()), 0);
+  EXPECT_FALSE(install(device / "Staging", MigratorCustomerOptions("com.example.lure")));
+  EXPECT_EQ(ReadFile(elsewhere + "/Payload/Lure.app/App"), "executable");
+  EXPECT_FALSE(workspace.applicationIsInstalled("com.example.lure"));
+
+  // Across file systems the bundle is copied, whole, and the package consumed.
+  TempDir other("/dev/shm");
+  struct stat a {}, b {};
+  if (::stat(other.path().c_str(), &a) != 0 || ::stat(device.path().c_str(), &b) != 0 ||
+      a.st_dev == b.st_dev) {
+    GTEST_SKIP() << "no second file system";
+  }
+  const std::string placeholder = MakeBundle(other / "Far.app", {.identifier = "com.example.far"});
+  ASSERT_TRUE(install(placeholder, PlaceholderOptions("com.example.far")));
+  auto far = workspace.existingBundleProxy("com.example.far");
+  ASSERT_TRUE(far && far->bundleURL);
+  EXPECT_EQ(far->bundleType, "Placeholder");
+  EXPECT_EQ(ReadFile(far->bundleURL->path() + "/App"), "executable");
+  EXPECT_FALSE(Exists(placeholder));
 }
 
 }  // namespace

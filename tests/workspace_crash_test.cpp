@@ -76,14 +76,14 @@ struct Scenario {
     return isNew;
   }
 
-  // A later installation finishes the job and leaves nothing of the interrupted one.
+  // A retry finishes the job and leaves nothing of the interrupted one. Once the new
+  // installation is in place the package has given up its bundle, and something else is
+  // installed instead.
   void expectRecovery() {
     DeviceWorkspace workspace(device.path());
-    // With the package consumed, something else to install, so that the workspace cleans up
-    // on its way.
-    EXPECT_TRUE(Exists(staging) ? install()
-                                : InstallCustomerPackage(workspace, device / "Other", "Other.app",
-                                                         {.identifier = "com.example.other"}));
+    EXPECT_TRUE(!expectOldOrNew() ? install()
+                                  : InstallCustomerPackage(workspace, device / "Other", "Other.app",
+                                                           {.identifier = "com.example.other"}));
     EXPECT_TRUE(expectOldOrNew());
     const WorkspaceIndex index = ScanWorkspace(WorkspaceLayout(device.path()));
     EXPECT_TRUE(index.abandoned.empty() && index.superseded.empty());

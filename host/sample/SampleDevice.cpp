@@ -132,7 +132,10 @@ bool Generator::writeBundle(const std::string& bundleDir, const std::string& ide
     return false;
   }
   return writePlist(bundleDir + "/Info.plist", info) &&
-         write(bundleDir + "/" + name, "\x7f" "ELF" + bytes(4096 + rng_() % 28672), 0755) &&
+         write(bundleDir + "/" + name,
+               "\x7f" "ELF" + bytes(options_.bundleBytes ? options_.bundleBytes - 4
+                                                       : 4096 + rng_() % 28672),
+               0755) &&
          write(bundleDir + "/Icon.png", std::string(png.begin(), png.end()));
 }
 

@@ -11,6 +11,7 @@ struct SampleDeviceOptions {
   int apps = 24;
   uint64_t seed = 1;
   uint64_t dataBytes = 256 * 1024;  // data per application, spread over files of varied sizes
+  uint64_t bundleBytes = 0;  // size of each bundle's executable; 0: a few KiB, varied
 };
 
 // The manifest's name, directly in the device directory (outside everything the migration

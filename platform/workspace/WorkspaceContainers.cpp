@@ -1,7 +1,17 @@
 #include "platform/workspace/WorkspaceContainers.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/files/Beneath.h"
+#include "platform/files/Sys.h"
 #include "platform/log/InstallerLog.h"
+#include "support/errors/ErrorMakers.h"
 
 namespace vx {
 namespace {
@@ -24,29 +34,114 @@ bool MakeDirectories(const FileURL& container, std::initializer_list<const char*
 
 }  // namespace
 
+std::optional<FileURL> CommitAssembly(const FileURL& assembly, std::initializer_list<int> written,
+                                      ErrorRef* error) {
+  const FileURL parent = assembly.URLByDeletingLastPathComponent();
+  const FileURL destination = parent.URLByAppendingPathComponent(NewContainerUUID(), true);
+  UniqueFd directory = OpenDirectoryNoFollow(assembly.fileSystemRepresentation());
+  if (!directory) {
+    SetError(error, PosixError("CommitAssembly", __LINE__, errno, "Failed to open %s: %s",
+                               assembly.path(), std::strerror(errno)));
+    return std::nullopt;
+  }
+  if (!Files().moveItemAtURL(assembly, destination, error)) return std::nullopt;
+  // The three syncs a container needs before anything may rely on it (data moved into it, a
+  // package given up for it): the bytes of the files written into it (its record above all:
+  // without it the directory is nobody's), the entries in it, and its name in its class
+  // directory. They come after the rename, so that on a journaling file system the first
+  // commits everything and the others find nothing left to do. Should one fail, the
+  // container is in place all the same; only its survival of a power cut is in doubt.
+  for (int fd : written) {
+    if (fd >= 0 && sys::Fsync(fd) != 0) {
+      VX_INSTALLER_LOG(3, "CommitAssembly", "A file in %@ may not be durable yet: %s", destination,
+                       std::strerror(errno));
+    }
+  }
+  ErrorRef syncError;
+  if (sys::Fsync(directory.get()) != 0 || !SyncDirectory(parent, &syncError)) {
+    VX_INSTALLER_LOG(3, "CommitAssembly", "Container %@ may not be durable yet: %@", destination,
+                     syncError);
+  }
+  return destination;
+}
+
+bool MarkInstalledBundle(const FileURL& bundle, const ContainerRecord& record, ErrorRef* error) {
+  if (record.installType && !Files().setInstallType(*record.installType, bundle, error)) {
+    return false;
+  }
+  return record.bundleType != "Placeholder" || Files().markBundleAsPlaceholder(bundle, error);
+}
+
+bool FinishBundleAssembly(const FileURL& assembly, const ContainerRecord& record, ErrorRef* error) {
+  const FileURL bundle = assembly.URLByAppendingPathComponent(record.bundleName, true);
+  UniqueFd directory = OpenDirectoryNoFollow(assembly.fileSystemRepresentation());
+  if (!directory) {
+    SetError(error, PosixError("FinishBundleAssembly", __LINE__, errno, "Failed to open %s: %s",
+                               assembly.path(), std::strerror(errno)));
+    return false;
+  }
+  // The package came from a tree its application could write: nothing in it is followed
+  // through a link, and the bundle must be a real directory.
+  if (UniqueFd package =
+          OpenBeneath(directory.get(), kPackageDirectoryName, O_RDONLY | O_DIRECTORY)) {
+    const char* name = record.bundleName.c_str();
+    struct stat st {};
+    if (::fstatat(directory.get(), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      UniqueFd payload = OpenBeneath(package.get(), "Payload", O_RDONLY | O_DIRECTORY);
+      UniqueFd staged = payload
+                            ? OpenBeneath(payload.get(), record.bundleName, O_RDONLY | O_DIRECTORY)
+                            : UniqueFd();
+      if (!staged || sys::Renameat(payload.get(), name, directory.get(), name) != 0) {
+        SetError(error, PosixError("FinishBundleAssembly", __LINE__, errno,
+                                   "Failed to take %s out of its package: %s", bundle.path(),
+                                   std::strerror(errno)));
+        return false;
+      }
+    }
+    for (const std::string& item :
+         VXGlobalConfiguration::sharedInstance().appBundleMetadataItemNames()) {
+      if (::fstatat(package.get(), item.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+          sys::Renameat(package.get(), item.c_str(), directory.get(), item.c_str()) != 0) {
+        SetError(error, PosixError("FinishBundleAssembly", __LINE__, errno,
+                                   "Failed to move %s into %s: %s", item, assembly.path(),
+                                   std::strerror(errno)));
+        return false;
+      }
+    }
+  } else if (errno != ENOENT) {
+    SetError(error, PosixError("FinishBundleAssembly", __LINE__, errno,
+                               "Failed to open the package in %s: %s", assembly.path(),
+                               std::strerror(errno)));
+    return false;
+  }
+  return MarkInstalledBundle(bundle, record, error);
+}
+
+void RemovePackageLeftovers(const FileURL& container) {
+  const FileURL package = container.URLByAppendingPathComponent(kPackageDirectoryName, true);
+  struct stat st {};
+  if (::lstat(package.fileSystemRepresentation(), &st) != 0) return;
+  ErrorRef error;
+  if (!Files().removeItemAtURL(package, &error)) {
+    VX_INSTALLER_LOG(3, "RemovePackageLeftovers", "Failed to remove %@: %@", package, error);
+  }
+}
+
 std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const ContainerRecord& record,
                                        const ContainerFiller& fill, ErrorRef* error) {
   const FileURL parent = layout.directoryForClass(record.containerClass);
   if (!Files().createDirectoryAtURL(parent, true, kContainerMode, error)) return std::nullopt;
 
   const FileURL assembly = parent.URLByAppendingPathComponent(NewAssemblyName(), true);
-  const FileURL destination = parent.URLByAppendingPathComponent(NewContainerUUID(), true);
   if (!Files().createDirectoryAtURL(assembly, false, kContainerMode, error)) return std::nullopt;
-  const bool assembled = (!fill || fill(assembly, error)) &&
-                         WorkspaceLayout::writeRecord(assembly, record, error) &&
-                         Files().moveItemAtURL(assembly, destination, error);
-  if (!assembled) {
-    Files().removeItemAtURL(assembly, nullptr);
-    return std::nullopt;
+  std::optional<FileURL> made;
+  if (!fill || fill(assembly, error)) {
+    if (UniqueFd written = WorkspaceLayout::writeRecordIntoAssembly(assembly, record, error)) {
+      made = CommitAssembly(assembly, {written.get()}, error);
+    }
   }
-  // The container is in place; should the directory sync fail it is still whole, only its
-  // survival of a power cut is in doubt, which a later sync settles.
-  ErrorRef syncError;
-  if (!SyncDirectory(parent, &syncError)) {
-    VX_INSTALLER_LOG(3, "CreateContainer", "Container %@ may not be durable yet: %@", destination,
-                     syncError);
-  }
-  return destination;
+  if (!made) Files().removeItemAtURL(assembly, nullptr);
+  return made;
 }
 
 bool RetireContainer(const FileURL& container, ErrorRef* error) {
@@ -84,11 +179,20 @@ std::optional<FileURL> EnsureGroupContainer(const WorkspaceLayout& layout, Works
   return made;
 }
 
-void RecoverWorkspace(const WorkspaceIndex& index) {
-  for (const FileURL& leftover : index.abandoned) {
+void RecoverWorkspace(WorkspaceIndex& index) {
+  // A prepared assembly holds a bundle its package no longer has: only going forward keeps it.
+  for (const IndexedContainer& prepared : index.prepared) {
     ErrorRef error;
-    if (!Files().removeItemAtURL(leftover, &error)) {
-      VX_INSTALLER_LOG(3, kRecoverFunction, "Failed to remove abandoned %@: %@", leftover, error);
+    std::optional<FileURL> placed;
+    if (FinishBundleAssembly(prepared.url, prepared.record, &error)) {
+      placed = CommitAssembly(prepared.url, {}, &error);
+    }
+    if (placed) {
+      RemovePackageLeftovers(*placed);
+      index.addBundle(IndexedContainer{*placed, prepared.record});
+    } else {
+      VX_INSTALLER_LOG(3, kRecoverFunction, "Failed to finish the installation in %@: %@",
+                       prepared.url, error);
     }
   }
   for (const FileURL& old : index.superseded) {
@@ -98,6 +202,15 @@ void RecoverWorkspace(const WorkspaceIndex& index) {
                        old, error);
     }
   }
+  for (const FileURL& leftover : index.abandoned) {
+    ErrorRef error;
+    if (!Files().removeItemAtURL(leftover, &error)) {
+      VX_INSTALLER_LOG(3, kRecoverFunction, "Failed to remove abandoned %@: %@", leftover, error);
+    }
+  }
+  index.prepared.clear();
+  index.superseded.clear();
+  index.abandoned.clear();
 }
 
 }  // namespace vx

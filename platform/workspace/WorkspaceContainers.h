@@ -1,9 +1,10 @@
 // Making and retiring containers so that a crash at any point leaves each container either
 // whole or absent: a container is assembled under a hidden name beside its final place,
-// its record is written last, and one rename puts it in place.
+// with its record, and one rename puts it in place.
 #pragma once
 
 #include <functional>
+#include <initializer_list>
 #include <optional>
 #include <string>
 
@@ -16,6 +17,22 @@ namespace vx {
 
 // Fills an assembly (everything but the record); false with an error to abandon it.
 using ContainerFiller = std::function<bool(const FileURL& assembly, ErrorRef* error)>;
+
+// Puts a finished assembly in place under a new name and makes it durable: the files
+// written into it (`written`, open), its entries and its name. The location it now has; on
+// failure the assembly stays where it was.
+std::optional<FileURL> CommitAssembly(const FileURL& assembly, std::initializer_list<int> written,
+                                      ErrorRef* error);
+
+// Marks an installed bundle the way its record says (install type, placeholder).
+bool MarkInstalledBundle(const FileURL& bundle, const ContainerRecord& record, ErrorRef* error);
+
+// A bundle assembly that holds its package (kPackageDirectoryName) or its bundle has passed
+// the point of no return. This takes the bundle and the store metadata out of the package
+// and marks the bundle; it can be repeated after a cut at any point.
+bool FinishBundleAssembly(const FileURL& assembly, const ContainerRecord& record, ErrorRef* error);
+// Removes what is left of the package in a committed container; a failure is only logged.
+void RemovePackageLeftovers(const FileURL& container);
 
 // The new container's location once it is in place; on failure the assembly is removed.
 std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const ContainerRecord& record,
@@ -35,8 +52,9 @@ std::optional<FileURL> EnsureDataContainer(const WorkspaceLayout& layout, Worksp
 std::optional<FileURL> EnsureGroupContainer(const WorkspaceLayout& layout, WorkspaceIndex& index,
                                             const std::string& group, ErrorRef* error);
 
-// Removes abandoned assemblies and retires superseded bundle containers; what cannot be
-// removed is logged and left for the next time.
-void RecoverWorkspace(const WorkspaceIndex& index);
+// Finishes the installations that a dead process had prepared, retires superseded bundle
+// containers and removes abandoned assemblies, keeping `index` in step and its leftover
+// lists empty. What cannot be done is logged and left for the next scan.
+void RecoverWorkspace(WorkspaceIndex& index);
 
 }  // namespace vx

@@ -1,21 +1,34 @@
 // Installation. The order is what makes it safe to cut off anywhere:
 //   1. read and check the package; nothing on the device changes before it passes;
-//   2. make the data and group containers the identifier lacks (each whole or absent, and
-//      found again by identifier, so a retry never makes a second one);
-//   3. assemble the new bundle container beside its final place and rename it in: that
-//      rename is the commit, and a higher install sequence makes it win over the old one;
-//   4. retire the old bundle container and consume the package.
-// A crash before 3 leaves the old installation, after it the new; leftovers of an
-// interrupted run are hidden from every scan and removed by the next installation.
+//   2. under the writers' lock, make the data and group containers the identifier lacks
+//      (each whole or absent, and found again by identifier, so a retry never makes a
+//      second one);
+//   3. assemble the new bundle container under a hidden name beside its final place: its
+//      record first, then the package renamed in whole (a placeholder's or a VPN plug-in's
+//      bundle alone). From that rename on the package is gone from where it was and the
+//      installation can only go forward: an assembly that holds its package or bundle is
+//      finished by whoever scans the workspace next. The bundle and the store metadata are
+//      renamed out of the package, and renaming the assembly into place is the commit; a
+//      higher install sequence makes it win over the old one;
+//   4. retire the old bundle container and remove what is left of the package.
+// A cut before 3 leaves the old installation, after it the new; leftovers of an interrupted
+// run are hidden from every scan and cleaned up by the next one. The bundle is copied only
+// when the package lies on another file system, and then under a name that no scan takes
+// for the bundle until the copy is whole.
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <cstring>
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
-#include "platform/files/AtomicFile.h"
+#include "platform/files/Beneath.h"
 #include "platform/files/Sys.h"
+#include "platform/files/UniqueFd.h"
 #include "platform/log/InstallerLog.h"
 #include "platform/workspace/Workspace.h"
 #include "platform/workspace/WorkspaceContainers.h"
+#include "platform/workspace/WorkspaceIndexCache.h"
 #include "platform/workspace/WorkspacePackage.h"
 #include "platform/workspace/WorkspaceRegistry.h"
 #include "support/errors/ErrorMakers.h"
@@ -73,43 +86,198 @@ struct BundlePlacement {
   const PackageBundle* bundle = nullptr;
   std::string bundleType;
   std::optional<uint64_t> installType;
-  bool placeholder = false;
   std::optional<FileURL> metadataDirectory;
   const PlistData* storeMetadata = nullptr;
 };
 
-bool FillBundleContainer(const BundlePlacement& placement, const FileURL& assembly,
-                         ErrorRef* error) {
-  const FileURL installed =
-      assembly.URLByAppendingPathComponent(placement.bundle->url.lastPathComponent(), true);
-  // A copy, not a move: the package must stay whole until the new container is in place.
-  if (!Files().copyItemAtURL(placement.bundle->url, installed, error)) return false;
-  if (placement.installType && !Files().setInstallType(*placement.installType, installed, error)) {
+ErrorRef PosixFailure(int line, int e, const char* what, const FileURL& url) {
+  return PosixError(kInstallFunction, line, e, "Failed to %s %s: %s", what, url.path(),
+                    std::strerror(e));
+}
+
+// What goes into the assembly at the point of no return, as a name in an open directory:
+// the whole package for a customer application (so that its bundle and its store metadata
+// leave the package in one rename, and no half-consumed package is ever left behind), or
+// the bundle alone (a placeholder, which is its own package; a VPN plug-in beside an
+// application). The package lies in a tree its application could write, so the directory
+// is reached without following any link in it.
+struct Arrival {
+  UniqueFd directory;
+  std::string name;    // in `directory`
+  std::string target;  // in the assembly
+  bool wholePackage = false;
+};
+
+std::optional<Arrival> OpenArrival(const FileURL& location, const PackageBundle& bundle,
+                                   bool wholePackage, bool placeholder, ErrorRef* error) {
+  Arrival arrival;
+  arrival.wholePackage = wholePackage;
+  arrival.target = wholePackage ? kPackageDirectoryName : bundle.url.lastPathComponent();
+  if (wholePackage || placeholder) {
+    // The package is a directory of the caller's choosing, in a directory it trusts.
+    arrival.name = location.lastPathComponent();
+    arrival.directory = OpenDirectoryNoFollow(
+        location.URLByDeletingLastPathComponent().fileSystemRepresentation());
+  } else if (UniqueFd package = OpenDirectoryNoFollow(location.fileSystemRepresentation())) {
+    arrival.name = bundle.url.lastPathComponent();
+    arrival.directory = OpenBeneath(package.get(), "Payload", O_RDONLY | O_DIRECTORY);
+  }
+  if (!arrival.directory) {
+    SetError(error, PosixFailure(__LINE__, errno, "open the package of", bundle.url));
+    return std::nullopt;
+  }
+  return arrival;
+}
+
+// Renames the arrival into the assembly (`*moved` true). When the package lies on another
+// file system, copies the bundle and the store metadata instead and leaves the package
+// whole, to be consumed once the container is in place.
+bool BringIn(const Arrival& arrival, const BundlePlacement& placement, const FileURL& assembly,
+             bool* moved, ErrorRef* error) {
+  *moved = false;
+  const PackageBundle& bundle = *placement.bundle;
+  UniqueFd original = OpenBeneath(arrival.directory.get(), arrival.name, O_RDONLY | O_DIRECTORY);
+  UniqueFd target = OpenDirectoryNoFollow(assembly.fileSystemRepresentation());
+  struct stat before {};
+  if (!original || !target || ::fstat(original.get(), &before) != 0) {
+    SetError(error, PosixFailure(__LINE__, errno, "open", bundle.url));
     return false;
   }
-  if (placement.placeholder && !Files().markBundleAsPlaceholder(installed, error)) return false;
-  if (placement.metadataDirectory &&
-      !Files().captureStoreDataFromDirectory(*placement.metadataDirectory, assembly, true, true,
-                                             error)) {
-    return false;
-  }
-  if (placement.storeMetadata) {
-    const FileURL file = assembly.URLByAppendingPathComponent("LyrandMetadata.plist");
-    int e = 0;
-    if (!WriteFileAtomically(file.path(), *placement.storeMetadata, &e)) {
-      SetError(error, PosixError(kInstallFunction, __LINE__, e, "Failed to write %s: %s",
-                                 file.path(), std::strerror(e)));
-      return false;
+  if (sys::Renameat(arrival.directory.get(), arrival.name.c_str(), target.get(),
+                    arrival.target.c_str()) == 0) {
+    // The name may have been swapped for something else since it was opened; only the
+    // directory that was checked may stay.
+    struct stat after {};
+    if (::fstatat(target.get(), arrival.target.c_str(), &after, AT_SYMLINK_NOFOLLOW) == 0 &&
+        after.st_dev == before.st_dev && after.st_ino == before.st_ino) {
+      *moved = true;
+      return true;
     }
+    sys::Renameat(target.get(), arrival.target.c_str(), arrival.directory.get(),
+                  arrival.name.c_str());
+    SetError(error, PosixFailure(__LINE__, EINVAL, "install (it changed while it was moved)",
+                                 bundle.url));
+    return false;
+  }
+  if (errno != EXDEV) {
+    SetError(error, PosixFailure(__LINE__, errno, "move", bundle.url));
+    return false;
+  }
+  // Another file system. The copy takes the bundle's name only once it is whole, so that an
+  // assembly holding the bundle always holds all of it.
+  const std::string name = bundle.url.lastPathComponent();
+  const std::string incoming = ".incoming-" + name;
+  if ((arrival.wholePackage && placement.metadataDirectory &&
+       !Files().captureStoreDataFromDirectory(*placement.metadataDirectory, assembly, true, true,
+                                              error)) ||
+      !Files().copyItemAtURL(bundle.url, assembly.URLByAppendingPathComponent(incoming, true),
+                             error)) {
+    return false;
+  }
+  if (sys::Renameat(target.get(), incoming.c_str(), target.get(), name.c_str()) != 0) {
+    SetError(error, PosixFailure(__LINE__, errno, "move", bundle.url));
+    return false;
   }
   return true;
 }
 
+// Undoes BringIn and FinishBundleAssembly after a failure: the store metadata and the
+// bundle go back into the package, and the package where it was. False when that cannot be
+// done; the assembly must then stay, for the next scan to finish.
+bool SendBack(const Arrival& arrival, const FileURL& assembly, const std::string& bundleName) {
+  UniqueFd directory = OpenDirectoryNoFollow(assembly.fileSystemRepresentation());
+  if (!directory) return false;
+  if (arrival.wholePackage) {
+    UniqueFd package =
+        OpenBeneath(directory.get(), kPackageDirectoryName, O_RDONLY | O_DIRECTORY);
+    if (!package) return false;
+    struct stat st {};
+    for (const std::string& item :
+         VXGlobalConfiguration::sharedInstance().appBundleMetadataItemNames()) {
+      if (::fstatat(directory.get(), item.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+          sys::Renameat(directory.get(), item.c_str(), package.get(), item.c_str()) != 0) {
+        return false;
+      }
+    }
+    if (::fstatat(directory.get(), bundleName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      UniqueFd payload = OpenBeneath(package.get(), "Payload", O_RDONLY | O_DIRECTORY);
+      if (!payload || sys::Renameat(directory.get(), bundleName.c_str(), payload.get(),
+                                    bundleName.c_str()) != 0) {
+        return false;
+      }
+    }
+  }
+  return sys::Renameat(directory.get(), arrival.target.c_str(), arrival.directory.get(),
+                       arrival.name.c_str()) == 0;
+}
+
+// Bytes that exist nowhere else, written into an assembly; the open file, synced when the
+// container is committed.
+UniqueFd WriteFileIntoAssembly(const FileURL& file, const PlistData& bytes, ErrorRef* error) {
+  UniqueFd fd(sys::Open(file.fileSystemRepresentation(),
+                        O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!fd || !sys::WriteAll(fd.get(), bytes.data(), bytes.size())) {
+    SetError(error, PosixFailure(__LINE__, errno, "write", file));
+    return UniqueFd();
+  }
+  return fd;
+}
+
+// Assembles the bundle container of `placement` and commits it: its location in place.
+// Unless this succeeds the package keeps its bundle (or a cut leaves them in an assembly
+// past the point of no return, which the next scan finishes).
+std::optional<FileURL> AssembleBundleContainer(const WorkspaceLayout& layout,
+                                               const BundlePlacement& placement,
+                                               const ContainerRecord& record,
+                                               const Arrival& arrival, ErrorRef* error) {
+  const FileURL parent = layout.directoryForClass(ContainerClass::Bundle);
+  if (!Files().createDirectoryAtURL(parent, true, 0755, error)) return std::nullopt;
+  const FileURL assembly = parent.URLByAppendingPathComponent(NewAssemblyName(), true);
+  if (!Files().createDirectoryAtURL(assembly, false, 0755, error)) return std::nullopt;
+
+  bool moved = false;
+  std::optional<FileURL> placed;
+  UniqueFd metadata;
+  if (placement.storeMetadata) {
+    metadata = WriteFileIntoAssembly(assembly.URLByAppendingPathComponent("LyrandMetadata.plist"),
+                                     *placement.storeMetadata, error);
+  }
+  UniqueFd written;
+  if (metadata || !placement.storeMetadata) {
+    written = WorkspaceLayout::writeRecordIntoAssembly(assembly, record, error);
+  }
+  // The record is synced before the package comes in: should a power cut keep the package's
+  // rename but lose the record, the bundle would lie in a directory no scan recognises.
+  if (written && sys::Fsync(written.get()) != 0) {
+    SetError(error, PosixFailure(__LINE__, errno, "sync the record in", assembly));
+    written.reset();
+  }
+  if (written && BringIn(arrival, placement, assembly, &moved, error) &&
+      FinishBundleAssembly(assembly, record, error)) {
+    placed = CommitAssembly(assembly, {metadata.get()}, error);
+  }
+  if (placed) {
+    RemovePackageLeftovers(*placed);
+    return placed;
+  }
+  // Nothing is committed, so nothing may have changed: what came in goes back, and only
+  // then may the assembly go.
+  if (moved && !SendBack(arrival, assembly, record.bundleName)) {
+    VX_INSTALLER_LOG(3, kInstallFunction, "Left %@ in %@ for the next scan to install",
+                     placement.bundle->url, assembly);
+    return std::nullopt;
+  }
+  Files().removeItemAtURL(assembly, nullptr);
+  return std::nullopt;
+}
+
 // Puts the bundle in place as the identifier's installation and retires what it replaces.
-bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndex& index,
-                 const BundlePlacement& placement, InstallFailure* failure) {
+bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndexCache::Change& change,
+                 const FileURL& location, bool placeholder, const BundlePlacement& placement,
+                 InstallFailure* failure) {
   const PackageBundle& bundle = *placement.bundle;
-  const IndexedContainer* previous = index.bundle(bundle.identifier);
+  WorkspaceIndex& index = change.index();
+  std::optional<FileURL> previous;
   ContainerRecord record;
   record.containerClass = ContainerClass::Bundle;
   record.identifier = bundle.identifier;
@@ -117,26 +285,32 @@ bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndex& index,
   record.bundleType = placement.bundleType;
   record.bundleVersion = bundle.version;
   record.appGroups = bundle.appGroups;
-  record.installSequence = previous ? previous->record.installSequence + 1 : 1;
+  record.installType = placement.installType;
+  record.installSequence = 1;
+  if (const IndexedContainer* installed = index.bundle(bundle.identifier)) {
+    previous = installed->url;
+    record.installSequence = installed->record.installSequence + 1;
+  }
 
   ErrorRef error;
-  auto placed = CreateContainer(
-      layout, record,
-      [&](const FileURL& assembly, ErrorRef* e) {
-        return FillBundleContainer(placement, assembly, e);
-      },
-      &error);
+  std::optional<FileURL> placed;
+  const bool wholePackage = !placeholder && placement.metadataDirectory.has_value();
+  if (auto arrival = OpenArrival(location, bundle, wholePackage, placeholder, &error)) {
+    placed = AssembleBundleContainer(layout, placement, record, *arrival, &error);
+  }
   if (!placed) {
+    change.failed();
     *failure = {kWorkspaceInstallError, "InstallFailed",
                 Format("Failed to install %@ as %@", bundle.url, bundle.identifier), error};
     return false;
   }
-  if (previous && !RetireContainer(previous->url, &error)) {
-    // The new container already wins every scan; the old one goes at the next recovery.
-    VX_INSTALLER_LOG(3, kInstallFunction, "Failed to retire old bundle container %@: %@",
-                     previous->url, error);
-  }
   index.bundles.insert_or_assign(bundle.identifier, IndexedContainer{*placed, record});
+  if (previous && !RetireContainer(*previous, &error)) {
+    // The new container already wins every scan; the old one goes at the next scan.
+    change.failed();
+    VX_INSTALLER_LOG(3, kInstallFunction, "Failed to retire old bundle container %@: %@",
+                     *previous, error);
+  }
   return true;
 }
 
@@ -185,7 +359,11 @@ std::optional<InstallFailure> BuiltInRefusal(VXGlobalConfiguration& configuratio
 
 // The package goes in one rename before it is removed: a crash part-way through removing
 // it must never leave a half package that a retry would install as if it were whole.
-void ConsumePackage(const WorkspaceLayout& layout, const FileURL& location) {
+bool ConsumePackage(const WorkspaceLayout& layout, const FileURL& location) {
+  struct stat st {};
+  if (::lstat(location.fileSystemRepresentation(), &st) != 0 && errno == ENOENT) {
+    return true;  // a placeholder package is its bundle, and that has moved
+  }
   const FileURL trash = layout.directoryForClass(ContainerClass::Bundle)
                             .URLByAppendingPathComponent(NewRetiredName(), true);
   const FileURL beside =
@@ -201,7 +379,9 @@ void ConsumePackage(const WorkspaceLayout& layout, const FileURL& location) {
   if (!Files().removeItemAtURL(doomed, &error)) {
     VX_INSTALLER_LOG(3, kInstallFunction, "Failed to remove installed package %@: %@", location,
                      error);
+    return false;
   }
+  return true;
 }
 
 }  // namespace
@@ -220,11 +400,6 @@ bool DeviceWorkspace::installApplication(const FileURL& location, const PlistDic
   };
 
   reporter.step(0, "Preflighting");
-  WorkspaceIndex index = ScanWorkspace(layout_);
-  RecoverWorkspace(index);
-  index.abandoned.clear();
-  index.superseded.clear();
-
   auto package = ReadInstallPackage(location, options, &failure);
   if (!package) return fail(failure);
   reporter.step(10, "Verifying");
@@ -232,39 +407,47 @@ bool DeviceWorkspace::installApplication(const FileURL& location, const PlistDic
   if (!CheckInstallOptions(*package, options, blacklist ? *blacklist : IdentifierSet{}, &failure)) {
     return fail(failure);
   }
+  ErrorRef lockError;
+  std::optional<WorkspaceIndexCache::Change> change =
+      WorkspaceIndexCache::forLayout(layout_).begin(&lockError);
+  if (!change) {
+    return fail({kWorkspaceInstallError, "InstallFailed",
+                 Format("Failed to lock the workspace for %@", package->main.identifier),
+                 lockError});
+  }
   if (!package->placeholder) {
     if (auto refusal = BuiltInRefusal(configuration(), package->main)) {
-      ConsumePackage(layout_, location);
+      if (!ConsumePackage(layout_, location)) change->failed();
       return fail(*refusal);
     }
   }
-
   reporter.step(30, "CreatingContainers");
-  if (!MakeContainers(layout_, index, *package, &failure)) return fail(failure);
+  if (!MakeContainers(layout_, change->index(), *package, &failure)) {
+    change->failed();
+    return fail(failure);
+  }
 
   reporter.step(50, "InstallingApplication");
   const auto installType = RequestedInstallType(options);
   if (package->plugin) {
-    BundlePlacement plugin{&*package->plugin, "VPNPlugin", installType, false,
-                           std::nullopt,      nullptr};
-    if (!PlaceBundle(layout_, index, plugin, &failure)) return fail(failure);
+    BundlePlacement plugin{&*package->plugin, "VPNPlugin", installType, std::nullopt, nullptr};
+    if (!PlaceBundle(layout_, *change, location, false, plugin, &failure)) return fail(failure);
   }
-  BundlePlacement application{&package->main,
-                              "User",
-                              installType,
-                              false,
-                              package->metadataDirectory,
+  BundlePlacement application{&package->main, "User", installType, package->metadataDirectory,
                               package->storeMetadata ? &*package->storeMetadata : nullptr};
   if (package->placeholder) {
     application.bundleType = "Placeholder";
-    application.placeholder = true;
   } else if (package->main.isVPNPlugin) {
     application.bundleType = "VPNPlugin";
   }
-  if (!PlaceBundle(layout_, index, application, &failure)) return fail(failure);
+  if (!PlaceBundle(layout_, *change, location, package->placeholder, application, &failure)) {
+    return fail(failure);
+  }
 
   reporter.step(90, "Finishing");
-  ConsumePackage(layout_, location);
+  // The package's leftovers go through our bundle directory, where a failed removal leaves
+  // a hidden leftover that the next scan has to find.
+  if (!ConsumePackage(layout_, location)) change->failed();
   reporter.step(100, "Complete");
   return true;
 }

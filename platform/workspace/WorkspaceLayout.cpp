@@ -19,6 +19,7 @@
 namespace vx {
 
 const char* const kContainerRecordFileName = ".com.tarsel.velotrix.container.plist";
+const char* const kPackageDirectoryName = ".package";
 
 namespace {
 
@@ -73,6 +74,7 @@ PlistDictionary ContainerRecordDictionary(const ContainerRecord& record) {
     dict["BundleType"] = record.bundleType;
     dict["InstallSequence"] = static_cast<long long>(record.installSequence);
     if (record.bundleVersion) dict["BundleVersion"] = *record.bundleVersion;
+    if (record.installType) dict["InstallType"] = static_cast<long long>(*record.installType);
     PlistArray groups;
     for (const auto& group : record.appGroups) groups.emplace_back(group);
     dict["AppGroups"] = std::move(groups);
@@ -105,6 +107,9 @@ std::optional<ContainerRecord> ContainerRecordFromDictionary(const PlistDictiona
   record.installSequence = *sequence->int64Value();
   if (const std::string* version = whole.stringForKey("BundleVersion")) {
     record.bundleVersion = *version;
+  }
+  if (const PlistValue* type = whole.find("InstallType"); type && type->isInteger()) {
+    record.installType = static_cast<uint64_t>(*type->int64Value());
   }
   if (const PlistValue* groups = whole.find("AppGroups"); groups && groups->array()) {
     for (const auto& group : *groups->array()) {
@@ -152,6 +157,23 @@ bool WorkspaceLayout::writeRecord(const FileURL& container, const ContainerRecor
   return true;
 }
 
+UniqueFd WorkspaceLayout::writeRecordIntoAssembly(const FileURL& assembly,
+                                                  const ContainerRecord& record, ErrorRef* error) {
+  const FileURL url = recordURL(assembly);
+  const std::vector<uint8_t> bytes =
+      SerializePropertyList(PlistValue(ContainerRecordDictionary(record)), PlistFormat::XML);
+  UniqueFd fd(sys::Open(url.fileSystemRepresentation(),
+                        O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!fd || !sys::WriteAll(fd.get(), bytes.data(), bytes.size())) {
+    const int e = errno;
+    SetError(error,
+             PosixError("-[WorkspaceLayout writeRecord:toContainer:error:]", __LINE__, e,
+                        "Failed to write container record %s: %s", url.path(), std::strerror(e)));
+    return UniqueFd();
+  }
+  return fd;
+}
+
 std::string NewContainerUUID() {
   std::array<uint8_t, 16> bytes{};
   size_t filled = 0;
@@ -187,6 +209,8 @@ std::string NewAssemblyName() {
 std::string NewRetiredName() { return kRetiredPrefix + NewContainerUUID(); }
 
 bool IsHiddenContainerName(const std::string& name) { return !name.empty() && name[0] == '.'; }
+
+bool IsAssemblyName(const std::string& name) { return StartsWith(name, kAssemblyPrefix); }
 
 bool IsAbandonedHiddenName(const std::string& name) {
   if (StartsWith(name, kRetiredPrefix)) return true;

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/files/UniqueFd.h"
 #include "support/types/FileURL.h"
 #include "support/types/InstallerError.h"
 #include "support/types/PlistValue.h"
@@ -24,6 +25,8 @@ namespace vx {
 enum class ContainerClass { Bundle, Data, PluginData, Group };
 
 extern const char* const kContainerRecordFileName;  // ".com.tarsel.velotrix.container.plist"
+// Inside a bundle assembly: the package, moved in whole, until its bundle is taken out.
+extern const char* const kPackageDirectoryName;  // ".package"
 
 struct ContainerRecord {
   ContainerClass containerClass = ContainerClass::Bundle;
@@ -33,6 +36,9 @@ struct ContainerRecord {
   std::string bundleType;  // "User", "Placeholder" or "VPNPlugin"
   std::optional<std::string> bundleVersion;
   std::vector<std::string> appGroups;
+  // The install type the bundle is marked with, so that an interrupted installation can be
+  // finished the way it began.
+  std::optional<uint64_t> installType;
   // Orders the bundle containers of one identifier: the highest is the installation.
   int64_t installSequence = 0;
 };
@@ -55,6 +61,11 @@ class WorkspaceLayout {
   static std::optional<ContainerRecord> readRecord(const FileURL& container);
   // Durable once it returns true.
   static bool writeRecord(const FileURL& container, const ContainerRecord& record, ErrorRef* error);
+  // Writes the record into an assembly nobody else looks into and hands back the open file,
+  // not yet synced: the caller syncs it when its durability is due (an invalid handle and
+  // an error on failure).
+  static UniqueFd writeRecordIntoAssembly(const FileURL& assembly, const ContainerRecord& record,
+                                          ErrorRef* error);
 
  private:
   std::string root_;  // ends with "/"
@@ -68,6 +79,7 @@ std::string NewContainerUUID();
 std::string NewAssemblyName();
 std::string NewRetiredName();
 bool IsHiddenContainerName(const std::string& name);
+bool IsAssemblyName(const std::string& name);
 // True for a leftover nobody works on any more: a retired container, or an assembly whose
 // process is gone (or is this one, which has no assembly open between installations).
 bool IsAbandonedHiddenName(const std::string& name);

@@ -7,6 +7,7 @@
 #include "platform/log/InstallerLog.h"
 #include "platform/workspace/Workspace.h"
 #include "platform/workspace/WorkspaceContainers.h"
+#include "platform/workspace/WorkspaceIndexCache.h"
 #include "platform/workspace/WorkspacePackage.h"
 #include "platform/workspace/WorkspaceRegistry.h"
 
@@ -43,7 +44,7 @@ std::vector<std::string> BuiltInAppGroups(const FileURL& bundle) {
 
 bool DeviceWorkspace::applicationIsInstalled(const std::string& identifier) {
   std::lock_guard lock(mutex());
-  return ScanWorkspace(layout_).bundle(identifier) ||
+  return WorkspaceIndexCache::forLayout(layout_).current().bundle(identifier) ||
          BuiltInRecord(configuration().systemAppBundleIDToInfoMap(), identifier);
 }
 
@@ -59,7 +60,8 @@ std::optional<BundleProxy> DeviceWorkspace::existingBundleProxy(const std::strin
 std::vector<std::string> DeviceWorkspace::installedBundleIdentifiers() {
   std::lock_guard lock(mutex());
   std::set<std::string> identifiers;
-  for (const auto& [identifier, container] : ScanWorkspace(layout_).bundles) {
+  for (const auto& [identifier, container] :
+       WorkspaceIndexCache::forLayout(layout_).current().bundles) {
     identifiers.insert(identifier);
   }
   if (BundleMapRef builtIn = configuration().systemAppBundleIDToInfoMap()) {
@@ -71,7 +73,8 @@ std::vector<std::string> DeviceWorkspace::installedBundleIdentifiers() {
 std::optional<BundleProxy> DeviceWorkspace::proxy(const std::string& identifier,
                                                   bool makeContainers) {
   std::lock_guard lock(mutex());
-  WorkspaceIndex index = ScanWorkspace(layout_);
+  WorkspaceIndexCache& cache = WorkspaceIndexCache::forLayout(layout_);
+  const WorkspaceIndex& index = cache.current();
   BundleProxy proxy;
   proxy.bundleIdentifier = identifier;
   std::vector<std::string> groups;
@@ -98,28 +101,51 @@ std::optional<BundleProxy> DeviceWorkspace::proxy(const std::string& identifier,
   }
   proxy.foundBackingBundle = IsDirectory(*proxy.bundleURL);
 
-  ErrorRef error;
+  std::map<std::string, FileURL> groupURLs;
+  bool complete = true;
   if (const IndexedContainer* data = index.dataContainer(identifier)) {
     proxy.dataContainerURL = data->url;
-  } else if (makeContainers) {
-    proxy.dataContainerURL = EnsureDataContainer(layout_, index, identifier, dataClass, &error);
-    if (!proxy.dataContainerURL) {
-      VX_INSTALLER_LOG(3, kProxyFunction, "Failed to make the data container of %@: %@", identifier,
-                       error);
+  } else {
+    complete = false;
+  }
+  for (const std::string& group : groups) {
+    if (auto url = index.groupContainer(group)) {
+      groupURLs.emplace(group, *url);
+    } else {
+      complete = false;
     }
   }
+  if (complete || !makeContainers) {
+    proxy.groupContainerURLs = std::move(groupURLs);
+    return proxy;
+  }
 
-  std::map<std::string, FileURL> groupURLs;
+  // Something is missing: make it under the writers' lock, against the index as it is then
+  // (another process may have made it meanwhile).
+  ErrorRef error;
+  std::optional<WorkspaceIndexCache::Change> change = cache.begin(&error);
+  if (!change) {
+    VX_INSTALLER_LOG(3, kProxyFunction, "Failed to lock the workspace for %@: %@", identifier,
+                     error);
+    return proxy;
+  }
+  proxy.dataContainerURL =
+      EnsureDataContainer(layout_, change->index(), identifier, dataClass, &error);
+  if (!proxy.dataContainerURL) {
+    change->failed();
+    VX_INSTALLER_LOG(3, kProxyFunction, "Failed to make the data container of %@: %@", identifier,
+                     error);
+  }
+  groupURLs.clear();
   for (const std::string& group : groups) {
-    auto url = index.groupContainer(group);
-    if (!url && makeContainers) url = EnsureGroupContainer(layout_, index, group, &error);
-    if (url) {
-      groupURLs.emplace(group, *url);
-    } else if (makeContainers) {
+    auto url = EnsureGroupContainer(layout_, change->index(), group, &error);
+    if (!url) {
+      change->failed();
       VX_INSTALLER_LOG(3, kProxyFunction, "Failed to make the container of group %@ for %@: %@",
                        group, identifier, error);
       return proxy;  // without group containers: they could not all be had
     }
+    groupURLs.emplace(group, *url);
   }
   proxy.groupContainerURLs = std::move(groupURLs);
   return proxy;

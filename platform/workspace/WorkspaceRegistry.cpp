@@ -3,12 +3,17 @@
 #include <dirent.h>
 #include <fcntl.h>
 
-#include <algorithm>
+#include <sys/stat.h>
 
 #include "platform/files/UniqueFd.h"
 
 namespace vx {
 namespace {
+
+bool IsRealDirectory(const FileURL& url) {
+  struct stat st {};
+  return ::lstat(url.fileSystemRepresentation(), &st) == 0 && S_ISDIR(st.st_mode);
+}
 
 void ScanClass(const WorkspaceLayout& layout, ContainerClass containerClass,
                WorkspaceIndex& index) {
@@ -16,7 +21,17 @@ void ScanClass(const WorkspaceLayout& layout, ContainerClass containerClass,
   for (const std::string& name : SortedEntryNames(directory)) {
     const FileURL url = directory.URLByAppendingPathComponent(name, true);
     if (IsHiddenContainerName(name)) {
-      if (IsAbandonedHiddenName(name)) index.abandoned.push_back(url);
+      if (!IsAbandonedHiddenName(name)) continue;
+      if (containerClass == ContainerClass::Bundle && IsAssemblyName(name)) {
+        if (auto record = WorkspaceLayout::readRecord(url);
+            record && record->containerClass == containerClass &&
+            (IsRealDirectory(InstalledBundleURL(IndexedContainer{url, *record})) ||
+             IsRealDirectory(url.URLByAppendingPathComponent(kPackageDirectoryName, true)))) {
+          index.prepared.push_back(IndexedContainer{url, std::move(*record)});
+          continue;
+        }
+      }
+      index.abandoned.push_back(url);
       continue;
     }
     // Without its record a directory is no container of ours: a container's record is the
@@ -25,19 +40,9 @@ void ScanClass(const WorkspaceLayout& layout, ContainerClass containerClass,
     if (!record || record->containerClass != containerClass) continue;
 
     switch (containerClass) {
-      case ContainerClass::Bundle: {
-        auto [it, inserted] =
-            index.bundles.try_emplace(record->identifier, IndexedContainer{url, *record});
-        if (!inserted) {
-          if (it->second.record.installSequence < record->installSequence) {
-            index.superseded.push_back(it->second.url);
-            it->second = IndexedContainer{url, *record};
-          } else {
-            index.superseded.push_back(url);
-          }
-        }
+      case ContainerClass::Bundle:
+        index.addBundle(IndexedContainer{url, std::move(*record)});
         break;
-      }
       case ContainerClass::Data:
       case ContainerClass::PluginData:
         // Data is never dropped or merged: should two ever exist, the first by name wins
@@ -52,6 +57,18 @@ void ScanClass(const WorkspaceLayout& layout, ContainerClass containerClass,
 }
 
 }  // namespace
+
+void WorkspaceIndex::addBundle(IndexedContainer container) {
+  const std::string identifier = container.record.identifier;
+  auto [it, inserted] = bundles.try_emplace(identifier, container);
+  if (inserted) return;
+  if (it->second.record.installSequence < container.record.installSequence) {
+    superseded.push_back(it->second.url);
+    it->second = std::move(container);
+  } else {
+    superseded.push_back(container.url);
+  }
+}
 
 const IndexedContainer* WorkspaceIndex::bundle(const std::string& identifier) const {
   auto it = bundles.find(identifier);
