@@ -82,6 +82,22 @@ TEST(HostEndToEndTest, MigratesANoticeOnlyDevice) {
             std::string::npos);
 }
 
+// The demo is what a newcomer sees first: one screen, and no failure where there is none (the
+// sample's older copy of a built-in application is turned away on purpose).
+TEST(HostEndToEndTest, DemoFitsAScreenWithoutErrors) {
+  TempDir tmp;
+  auto demo = Host({"demo"}, {{"TMPDIR", tmp.path()}});
+  ASSERT_EQ(demo.exitStatus, 0) << demo.describe();
+  std::istringstream lines(demo.out + demo.err);
+  int count = 0;
+  for (std::string line; std::getline(lines, line); ++count) {
+    EXPECT_NE(line.rfind("error:", 0), 0u) << line;
+    EXPECT_EQ(line.find("lost"), std::string::npos) << line;
+  }
+  EXPECT_LE(count, 40) << demo.out;
+  EXPECT_NE(demo.out.find("the newer built-in copy serves its data"), std::string::npos);
+}
+
 TEST(HostEndToEndTest, UsageAndLoadingProblemsExitTwo) {
   TempDir device, plugins;
   LayOutNoticeOnlyDevice(device);

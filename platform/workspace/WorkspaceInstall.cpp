@@ -418,7 +418,15 @@ bool DeviceWorkspace::installApplication(const FileURL& location, const PlistDic
   if (!package->placeholder) {
     if (auto refusal = BuiltInRefusal(configuration(), package->main)) {
       if (!ConsumePackage(layout_, location)) change->failed();
-      return fail(*refusal);
+      // An older copy of a built-in application is turned away by design (the built-in one
+      // serves its data), so the log notes it rather than reporting a failure; the caller
+      // still gets the error and the progress report.
+      reporter.failed(*refusal, location);
+      VX_INSTALLER_LOG(5, kInstallFunction, "%s; the built-in copy stays", refusal->message);
+      ErrorRef refused = _CreateError(kInstallFunction, __LINE__, VXInstallerErrorDomain,
+                                      refusal->code, "%s", refusal->message);
+      SetError(error, std::move(refused));
+      return false;
     }
   }
   reporter.step(30, "CreatingContainers");
