@@ -236,6 +236,24 @@ class Cloner {
   std::map<std::pair<dev_t, ino_t>, FirstCopy> linked_;  // copies of multiply-linked files
 };
 
+// Gives a node just made by name (a FIFO, device node or link, which cannot be opened to be
+// changed by descriptor) the source's owner, mode and times; on failure it goes again, so that
+// no half-made copy stays behind. Without privilege the owner stays the copier's.
+int StampNodeAt(int dstDir, const std::string& name, const struct stat& st, bool withMode) {
+  const struct timespec times[2] = {st.st_atim, st.st_mtim};
+  int e = 0;
+  if (sys::Fchownat(dstDir, name.c_str(), st.st_uid, st.st_gid, AT_SYMLINK_NOFOLLOW) != 0 &&
+      errno != EPERM) {
+    e = errno;
+  } else if (withMode && sys::Fchmodat(dstDir, name.c_str(), st.st_mode & 07777, 0) != 0) {
+    e = errno;
+  } else if (sys::Utimensat(dstDir, name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+    e = errno;
+  }
+  if (e) sys::Unlinkat(dstDir, name.c_str(), 0);
+  return e;
+}
+
 int Cloner::Run(const std::string& source, const std::string& destination) {
   UniqueFd srcDir;
   UniqueFd dstDir;
@@ -350,20 +368,7 @@ int Cloner::CloneSpecial(int dstDir, const std::string& dstName, const struct st
     if (sys::Mknodat(dstDir, name.c_str(), st.st_mode & (S_IFMT | 0600), st.st_rdev) != 0) {
       return errno;
     }
-    int e = 0;
-    if (flags_ & kCloneStat) {
-      const struct timespec times[2] = {st.st_atim, st.st_mtim};
-      if (sys::Fchownat(dstDir, name.c_str(), st.st_uid, st.st_gid, AT_SYMLINK_NOFOLLOW) != 0 &&
-          errno != EPERM) {
-        e = errno;
-      } else if (sys::Fchmodat(dstDir, name.c_str(), st.st_mode & 07777, 0) != 0) {
-        e = errno;
-      } else if (sys::Utimensat(dstDir, name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-        e = errno;
-      }
-    }
-    if (e) sys::Unlinkat(dstDir, name.c_str(), 0);
-    return e;
+    return (flags_ & kCloneStat) ? StampNodeAt(dstDir, name, st, true) : 0;
   });
 }
 
@@ -382,17 +387,8 @@ int Cloner::CloneLink(int srcDir, const std::string& srcName, int dstDir,
   }
   return Place(dstDir, dstName, [&](const std::string& name) {
     if (sys::Symlinkat(target.c_str(), dstDir, name.c_str()) != 0) return errno;
-    if (!(flags_ & kCloneStat)) return 0;
-    const struct timespec times[2] = {st.st_atim, st.st_mtim};
-    int e = 0;
-    if (sys::Fchownat(dstDir, name.c_str(), st.st_uid, st.st_gid, AT_SYMLINK_NOFOLLOW) != 0 &&
-        errno != EPERM) {
-      e = errno;
-    } else if (sys::Utimensat(dstDir, name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-      e = errno;
-    }
-    if (e) sys::Unlinkat(dstDir, name.c_str(), 0);
-    return e;
+    // A link has no mode of its own on Linux.
+    return (flags_ & kCloneStat) ? StampNodeAt(dstDir, name, st, false) : 0;
   });
 }
 
