@@ -81,16 +81,20 @@ TEST_F(IntrospectionTest, LinksAndBadMarkersLeaveTheContainerAndAGoodMarkerWins)
 
   // Only the types are checked, and the first wrong one is reported.
   PlistDictionary record{{"ContainerPath", c}, {"BundlePath", c + "/Gone.app"}, {"ContainerType", 1},
-                         {"BundleIdentifier", ""}, {"SecondBundlePath", 7}};
-  for (const std::string& expected :
-       {"Failed to get container type from migration marker file " + marker.path(),
-        std::string("Second bundle path was not a string: 7")}) {
+                         {"BundleIdentifier", false}, {"SecondBundlePath", 7}};
+  const std::pair<std::string, std::pair<const char*, PlistValue>> faults[] = {
+      {"Failed to get container type from migration marker file " + marker.path(),
+       {"ContainerType", "Other"}},  // any text will do
+      {"Failed to get container bundle ID from migration marker file " + marker.path(),
+       {"BundleIdentifier", ""}},
+      {"Second bundle path was not a string: 7", {"SecondBundlePath", c + "/T.vpnplugin"}}};
+  for (const auto& [expected, fix] : faults) {
     log.clear();
     ASSERT_TRUE(migrator->_writeMigrationMarker(record));
     EXPECT_FALSE(migrator->_loadAndValidateMigrationMarkerAtURL(marker));
     EXPECT_TRUE(Logged(3, expected, "-[VXAppMigrator _loadAndValidateMigrationMarkerAtURL:]"));
     EXPECT_EQ(log.messages().size(), 1u);
-    record["ContainerType"] = "Other";  // any text will do
+    record[fix.first] = fix.second;
   }
   // A good one outranks whatever the container holds now.
   record["SecondBundlePath"] = c + "/Staging/Payload/T.vpnplugin";
@@ -169,6 +173,11 @@ TEST_F(GroupContainerTest, SharedGroupMovesOnceAndUnmovableItemsKeepTheOldContai
   WriteFile(old + "stuck/a", "a");
   MakeDirs(old + "stuck/New");  // the new container lies inside the old one, which cannot move
   WriteFile(fresh + "a/db", "fresh");
+  // Namesakes without bytes, of another kind, which a rename alone could not replace.
+  WriteFile(old + "shared/Caches", "a file now");
+  MakeDirs(fresh + "a/Caches/Empty");
+  WriteFile(old + "shared/Library/prefs", "a directory now");
+  MakeSymlink("elsewhere", fresh + "a/Library");
   WriteFile(OldContainer("Any/x"), "");  // without items the map is not read
   WriteInstallMap(GroupMap({{"g.shared", "/private/var/G/shared"},
                             {"g.stuck", "/private/var/G/stuck"}, {"g.no", "/private/var/G/no"}}));
@@ -185,6 +194,8 @@ TEST_F(GroupContainerTest, SharedGroupMovesOnceAndUnmovableItemsKeepTheOldContai
   ASSERT_EQ(keptAside.size(), 1u);
   EXPECT_EQ(ReadFile(keptAside[0].content.path() + "/db"), "fresh");
   EXPECT_TRUE(std::filesystem::is_symlink(fresh + "a/link"));
+  EXPECT_EQ(ReadFile(fresh + "a/Caches"), "a file now");
+  EXPECT_EQ(ReadFile(fresh + "a/Library/prefs"), "a directory now");
   EXPECT_FALSE(Exists(old + "shared"));
   EXPECT_EQ(ReadFile(old + "stuck/New/a"), "a");
   EXPECT_TRUE(Logged(3, "Not removing old group container at " + old +

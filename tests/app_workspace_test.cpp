@@ -8,6 +8,7 @@
 #include "filemanager/VXFileManager.h"
 #include "platform/plist/PlistFile.h"
 #include "platform/workspace/Workspace.h"
+#include "platform/workspace/WorkspaceLayout.h"
 #include "support/AppPackages.h"
 #include "support/TempDir.h"
 
@@ -95,6 +96,13 @@ TEST_F(AppWorkspaceTest, ReplacementsKeepDataAndSharedGroupContainers) {
   EXPECT_EQ(after->bundleType, "User");
   EXPECT_EQ(ReadFile(after->bundleURL->path() + "/App"), "real");
   EXPECT_EQ(after->dataContainerURL, before->dataContainerURL);
+  // Should a cut leave the replaced container beside its successor, the successor wins
+  // every later scan by its higher sequence, not by the chance of its name.
+  auto sequence = [](const BundleProxy& proxy) {
+    return WorkspaceLayout::readRecord(*proxy.bundleContainerURL)->installSequence;
+  };
+  const int64_t replacedSequence = sequence(*after);
+  EXPECT_EQ(replacedSequence, 2);
 
   // Every application declaring a group shares its container.
   ASSERT_TRUE(InstallCustomerPackage(workspace, device / "S2", "B.app",
@@ -108,6 +116,7 @@ TEST_F(AppWorkspaceTest, ReplacementsKeepDataAndSharedGroupContainers) {
   ASSERT_TRUE(InstallCustomerPackage(workspace, device / "S3", "Notes.app", notes));
   auto newer = workspace.bundleProxyForIdentifier("com.example.notes");
   EXPECT_EQ(newer->bundleVersion, "2.0");
+  EXPECT_EQ(sequence(*newer), replacedSequence + 1);
   EXPECT_EQ(newer->groupContainerURLs, after->groupContainerURLs);
   EXPECT_EQ(ReadFile(newer->dataContainerURL->path() + "/Documents/notes.txt"), "precious");
   EXPECT_EQ(ReadFile(shared.path() + "/shared.db"), "rows");

@@ -2,7 +2,12 @@
 // formatter and the two error makers.
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "platform/files/AtomicFile.h"
+#include "platform/files/Fault.h"
+#include "platform/files/Sys.h"
 #include "platform/log/InstallerLog.h"
 #include "platform/plist/PlistFile.h"
 #include "platform/system/DeviceRoot.h"
@@ -140,6 +145,36 @@ TEST(AtomicFileTest, CrashLeftoversOfTheSameTargetAreCleared) {
   EXPECT_EQ(test::ReadFile(dir / "marker.plist"), "ok");
   EXPECT_FALSE(test::Exists(dir / ".marker.plist.Ab3dE9"));
   EXPECT_TRUE(test::Exists(dir / ".other.plist.Ab3dE9") && test::Exists(dir / ".marker.plist.toolong"));
+}
+
+// A power cut at each step of a write, and one just after it returned: the target holds the
+// old bytes or all of the new, and once the write has returned, the new.
+TEST(AtomicFileTest, OldOrNewAfterAPowerCutAtAnyStep) {
+  test::TempDir dir;
+  const std::string target = dir / "record.plist";
+  const std::string fresh(10000, 'n');
+  const std::span bytes(reinterpret_cast<const uint8_t*>(fresh.data()), fresh.size());
+  fault::Disarm();
+  ASSERT_TRUE(WriteFileAtomically(target, bytes, nullptr));
+  const uint64_t steps = fault::MutationCount();
+  // The last cut comes at the first mutation after the write returned.
+  for (uint64_t step = 1; step <= steps + 1; ++step) {
+    test::WriteFile(target, "old");
+    const pid_t child = ::fork();
+    if (child == 0) {
+      fault::Arm(step, fault::Action::PowerCut, 0, {.stashDirectory = dir / "stash"});
+      WriteFileAtomically(target, bytes, nullptr);
+      for (;;) sys::Mkdir((dir / "after").c_str(), 0755);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "step " << step;
+    const std::string content = test::ReadFile(target);
+    EXPECT_TRUE(content == "old" || content == fresh) << "step " << step << ": " << content.size();
+    if (step > steps) {
+      EXPECT_EQ(content, fresh) << "the write returned, yet it was lost";
+    }
+  }
 }
 
 TEST(DeviceRootTest, DevicePathsStayUnderTheDeviceRoot) {

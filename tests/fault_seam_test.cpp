@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -90,6 +91,74 @@ TEST_F(FaultSeamTest, CrashEndsTheProcessBeforeTheNthMutationTakesEffect) {
   ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "status " << status;
   EXPECT_EQ((std::vector{Exists(t / "c1"), Exists(t / "c2"), Exists(t / "c3"), Exists(t / "c4")}),
             (std::vector{true, true, false, false}));
+}
+
+// Runs `work` in a child armed to cut the power at mutation `nth`; true when the cut came.
+template <typename Work>
+bool CutPowerAt(uint64_t nth, const fault::PowerCutOptions& options, Work work) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    fault::Arm(nth, fault::Action::PowerCut, 0, options);
+    work();
+    ::_exit(0);
+  }
+  int status = 0;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
+int OpenDirectory(const std::string& path) { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY); }
+
+TEST_F(FaultSeamTest, PowerCutKeepsOnlyWhatWasSynced) {
+  for (const char* name : {"a/gone", "a/grown", "a/moved", "b/replaced", "s/lost"}) {
+    test::WriteFile(t / name, name);
+  }
+  test::MakeDirs(t / "c");
+  ASSERT_TRUE(CutPowerAt(1000, {.stashDirectory = t / "stash"}, [&] {
+    // Never synced: a new directory, a removal, an append.
+    Make("new");
+    sys::Unlink((t / "a/gone").c_str());
+    UniqueFd grown(sys::Open((t / "a/grown").c_str(), O_WRONLY | O_APPEND));
+    sys::WriteAll(grown.get(), "+more", 5);
+    // Synced data under a name that is not goes with the name.
+    UniqueFd fresh(sys::Open((t / "c/fresh").c_str(), O_WRONLY | O_CREAT, 0644));
+    sys::WriteAll(fresh.get(), "data", 4);
+    sys::Fsync(fresh.get());
+    // A rename whose destination alone is synced stands (here over another file); whose
+    // source alone is synced loses the item.
+    sys::Rename((t / "a/moved").c_str(), (t / "b/replaced").c_str());
+    sys::Rename((t / "s/lost").c_str(), (t / "c/lost").c_str());
+    UniqueFd b(OpenDirectory(t / "b")), source(OpenDirectory(t / "s"));
+    sys::Fsync(b.get());
+    sys::Fsync(source.get());
+    for (;;) Make("the cut comes");
+  }));
+  EXPECT_FALSE(Exists(t / "new"));
+  EXPECT_EQ(test::ReadFile(t / "a/gone"), "a/gone");
+  EXPECT_EQ(test::ReadFile(t / "a/grown"), "a/grown") << "unsynced data is cut off";
+  EXPECT_FALSE(Exists(t / "c/fresh"));
+  EXPECT_FALSE(Exists(t / "a/moved"));
+  EXPECT_EQ(test::ReadFile(t / "b/replaced"), "a/moved");
+  EXPECT_FALSE(Exists(t / "s/lost") || Exists(t / "c/lost"));
+}
+
+TEST_F(FaultSeamTest, PartialPowerCutKeepsAPrefixOfOneDirectory) {
+  constexpr int kFiles = 12;
+  std::set<size_t> kept;
+  for (uint64_t seed = 1; seed <= 8; ++seed) {
+    const std::string root = t / ("seed" + std::to_string(seed));
+    test::MakeDirs(root);
+    ASSERT_TRUE(CutPowerAt(kFiles + 1, {.partial = true, .seed = seed, .stashDirectory = t / "stash"}, [&] {
+      for (int i = 0; i < kFiles + 1; ++i) sys::Mkdir((root + "/" + std::to_string(i)).c_str(), 0755);
+    }));
+    size_t survivors = 0;
+    while (Exists(root + "/" + std::to_string(survivors))) ++survivors;
+    for (int i = static_cast<int>(survivors); i <= kFiles; ++i) {
+      EXPECT_FALSE(Exists(root + "/" + std::to_string(i))) << "seed " << seed << ": not a prefix";
+    }
+    kept.insert(survivors);
+  }
+  EXPECT_GT(kept.size(), 2u) << "the point of the cut varies with the seed";
 }
 
 }  // namespace

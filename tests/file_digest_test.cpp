@@ -1,4 +1,5 @@
 // The file digest against sha256sum, and the chunking of the reader beneath it.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -85,6 +86,15 @@ TEST(FileDigestTest, FailuresLogTheStepThenTheLocation) {
     return ::truncate((tmp / "shrinking").c_str(), 10) == 0;
   }));
   EXPECT_TRUE(log.contains("read failed for " + tmp / "shrinking" + ", got 0 bytes", 3));
+  // Nor is a digest made of it: a file of /sys ends, as a file that shrank does, long before
+  // the size it gave.
+  const char* shorter = "/sys/devices/system/cpu/online";
+  struct stat st {};
+  if (::stat(shorter, &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 4096) {
+    EXPECT_EQ(Digest(shorter), std::nullopt);
+  } else {
+    ADD_FAILURE() << "no file of /sys to stand for one that shrinks: " << shorter;
+  }
   log.clear();
   // A consumer that stops the read fails it without a line of the reader's own.
   EXPECT_FALSE(_ReadFile((tmp / "dir/entry").c_str(), [](auto) { return false; }));

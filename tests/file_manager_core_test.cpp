@@ -120,7 +120,16 @@ TEST(FileManagerCopyMoveTest, MissingSourcesLinksAndReplacement) {
   EXPECT_NE(error->localizedDescription()->find("clonetree of "), std::string::npos);
   EXPECT_FALSE(fm().moveItemAtURL(U(t / "none"), U(t / "m"), &error));
   EXPECT_EQ(error->code(), ENOENT);
-  EXPECT_NE(error->localizedDescription()->find("rename of "), std::string::npos);
+  EXPECT_EQ(*error->localizedDescription(),
+            "rename of " + t / "none" + " to " + t / "m" + " failed: No such file or directory");
+  // A dangling link exists: the "if exists" forms take it along rather than leave it behind.
+  MakeSymlink(t / "nowhere", t / "dangling");
+  ASSERT_TRUE(fm().copyItemIfExistsAtURL(U(t / "dangling"), U(t / "dangling-copy"), &error));
+  ASSERT_TRUE(fm().moveItemIfExistsAtURL(U(t / "dangling"), U(t / "dangling-moved"), &error));
+  EXPECT_FALSE(Exists(t / "dangling"));
+  for (const char* name : {"dangling-copy", "dangling-moved"}) {
+    EXPECT_EQ(fs::read_symlink(t / name), t / "nowhere") << name;
+  }
 
   // A tree with a symbolic link copies the link as a link.
   WriteFile(t / "src/sub/data", "payload");

@@ -3,6 +3,8 @@
 // off at any step and started again.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 
 #include "host/sample/ManifestCheck.h"
@@ -14,6 +16,8 @@ namespace vx {
 namespace {
 
 const std::string kHost = std::string(VX_BIN_DIR) + "/vxmigrate";
+const std::string kVersionRecord =
+    "/private/var/mobile/Library/Velotrix/AppMigratorLastSystemVersion.plist";
 
 test::RunResult Host(const std::vector<std::string>& args, const test::RunOptions& options = {}) {
   return test::RunProgram(kHost, args, options);
@@ -56,8 +60,7 @@ TEST(SampleDeviceEndToEndTest, TwentyApplicationsMigrateWithEveryByte) {
   EXPECT_TRUE(std::filesystem::is_empty(root + "/private/var/mobile/Containers/Shared/AppGroup"))
       << "old group containers go once their files moved";
   EXPECT_FALSE(test::Exists(root + "/private/var/mobile/Library/Velotrix/SafeHarbor.plist"));
-  EXPECT_TRUE(test::Exists(
-      root + "/private/var/mobile/Library/Velotrix/AppMigratorLastSystemVersion.plist"));
+  EXPECT_TRUE(test::Exists(root + kVersionRecord));
 
   // A second run finds nothing to do and succeeds.
   auto again = Migrate(root);
@@ -104,17 +107,21 @@ TEST(SampleDeviceEndToEndTest, RunWithAFailureReportsItAndKeepsWhatItCouldNotMig
       << run.err;
   EXPECT_TRUE(test::Exists(trapped + "/Documents/notes.txt")) << "its data stays where it was";
   EXPECT_TRUE(test::Exists(root + "/private/var/mobile/Library/Caches/com.tarsel.velotrix.plist"));
-  EXPECT_FALSE(test::Exists(
-      root + "/private/var/mobile/Library/Velotrix/AppMigratorLastSystemVersion.plist"));
+  EXPECT_FALSE(test::Exists(root + kVersionRecord));
   const sample::ManifestReport report = sample::CheckMigratedDevice(root);
   EXPECT_EQ(report.applicationsInstalled, 2u) << Describe(report);
 }
 
-// One application's migration, cut off at every mutating call in turn (by a fault or by the
-// process ending there), and then run again cleanly: the second run must finish the job.
-// With `stride` above 1, only every stride-th call is cut, for devices whose every course
-// (a VPN plug-in, a shared group, a safe harbor) makes a full sweep too long.
-void CutOffAtEveryStep(bool crash, int apps = 1, int stride = 1) {
+enum class Cut { Failure, Crash, PowerCut, PartialPowerCut };
+
+// One application's migration, cut off at every mutating call in turn (by a fault, by the
+// process ending there, or by a power cut that loses what was not synced), and then run
+// again cleanly: the second run must finish the job. With `stride` above 1, only every
+// stride-th call is cut (starting at `first`), for devices whose every course (a VPN
+// plug-in, a shared group, a safe harbor) makes a full sweep too long.
+void CutOffAtEveryStep(Cut how, int apps = 1, int stride = 1, int first = 1) {
+  const bool crash = how != Cut::Failure;
+  const char* action[] = {"fail", "crash", "power-cut", "power-cut-partial"};
   test::TempDir t;
   const std::string pristine = t / "pristine";
   sample::SampleDeviceOptions options;
@@ -125,13 +132,13 @@ void CutOffAtEveryStep(bool crash, int apps = 1, int stride = 1) {
 
   int completedAt = 0;
   int placeholderOutcomes = 0;
-  for (int n = 1; n < 20000 && completedAt == 0; n += stride) {
+  for (int n = first; n < 20000 && completedAt == 0; n += stride) {
     const std::string root = t / ("run-" + std::to_string(n));
     std::filesystem::copy(pristine, root, std::filesystem::copy_options::recursive |
                                               std::filesystem::copy_options::copy_symlinks);
     test::RunOptions faulty;
     faulty.environment["VX_FAULT_AT"] = std::to_string(n);
-    faulty.environment["VX_FAULT_ACTION"] = crash ? "crash" : "fail";
+    faulty.environment["VX_FAULT_ACTION"] = action[static_cast<int>(how)];
     faulty.environment["VX_FAULT_ERRNO"] = "EIO";
     auto cut = Migrate(root, faulty);
     const bool faultHit = cut.err.find("vx fault seam:") != std::string::npos;
@@ -146,6 +153,8 @@ void CutOffAtEveryStep(bool crash, int apps = 1, int stride = 1) {
       ASSERT_TRUE(cut.exitStatus == 0 || cut.exitStatus == 1) << "n=" << n << "\n" << cut.describe();
       if (cut.exitStatus == 1) {
         EXPECT_NE(cut.err.find("VXAppMigrator: "), std::string::npos) << "n=" << n << cut.describe();
+        // A failed run must not pass for a finished one, even when it emptied the old root.
+        EXPECT_FALSE(test::Exists(root + kVersionRecord)) << "n=" << n;
       }
     }
     // The next clean run finishes the job. After a failure it may itself report the
@@ -154,6 +163,7 @@ void CutOffAtEveryStep(bool crash, int apps = 1, int stride = 1) {
     auto clean = Migrate(root);
     if (!crash && clean.exitStatus == 1) clean = Migrate(root);
     ASSERT_EQ(clean.exitStatus, 0) << "after a cut at n=" << n << "\n" << clean.describe();
+    ASSERT_FALSE(test::Exists(root + "/private/var/mobile/Applications")) << "n=" << n;
     sample::ManifestReport report = sample::CheckMigratedDevice(root);
     // A crash only ever delays the migration. A failure while the bundle is staged or
     // installed ends its container's migration with the data safe, the placeholder kept and
@@ -183,11 +193,38 @@ void CutOffAtEveryStep(bool crash, int apps = 1, int stride = 1) {
   }
 }
 
-TEST(SampleDeviceCrashTest, EveryMutationCutOffByACrashIsRecovered) { CutOffAtEveryStep(true); }
+TEST(SampleDeviceCrashTest, EveryMutationCutOffByACrashIsRecovered) { CutOffAtEveryStep(Cut::Crash); }
 
-TEST(SampleDeviceCrashTest, EveryMutationFailingIsRecoveredByTheNextRun) { CutOffAtEveryStep(false); }
+TEST(SampleDeviceCrashTest, EveryMutationFailingIsRecoveredByTheNextRun) {
+  CutOffAtEveryStep(Cut::Failure);
+}
 
-TEST(SampleDeviceCrashTest, FailuresAcrossEveryCourseLoseNoByte) { CutOffAtEveryStep(false, 7, 23); }
+TEST(SampleDeviceCrashTest, FailuresAcrossEveryCourseLoseNoByte) {
+  CutOffAtEveryStep(Cut::Failure, 7, 23);
+}
+
+// Seven applications take every course. The whole sweep (`make test-power`, which sets
+// VX_POWER_SWEEP=full) cuts the power at every one of their mutations; otherwise a sample
+// of them, a different one each day, is cut.
+int PowerSweepStride(int* first) {
+  const char* sweep = std::getenv("VX_POWER_SWEEP");
+  if (sweep && std::string(sweep) == "full") return *first = 1;
+  constexpr int kStride = 41;
+  *first = 1 + static_cast<int>(std::time(nullptr) / 86400 % kStride);
+  return kStride;
+}
+
+TEST(SampleDevicePowerCutTest, EveryByteSurvivesAPowerCutAtAnyMutation) {
+  int first = 1;
+  const int stride = PowerSweepStride(&first);
+  CutOffAtEveryStep(Cut::PowerCut, 7, stride, first);
+}
+
+TEST(SampleDevicePowerCutTest, EveryByteSurvivesAPartlyWrittenDirectoryAtAnyMutation) {
+  int first = 1;
+  const int stride = PowerSweepStride(&first);
+  CutOffAtEveryStep(Cut::PartialPowerCut, 7, stride, first);
+}
 
 }  // namespace
 }  // namespace vx

@@ -7,6 +7,7 @@
 #include <csignal>
 
 #include "platform/files/Fault.h"
+#include "platform/files/Sys.h"
 #include "platform/workspace/Workspace.h"
 #include "platform/workspace/WorkspaceRegistry.h"
 #include "support/AppPackages.h"
@@ -146,6 +147,35 @@ TEST(WorkspaceCrashTest, CrashAtEveryStepLeavesOldOrNew) {
     EXPECT_TRUE(crashed || (WIFEXITED(status) && WEXITSTATUS(status) == 0 && isNew));
     return crashed;
   });
+}
+
+TEST(WorkspaceCrashTest, PowerCutAtEveryStepLeavesOldOrNewAndKeepsWhatItReported) {
+  TempDir stash;
+  for (const bool partial : {false, true}) {
+    CutOffAtEveryStep([&](Scenario& scenario, uint64_t step) {
+      int reported[2];
+      EXPECT_EQ(::pipe(reported), 0);
+      const pid_t child = ::fork();
+      if (child == 0) {
+        fault::Arm(step, fault::Action::PowerCut, 0,
+                   {.partial = partial, .seed = step, .stashDirectory = stash / "kept"});
+        const char installed = scenario.install() ? 'y' : 'n';
+        EXPECT_EQ(::write(reported[1], &installed, 1), 1);
+        // The power fails at the next change, before anything else could sync.
+        for (;;) sys::Mkdir((scenario.device / "after").c_str(), 0755);
+      }
+      ::close(reported[1]);
+      char installed = 0;
+      const bool returned = ::read(reported[0], &installed, 1) == 1;
+      ::close(reported[0]);
+      int status = 0;
+      EXPECT_TRUE(child > 0 && ::waitpid(child, &status, 0) == child);
+      EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+      const bool isNew = scenario.expectOldOrNew();
+      EXPECT_TRUE(isNew || !returned || installed != 'y') << "reported installed, then lost";
+      return !returned;
+    });
+  }
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "platform/files/Fault.h"
 
+#include "platform/files/PowerCut.h"
+
 #include <signal.h>
 #include <unistd.h>
 
@@ -44,7 +46,13 @@ int ErrnoFromName(const char* text) {
 
 }  // namespace
 
-void Arm(uint64_t nth, Action action, int error) {
+void Arm(uint64_t nth, Action action, int error, const PowerCutOptions& power) {
+  powercut::Stop();
+  if (action == Action::PowerCut) {
+    powercut::Start(power.partial ? powercut::Loss::AllButPartOfOneDirectory
+                                  : powercut::Loss::Everything,
+                    power.seed, power.stashDirectory);
+  }
   gAction = static_cast<int>(action);
   gError = error;
   gCount = 0;
@@ -52,6 +60,7 @@ void Arm(uint64_t nth, Action action, int error) {
 }
 
 void Disarm() {
+  powercut::Stop();
   gTarget = 0;
   gCount = 0;
 }
@@ -69,13 +78,32 @@ bool ConfigureFromEnvironment(const char** problem) {
     return false;
   }
   Action action = Action::Fail;
+  PowerCutOptions power;
+  power.seed = nth;
   if (const char* a = std::getenv("VX_FAULT_ACTION"); a && *a) {
     if (std::strcmp(a, "crash") == 0) {
       action = Action::Crash;
+    } else if (std::strcmp(a, "power-cut") == 0 || std::strcmp(a, "power-cut-partial") == 0) {
+      action = Action::PowerCut;
+      power.partial = std::strcmp(a, "power-cut-partial") == 0;
     } else if (std::strcmp(a, "fail") != 0) {
-      if (problem) *problem = "VX_FAULT_ACTION must be \"fail\" or \"crash\"";
+      if (problem) {
+        *problem =
+            "VX_FAULT_ACTION must be \"fail\", \"crash\", \"power-cut\" or \"power-cut-partial\"";
+      }
       return false;
     }
+  }
+  if (const char* seed = std::getenv("VX_FAULT_SEED"); seed && *seed) {
+    char* end = nullptr;
+    power.seed = std::strtoull(seed, &end, 10);
+    if (!std::isdigit(static_cast<unsigned char>(seed[0])) || !end || *end != '\0') {
+      if (problem) *problem = "VX_FAULT_SEED must be a whole number";
+      return false;
+    }
+  }
+  if (const char* stash = std::getenv("VX_FAULT_STASH"); stash && *stash) {
+    power.stashDirectory = stash;
   }
   int error = EIO;
   if (const char* e = std::getenv("VX_FAULT_ERRNO"); e && *e) {
@@ -85,7 +113,7 @@ bool ConfigureFromEnvironment(const char** problem) {
       return false;
     }
   }
-  Arm(nth, action, error);
+  Arm(nth, action, error, power);
   return true;
 }
 
@@ -93,10 +121,16 @@ int BeforeMutation(const char* operation) {
   const uint64_t n = ++gCount;
   const uint64_t target = gTarget.load();
   if (target == 0 || n != target) return 0;
-  if (static_cast<Action>(gAction.load()) == Action::Crash) {
-    Announce("ending the process", n, operation);
-    kill(getpid(), SIGKILL);
-    _exit(137);  // not reached
+  switch (static_cast<Action>(gAction.load())) {
+    case Action::Crash:
+      Announce("ending the process", n, operation);
+      kill(getpid(), SIGKILL);
+      _exit(137);  // not reached
+    case Action::PowerCut:
+      Announce("cutting the power", n, operation);
+      powercut::Cut();
+    case Action::Fail:
+      break;
   }
   Announce("failing", n, operation);
   return gError.load();

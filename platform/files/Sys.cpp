@@ -10,6 +10,7 @@
 #include <cstdio>
 
 #include "platform/files/Fault.h"
+#include "platform/files/PowerCut.h"
 
 namespace vx::sys {
 namespace {
@@ -27,54 +28,127 @@ bool OpenMutates(int flags) {
   return (flags & (O_CREAT | O_TRUNC)) != 0 || (flags & O_ACCMODE) != O_RDONLY;
 }
 
-}  // namespace
-
-int Mkdir(const char* path, mode_t mode) { return Refused("mkdir") ? -1 : ::mkdir(path, mode); }
-
-int Mkdirat(int dirfd, const char* name, mode_t mode) {
-  return Refused("mkdirat") ? -1 : ::mkdirat(dirfd, name, mode);
+// The power-cut journal sees each change once it has happened, and what a removal or a
+// rename replaces before it goes. Each returns the call's own result with its errno.
+int Created(int result, int dirfd, const char* name, bool newNode = true) {
+  if (result == 0 && powercut::Recording()) {
+    const int saved = errno;
+    powercut::AfterCreate(dirfd, name, newNode);
+    errno = saved;
+  }
+  return result;
 }
 
-char* Mkdtemp(char* templ) { return Refused("mkdtemp") ? nullptr : ::mkdtemp(templ); }
+template <typename Call>
+int Remove(int dirfd, const char* name, const char* operation, Call call) {
+  if (Refused(operation)) return -1;
+  const powercut::Pending pending = powercut::BeforeRemove(dirfd, name);
+  const int result = call();
+  const int saved = errno;
+  result == 0 ? powercut::AfterRemove(dirfd, name, pending) : powercut::Abandon(pending);
+  errno = saved;
+  return result;
+}
+
+int RenameAt(int fromDirfd, const char* from, int toDirfd, const char* to, const char* operation) {
+  if (Refused(operation)) return -1;
+  const powercut::Pending pending = powercut::BeforeRename(fromDirfd, from, toDirfd, to);
+  const int result = ::renameat(fromDirfd, from, toDirfd, to);
+  const int saved = errno;
+  result == 0 ? powercut::AfterRename(fromDirfd, from, toDirfd, to, pending)
+              : powercut::Abandon(pending);
+  errno = saved;
+  return result;
+}
+
+int OpenAt(int dirfd, const char* name, int flags, mode_t mode, const char* operation) {
+  const bool mutates = OpenMutates(flags);
+  if (mutates && Refused(operation)) return -1;
+  const powercut::Pending pending =
+      mutates ? powercut::BeforeOpen(dirfd, name) : powercut::Pending{};
+  const int fd = ::openat(dirfd, name, flags | O_CLOEXEC, mode);
+  if (fd >= 0 && pending.active) {
+    const int saved = errno;
+    powercut::AfterOpen(dirfd, name, fd, pending);
+    errno = saved;
+  }
+  return fd;
+}
+
+// Before a call that changes a file's data through its descriptor.
+bool RefusedData(const char* operation, int fd) {
+  if (Refused(operation)) return true;
+  if (powercut::Recording()) powercut::BeforeData(fd);
+  return false;
+}
+
+}  // namespace
+
+int Mkdir(const char* path, mode_t mode) {
+  return Refused("mkdir") ? -1 : Created(::mkdir(path, mode), AT_FDCWD, path);
+}
+
+int Mkdirat(int dirfd, const char* name, mode_t mode) {
+  return Refused("mkdirat") ? -1 : Created(::mkdirat(dirfd, name, mode), dirfd, name);
+}
+
+char* Mkdtemp(char* templ) {
+  if (Refused("mkdtemp")) return nullptr;
+  char* made = ::mkdtemp(templ);
+  Created(made ? 0 : -1, AT_FDCWD, templ);
+  return made;
+}
 
 int Mkostemp(char* templ, int flags) {
-  return Refused("mkostemp") ? -1 : ::mkostemp(templ, flags);
+  if (Refused("mkostemp")) return -1;
+  const int fd = ::mkostemp(templ, flags);
+  Created(fd >= 0 ? 0 : -1, AT_FDCWD, templ);
+  return fd;
 }
 
 int Rename(const char* from, const char* to) {
-  return Refused("rename") ? -1 : ::rename(from, to);
+  return RenameAt(AT_FDCWD, from, AT_FDCWD, to, "rename");
 }
 
 int Renameat(int fromDirfd, const char* from, int toDirfd, const char* to) {
-  return Refused("renameat") ? -1 : ::renameat(fromDirfd, from, toDirfd, to);
+  return RenameAt(fromDirfd, from, toDirfd, to, "renameat");
 }
 
-int Unlink(const char* path) { return Refused("unlink") ? -1 : ::unlink(path); }
+int Unlink(const char* path) {
+  return Remove(AT_FDCWD, path, "unlink", [&] { return ::unlink(path); });
+}
 
 int Unlinkat(int dirfd, const char* name, int flags) {
-  return Refused(flags & AT_REMOVEDIR ? "unlinkat(rmdir)" : "unlinkat") ? -1
-                                                                        : ::unlinkat(dirfd, name, flags);
+  return Remove(dirfd, name, flags & AT_REMOVEDIR ? "unlinkat(rmdir)" : "unlinkat",
+                [&] { return ::unlinkat(dirfd, name, flags); });
 }
 
-int Rmdir(const char* path) { return Refused("rmdir") ? -1 : ::rmdir(path); }
+int Rmdir(const char* path) {
+  return Remove(AT_FDCWD, path, "rmdir", [&] { return ::rmdir(path); });
+}
 
 int Open(const char* path, int flags, mode_t mode) {
-  if (OpenMutates(flags) && Refused("open")) return -1;
-  return ::open(path, flags | O_CLOEXEC, mode);
+  return OpenAt(AT_FDCWD, path, flags, mode, "open");
 }
 
 int Openat(int dirfd, const char* name, int flags, mode_t mode) {
-  if (OpenMutates(flags) && Refused("openat")) return -1;
-  return ::openat(dirfd, name, flags | O_CLOEXEC, mode);
+  return OpenAt(dirfd, name, flags, mode, "openat");
 }
 
 ssize_t Write(int fd, const void* buffer, size_t size) {
-  return Refused("write") ? -1 : ::write(fd, buffer, size);
+  return RefusedData("write", fd) ? -1 : ::write(fd, buffer, size);
 }
 
-int Ftruncate(int fd, off_t length) { return Refused("ftruncate") ? -1 : ::ftruncate(fd, length); }
+int Ftruncate(int fd, off_t length) {
+  return RefusedData("ftruncate", fd) ? -1 : ::ftruncate(fd, length);
+}
 
-int Fsync(int fd) { return Refused("fsync") ? -1 : ::fsync(fd); }
+int Fsync(int fd) {
+  if (Refused("fsync")) return -1;
+  const int result = ::fsync(fd);
+  if (result == 0) powercut::AfterSync(fd);
+  return result;
+}
 
 int Lsetxattr(const char* path, const char* name, const void* value, size_t size, int flags) {
   return Refused("lsetxattr") ? -1 : ::lsetxattr(path, name, value, size, flags);
@@ -89,19 +163,21 @@ int Lremovexattr(const char* path, const char* name) {
 }
 
 int Symlink(const char* target, const char* linkPath) {
-  return Refused("symlink") ? -1 : ::symlink(target, linkPath);
+  return Refused("symlink") ? -1 : Created(::symlink(target, linkPath), AT_FDCWD, linkPath);
 }
 
 int Symlinkat(const char* target, int dirfd, const char* name) {
-  return Refused("symlinkat") ? -1 : ::symlinkat(target, dirfd, name);
+  return Refused("symlinkat") ? -1 : Created(::symlinkat(target, dirfd, name), dirfd, name);
 }
 
 int Linkat(int existingDirfd, const char* existing, int newDirfd, const char* newName, int flags) {
-  return Refused("linkat") ? -1 : ::linkat(existingDirfd, existing, newDirfd, newName, flags);
+  if (Refused("linkat")) return -1;
+  return Created(::linkat(existingDirfd, existing, newDirfd, newName, flags), newDirfd, newName,
+                 false);
 }
 
 int Mknodat(int dirfd, const char* name, mode_t mode, dev_t device) {
-  return Refused("mknodat") ? -1 : ::mknodat(dirfd, name, mode, device);
+  return Refused("mknodat") ? -1 : Created(::mknodat(dirfd, name, mode, device), dirfd, name);
 }
 
 int Fchown(int fd, uid_t uid, gid_t gid) { return Refused("fchown") ? -1 : ::fchown(fd, uid, gid); }
@@ -125,12 +201,13 @@ int Futimens(int fd, const struct timespec times[2]) {
 }
 
 int CloneFile(int destinationFd, int sourceFd) {
-  return Refused("ioctl(FICLONE)") ? -1 : ::ioctl(destinationFd, FICLONE, sourceFd);
+  return RefusedData("ioctl(FICLONE)", destinationFd) ? -1
+                                                      : ::ioctl(destinationFd, FICLONE, sourceFd);
 }
 
 ssize_t CopyFileRange(int sourceFd, off_t* sourceOffset, int destinationFd,
                       off_t* destinationOffset, size_t length) {
-  if (Refused("copy_file_range")) return -1;
+  if (RefusedData("copy_file_range", destinationFd)) return -1;
   return ::copy_file_range(sourceFd, sourceOffset, destinationFd, destinationOffset, length, 0);
 }
 

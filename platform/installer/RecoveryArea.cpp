@@ -16,6 +16,7 @@
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/plist/PlistFile.h"
+#include "platform/workspace/WorkspaceLayout.h"
 #include "support/errors/ErrorMakers.h"
 
 namespace vx {
@@ -142,7 +143,7 @@ std::optional<FileURL> MoveToRecoveryArea(const FileURL& item, const RecoveryRec
                                           ErrorRef* error) {
   const VXFileManager& fileManager = VXFileManager::defaultManager();
   const FileURL area = RecoveryAreaURL();
-  if (!fileManager.createDirectoryAtURL(area, true, 0700, error)) return std::nullopt;
+  if (!MakeDurableDirectory(area, 0700, error)) return std::nullopt;
 
   std::string templ = area.URLByAppendingPathComponent(NamePrefix(record.identifier)).path() +
                       ".XXXXXX";
@@ -155,6 +156,9 @@ std::optional<FileURL> MoveToRecoveryArea(const FileURL& item, const RecoveryRec
     return std::nullopt;
   }
   const FileURL entry = FileURL::fileURLWithPath(templ, true);
+  // The entry's name must be durable before anything moves into it, or a power cut takes
+  // it back with the item inside.
+  SyncDirectory(area.path());
   const FileURL content = entry.URLByAppendingPathComponent(kContentName, true);
   if (!fileManager.createDirectoryAtURL(content, false, 0700, error)) return std::nullopt;
   const PlistDictionary fields{{"Identifier", record.identifier},

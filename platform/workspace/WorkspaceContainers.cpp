@@ -130,7 +130,7 @@ void RemovePackageLeftovers(const FileURL& container) {
 std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const ContainerRecord& record,
                                        const ContainerFiller& fill, ErrorRef* error) {
   const FileURL parent = layout.directoryForClass(record.containerClass);
-  if (!Files().createDirectoryAtURL(parent, true, kContainerMode, error)) return std::nullopt;
+  if (!MakeDurableDirectory(parent, kContainerMode, error)) return std::nullopt;
 
   const FileURL assembly = parent.URLByAppendingPathComponent(NewAssemblyName(), true);
   if (!Files().createDirectoryAtURL(assembly, false, kContainerMode, error)) return std::nullopt;

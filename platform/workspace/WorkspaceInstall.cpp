@@ -231,9 +231,15 @@ std::optional<FileURL> AssembleBundleContainer(const WorkspaceLayout& layout,
                                                const ContainerRecord& record,
                                                const Arrival& arrival, ErrorRef* error) {
   const FileURL parent = layout.directoryForClass(ContainerClass::Bundle);
-  if (!Files().createDirectoryAtURL(parent, true, 0755, error)) return std::nullopt;
+  if (!MakeDurableDirectory(parent, 0755, error)) return std::nullopt;
   const FileURL assembly = parent.URLByAppendingPathComponent(NewAssemblyName(), true);
   if (!Files().createDirectoryAtURL(assembly, false, 0755, error)) return std::nullopt;
+  // The package is about to move in: the assembly's own name must be durable first, or a
+  // power cut could keep the package's move and take back the directory it moved into.
+  if (!SyncDirectory(parent, error)) {
+    Files().removeItemAtURL(assembly, nullptr);
+    return std::nullopt;
+  }
 
   bool moved = false;
   std::optional<FileURL> placed;

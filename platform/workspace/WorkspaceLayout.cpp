@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/files/DirChain.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/plist/PlistFile.h"
@@ -237,6 +238,15 @@ std::vector<std::string> SortedEntryNames(const FileURL& directory) {
   }
   std::sort(names.begin(), names.end());
   return names;
+}
+
+bool MakeDurableDirectory(const FileURL& directory, mode_t mode, ErrorRef* error) {
+  const int result = dirchain(directory.fileSystemRepresentation(), mode, DirChainSync::Durable);
+  if (result == 0 || result == EEXIST) return true;
+  SetError(error, PosixError("MakeDurableDirectory", __LINE__, result,
+                             "Failed to create directory %s: %s", directory.path(),
+                             std::strerror(result)));
+  return false;
 }
 
 bool SyncDirectory(const FileURL& directory, ErrorRef* error) {

@@ -91,4 +91,8 @@ std::vector<std::string> SortedEntryNames(const FileURL& directory);
 // Makes the entries renamed into `directory` durable (fsyncs the directory itself).
 bool SyncDirectory(const FileURL& directory, ErrorRef* error);
 
+// Creates `directory` and its missing ancestors, each synced into its parent: what is made
+// durable in it later must not vanish with a directory that a power cut takes back.
+bool MakeDurableDirectory(const FileURL& directory, mode_t mode, ErrorRef* error);
+
 }  // namespace vx

@@ -62,10 +62,7 @@ std::optional<WorkspaceGeneration> PeekWorkspaceGeneration(const WorkspaceLayout
 
 std::optional<WorkspaceLock> WorkspaceLock::acquire(const WorkspaceLayout& layout,
                                                     ErrorRef* error) {
-  if (!VXFileManager::defaultManager().createDirectoryAtURL(layout.containersDirectory(), true,
-                                                            0755, error)) {
-    return std::nullopt;
-  }
+  if (!MakeDurableDirectory(layout.containersDirectory(), 0755, error)) return std::nullopt;
   const std::string path = StampPath(layout);
   UniqueFd fd(sys::Open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
   if (!fd) {

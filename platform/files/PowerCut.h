@@ -1,0 +1,86 @@
+// The power-cut journal behind the fault seam. Ending the process proves recovery from a
+// crash only: the kernel keeps every write and rename made before it. A power cut keeps only
+// what was synced, so while a power cut is armed the seam journals, for every file and
+// directory it sees changed, what an fsync has made durable, and at the cut rolls the tree
+// back to what the disk could hold afterwards:
+//   - a file's data is cut to the length it had at its last fsync (its length when first
+//     touched, or nothing for a file made since);
+//   - the creations, renames and removals in a directory since its last fsync are undone,
+//     each directory on its own: a rename whose source directory was synced but whose
+//     destination was not loses the item, as a real file system may. One whose destination
+//     was synced stands whole (a journal commits the old name's removal with the new name,
+//     and a directory cannot have two).
+// Removed and replaced files are kept alive by hard links in a stash directory (on the same
+// file system, or they cannot come back) until the cut. Directories removed (they were
+// empty) come back as new empty directories with their mode and owner.
+//
+// Everything here uses the raw system calls: the journal must not count as mutations.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+namespace vx::powercut {
+
+enum class Loss {
+  // Everything not synced is lost.
+  Everything,
+  // As Everything, except that in one directory, chosen at random, the unsynced operations
+  // survive in order up to a random point, as when the disk had written part of its queue:
+  // with each, every operation made before it survives too, in whatever directory, and a
+  // rename survives whole.
+  AllButPartOfOneDirectory,
+};
+
+// Starts journaling; the tree as it is now counts as durable. `stash` is the directory for
+// the hard links that keep removed files (made if absent; empty: a new one under $TMPDIR).
+// Raises the soft limit on descriptors, since every touched directory and file is held open.
+void Start(Loss loss, uint64_t seed, const std::string& stash);
+void Stop();
+bool Recording();
+
+// Rolls the tree back as a power cut would leave it, then ends the process with SIGKILL.
+[[noreturn]] void Cut();
+
+// The hooks of the system-call wrappers: `Before*` runs before the call (when it may need
+// to see the old state), `After*` only once the call has succeeded. A null `name` with
+// `dirfd` AT_FDCWD never occurs; a path is (AT_FDCWD, path).
+struct Pending {
+  bool active = false;
+  bool existed = false;     // the name was there before the call
+  bool directory = false;   // the named node (the source, for a rename) is a directory
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;           // for a regular file opened for writing: its length before
+  // For a removal or a replacement: how the old node comes back.
+  std::string stash;
+  mode_t mode = 0;
+  uid_t owner = 0;
+  gid_t group = 0;
+  // For a rename, the same facts about the destination.
+  bool replaces = false;
+  bool replacedDirectory = false;
+  std::string replacedStash;
+  mode_t replacedMode = 0;
+  uid_t replacedOwner = 0;
+  gid_t replacedGroup = 0;
+};
+
+Pending BeforeRemove(int dirfd, const char* name);
+void AfterRemove(int dirfd, const char* name, const Pending& pending);
+Pending BeforeRename(int fromDirfd, const char* from, int toDirfd, const char* to);
+void AfterRename(int fromDirfd, const char* from, int toDirfd, const char* to,
+                 const Pending& pending);
+// Undoes what a Before* kept when the call failed.
+void Abandon(const Pending& pending);
+Pending BeforeOpen(int dirfd, const char* name);
+void AfterOpen(int dirfd, const char* name, int fd, const Pending& pending);
+// Any new name: mkdir, mkdtemp, mkostemp, symlink, mknod, and a hard link (not `newNode`).
+void AfterCreate(int dirfd, const char* name, bool newNode = true);
+// Before a write, truncation, copy or clone into `fd`.
+void BeforeData(int fd);
+void AfterSync(int fd);
+
+}  // namespace vx::powercut
