@@ -1,5 +1,5 @@
 # Thin front door: installs what is missing, then lets CMake and CTest do the work.
-.PHONY: all deps build test demo release bench bench-migrate fuzz-smoke package clean
+.PHONY: all deps build test test-power demo release bench bench-migrate fuzz-smoke package clean
 
 all: build
 
@@ -13,6 +13,12 @@ build: deps
 # The tests, under AddressSanitizer and UndefinedBehaviorSanitizer.
 test: build
 	ctest --preset asan
+
+# The power-cut sweeps in full: a seven-application migration cut at every one of its
+# mutating calls, losing all that was not synced and, in a second pass, all but part of one
+# directory's queue (`make test` cuts a sample of them: every 41st call).
+test-power: build
+	VX_POWER_SWEEP=full ctest --preset asan -R PowerCut --timeout 10800
 
 # Every fuzz target for a bounded time (FUZZ_SECONDS each), with clang's libFuzzer under the
 # sanitizers; the corpus each run grows stays in build/fuzz/corpus for the next.

@@ -13,7 +13,6 @@
 #include "AppMigrator/VXAppMigrator.h"
 #include "filemanager/VXFileManager.h"
 #include "platform/bundle/BundleHandle.h"
-#include "platform/files/AtomicFile.h"
 #include "platform/files/Beneath.h"
 #include "platform/files/Sys.h"
 #include "platform/image/IconImage.h"
@@ -80,9 +79,9 @@ std::optional<FileURL> MakePrivateDirectory(std::string* attempted, int* error) 
   return FileURL::fileURLWithPath(path, true);
 }
 
-bool WriteNewFile(const FileURL& file, const std::vector<uint8_t>& bytes) {
+bool WriteNewFile(const FileURL& file, const std::vector<uint8_t>& bytes, mode_t mode = 0600) {
   const UniqueFd fd(sys::Open(file.fileSystemRepresentation(),
-                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
   return fd && sys::WriteAll(fd.get(), bytes.data(), bytes.size());
 }
 
@@ -214,8 +213,11 @@ bool VXAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const FileURL& bun
                      iconFile);
   }
 
+  // Neither this file nor the icon is synced here: the workspace syncs a placeholder's files
+  // when it commits the installation, in the flush that makes the container durable anyway.
   const FileURL infoFile = placeholder.URLByAppendingPathComponent("Info.plist");
-  if (!WritePropertyListFile(infoFile.path(), PlistValue(std::move(placeholderInfo)))) {
+  if (!WriteNewFile(infoFile,
+                    SerializePropertyList(PlistValue(std::move(placeholderInfo))), 0644)) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to write placeholder Info.plist to %@",
                      infoFile);
     return false;
@@ -259,8 +261,8 @@ bool VXAppMigrator::_writeIconForBundle(const BundleHandle& bundle, const FileUR
                      Describe(bundle));
     return false;
   }
-  int saved = 0;
-  if (!WriteFileAtomically(destination.path(), buffer, &saved)) {
+  if (!WriteNewFile(destination, buffer, 0644)) {
+    const int saved = errno;
     VX_MIGRATION_LOG(3, kIconOperation, "VXAppMigrator: Failed to write image data to %@ : %@",
                      destination,
                      PosixError(kIconOperation, __LINE__, saved, "write of %@ failed: %s",

@@ -68,9 +68,14 @@ bool WriteFileAtomically(const std::string& path, std::span<const uint8_t> bytes
   };
   if (sys::Fchmod(fd.get(), mode) != 0) return fail();
   if (!sys::WriteAll(fd.get(), bytes.data(), bytes.size())) return fail();
+  // The bytes reach the disk before the name points at them: a rename is metadata, and a
+  // power cut after it could otherwise leave the target empty or short.
   if (sys::Fsync(fd.get()) != 0) return fail();
   if (sys::Rename(temp.c_str(), path.c_str()) != 0) return fail();
   fd.reset();
+  // The rename is durable only with its directory: without this sync a power cut brings
+  // back the old content after the caller was told of the new (a marker that moved on, a
+  // record that says a step was done).
   UniqueFd dir(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (dir && sys::Fsync(dir.get()) != 0) {
     // The new content is in place; only its durability is in doubt.

@@ -60,6 +60,8 @@ struct Journal {
   std::map<Key, int> directories;  // held open (O_PATH) to act on them by identity at the cut
   std::map<Key, TrackedFile> files;
   std::vector<Operation> operations;
+  // Removed directories made again at the cut: the new node stands for the old.
+  std::map<Key, Key> revived;
 };
 
 std::atomic<bool> gRecording{false};
@@ -133,9 +135,11 @@ void Describe(Journal& j, int dirfd, const std::string& leaf, bool* exists, bool
 
 // ---- the cut ---------------------------------------------------------------------------
 
-bool Is(int dirfd, const std::string& leaf, const Key& node) {
+bool Is(const Journal& j, int dirfd, const std::string& leaf, const Key& node) {
   struct stat st {};
-  return ::fstatat(dirfd, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && KeyOf(st) == node;
+  if (::fstatat(dirfd, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  auto revived = j.revived.find(node);
+  return KeyOf(st) == node || (revived != j.revived.end() && KeyOf(st) == revived->second);
 }
 
 bool Free(int dirfd, const std::string& leaf) {
@@ -162,12 +166,24 @@ void RemoveTree(int dirfd, const std::string& leaf) {
   ::unlinkat(dirfd, leaf.c_str(), AT_REMOVEDIR);
 }
 
-void Bring(const Operation& op, int dirfd) {
+void Bring(Journal& j, const Operation& op, int dirfd) {
   if (!Free(dirfd, op.fromName)) return;
   if (op.directory) {
     if (::mkdirat(dirfd, op.fromName.c_str(), op.mode) == 0) {
       ::fchownat(dirfd, op.fromName.c_str(), op.owner, op.group, AT_SYMLINK_NOFOLLOW);
       ::fchmodat(dirfd, op.fromName.c_str(), op.mode, 0);
+      // What was removed from it before it went comes back into the new directory, which
+      // the undoing (newest first) reaches next.
+      int made = ::openat(dirfd, op.fromName.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      struct stat st {};
+      if (made >= 0 && ::fstat(made, &st) == 0) {
+        j.revived[op.node] = KeyOf(st);
+        auto [it, added] = j.directories.emplace(op.node, made);
+        if (!added) {
+          ::close(it->second);
+          it->second = made;
+        }
+      }
     }
   } else if (!op.stash.empty()) {
     ::linkat(AT_FDCWD, op.stash.c_str(), dirfd, op.fromName.c_str(), 0);
@@ -182,19 +198,19 @@ void Undo(Journal& j, const Operation& op) {
   const int from = fd(op.from), to = fd(op.to);
   switch (op.kind) {
     case Operation::Create:
-      if (!op.toDurable && Is(to, op.toName, op.node)) RemoveTree(to, op.toName);
+      if (!op.toDurable && Is(j, to, op.toName, op.node)) RemoveTree(to, op.toName);
       break;
     case Operation::Remove:
-      if (!op.fromDurable) Bring(op, from);
+      if (!op.fromDurable) Bring(j, op, from);
       break;
     case Operation::Rename:
       if (op.fromDurable && op.toDurable) break;
       if (!op.fromDurable && !op.toDurable) {
-        if (Is(to, op.toName, op.node) && Free(from, op.fromName)) {
+        if (Is(j, to, op.toName, op.node) && Free(from, op.fromName)) {
           ::renameat(to, op.toName.c_str(), from, op.fromName.c_str());
         }
       } else if (!op.toDurable) {
-        if (Is(to, op.toName, op.node)) RemoveTree(to, op.toName);  // lost on the way
+        if (Is(j, to, op.toName, op.node)) RemoveTree(to, op.toName);  // lost on the way
       }
       // With only its destination synced, a rename stands whole: a journal commits the
       // removal of the old name with the new one, and a directory has one name only.

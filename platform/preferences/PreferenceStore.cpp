@@ -92,6 +92,8 @@ bool synchronize(const std::string& domain, const std::string& directory) {
   std::lock_guard lock(gWriteMutex);
   UniqueFd file(::open(DomainPath(domain, directory).c_str(), O_RDONLY | O_CLOEXEC));
   if (!file) return errno == ENOENT;  // nothing was ever written, nothing to flush
+  // Each write already replaced the file atomically, synced with its directory; this is for
+  // a caller that wants that proven, and finds little left to flush.
   if (sys::Fsync(file.get()) != 0) return false;
   UniqueFd parent(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return parent && sys::Fsync(parent.get()) == 0;

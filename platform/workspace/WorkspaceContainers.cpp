@@ -34,7 +34,7 @@ bool MakeDirectories(const FileURL& container, std::initializer_list<const char*
 
 }  // namespace
 
-std::optional<FileURL> CommitAssembly(const FileURL& assembly, std::initializer_list<int> written,
+std::optional<FileURL> CommitAssembly(const FileURL& assembly, const std::vector<int>& written,
                                       ErrorRef* error) {
   const FileURL parent = assembly.URLByDeletingLastPathComponent();
   const FileURL destination = parent.URLByAppendingPathComponent(NewContainerUUID(), true);

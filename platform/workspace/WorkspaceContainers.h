@@ -21,7 +21,7 @@ using ContainerFiller = std::function<bool(const FileURL& assembly, ErrorRef* er
 // Puts a finished assembly in place under a new name and makes it durable: the files
 // written into it (`written`, open), its entries and its name. The location it now has; on
 // failure the assembly stays where it was.
-std::optional<FileURL> CommitAssembly(const FileURL& assembly, std::initializer_list<int> written,
+std::optional<FileURL> CommitAssembly(const FileURL& assembly, const std::vector<int>& written,
                                       ErrorRef* error);
 
 // Marks an installed bundle the way its record says (install type, placeholder).

@@ -223,6 +223,22 @@ UniqueFd WriteFileIntoAssembly(const FileURL& file, const PlistData& bytes, Erro
   return fd;
 }
 
+// The files of a placeholder bundle, which we wrote ourselves: a handful, at its top.
+std::vector<UniqueFd> OpenPlaceholderFiles(const FileURL& bundle) {
+  constexpr size_t kMostFiles = 16;
+  std::vector<UniqueFd> files;
+  UniqueFd directory = OpenDirectoryNoFollow(bundle.fileSystemRepresentation());
+  if (!directory) return files;
+  for (const std::string& name : SortedEntryNames(bundle)) {
+    if (files.size() == kMostFiles) break;
+    struct stat st {};
+    if (UniqueFd file = OpenRegularFileAt(directory.get(), name.c_str(), &st)) {
+      files.push_back(std::move(file));
+    }
+  }
+  return files;
+}
+
 // Assembles the bundle container of `placement` and commits it: its location in place.
 // Unless this succeeds the package keeps its bundle (or a cut leaves them in an assembly
 // past the point of no return, which the next scan finishes).
@@ -234,12 +250,6 @@ std::optional<FileURL> AssembleBundleContainer(const WorkspaceLayout& layout,
   if (!MakeDurableDirectory(parent, 0755, error)) return std::nullopt;
   const FileURL assembly = parent.URLByAppendingPathComponent(NewAssemblyName(), true);
   if (!Files().createDirectoryAtURL(assembly, false, 0755, error)) return std::nullopt;
-  // The package is about to move in: the assembly's own name must be durable first, or a
-  // power cut could keep the package's move and take back the directory it moved into.
-  if (!SyncDirectory(parent, error)) {
-    Files().removeItemAtURL(assembly, nullptr);
-    return std::nullopt;
-  }
 
   bool moved = false;
   std::optional<FileURL> placed;
@@ -253,14 +263,28 @@ std::optional<FileURL> AssembleBundleContainer(const WorkspaceLayout& layout,
     written = WorkspaceLayout::writeRecordIntoAssembly(assembly, record, error);
   }
   // The record is synced before the package comes in: should a power cut keep the package's
-  // rename but lose the record, the bundle would lie in a directory no scan recognises.
-  if (written && sys::Fsync(written.get()) != 0) {
-    SetError(error, PosixFailure(__LINE__, errno, "sync the record in", assembly));
+  // rename but lose the record, the bundle would lie in a directory no scan recognises. So is
+  // the assembly's own name, or a cut could keep the package's move and take back the
+  // directory it moved into. The first sync commits both on a journaling file system; the
+  // second then finds nothing left to write.
+  ErrorRef syncError;
+  if (written && (sys::Fsync(written.get()) != 0 || !SyncDirectory(parent, &syncError))) {
+    SetError(error,
+             syncError ? syncError : PosixFailure(__LINE__, errno, "sync the record in", assembly));
     written.reset();
   }
   if (written && BringIn(arrival, placement, assembly, &moved, error) &&
       FinishBundleAssembly(assembly, record, error)) {
-    placed = CommitAssembly(assembly, {metadata.get()}, error);
+    // A package brought its bytes with it, durable long since; a placeholder's files were
+    // written just now, unsynced, and are synced with the rest of the container.
+    std::vector<UniqueFd> placeholderFiles;
+    if (record.bundleType == "Placeholder") {
+      placeholderFiles =
+          OpenPlaceholderFiles(assembly.URLByAppendingPathComponent(record.bundleName, true));
+    }
+    std::vector<int> toSync{metadata.get()};
+    for (const UniqueFd& file : placeholderFiles) toSync.push_back(file.get());
+    placed = CommitAssembly(assembly, toSync, error);
   }
   if (placed) {
     RemovePackageLeftovers(*placed);
