@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "platform/files/Beneath.h"
-#include "support/types/FileURL.h"
+#include "platform/plist/PlistFile.h"
 
 namespace vx {
 
@@ -70,6 +70,17 @@ std::optional<std::vector<uint8_t>> ReadRegularFileBeneath(int dirfd, std::strin
   if (have > limit) return fail(EFBIG);
   bytes.resize(have);
   return bytes;
+}
+
+std::optional<PlistValue> ReadBundleInfo(const FileURL& bundle) {
+  const UniqueFd directory = OpenDirectoryNoFollow(bundle.fileSystemRepresentation());
+  if (!directory) return std::nullopt;
+  auto bytes = ReadRegularFileBeneath(directory.get(), kInfoPlistName, kInfoPlistSizeLimit,
+                                      nullptr);
+  if (!bytes) return std::nullopt;
+  std::optional<PlistValue> info = ParsePropertyList(*bytes);
+  if (!info || !info->dictionary()) return std::nullopt;
+  return info;
 }
 
 std::string DescribeReadFailure(int error) {
