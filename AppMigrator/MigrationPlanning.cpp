@@ -10,6 +10,7 @@
 #include <cstring>
 #include <deque>
 #include <set>
+#include <tuple>
 #include <utility>
 
 #include "AppMigrator/ContainerFiles.h"
@@ -69,6 +70,26 @@ std::optional<std::string> HostileStaging(int containerFd) {
   return std::nullopt;
 }
 
+// The plan's course and fate of an entry for which introspection gave no record.
+std::pair<const char*, const char*> CourseWithoutRecord(const IntrospectionOutcome& outcome) {
+  switch (outcome.course) {
+    case IntrospectionCourse::StrayFile:
+      return {kPlanStrayFile, kFateRemove};
+    case IntrospectionCourse::Vanished:
+      return {kPlanVanished, kFateRemove};
+    case IntrospectionCourse::NoBundle:
+      return {kPlanNoBundle, outcome.keptAside ? kFateRecover : kFateRemove};
+    case IntrospectionCourse::SymlinkBundle:
+      return {kPlanSymlinkBundle, kFateLeave};
+    case IntrospectionCourse::Hostile:
+      return {kPlanHostile, kFateLeave};
+    case IntrospectionCourse::Unreadable:
+    case IntrospectionCourse::Record:
+      break;
+  }
+  return {kPlanUnreadable, kFateLeave};
+}
+
 }  // namespace
 
 void VXAppMigrator::_planRecord(const ContainerInfo& info, PlannedEntry* entry) {
@@ -94,8 +115,9 @@ void VXAppMigrator::_planRecord(const ContainerInfo& info, PlannedEntry* entry) 
 
   AppWorkspace& workspace = AppWorkspace::defaultWorkspace();
   const bool installed = workspace.applicationIsInstalled(*identifier);
-  entry->installation = !isApp ? kInstallNotNeeded : installed ? kInstallInstalled
-                                                               : kInstallPlaceholder;
+  entry->installation = !isApp      ? kInstallNotNeeded
+                        : installed ? kInstallInstalled
+                                    : kInstallPlaceholder;
   entry->oldBundleIsPlaceholder = VXFileManager::defaultManager().bundleAtURLIsPlaceholder(bundle);
 
   for (const std::string& name : VXGlobalConfiguration::sharedInstance().appUserDataItemNames()) {
@@ -129,10 +151,9 @@ void VXAppMigrator::_planRecord(const ContainerInfo& info, PlannedEntry* entry) 
   // A bundle already staged or installed by a cut-off attempt has no list here.
   const std::optional<PlistValue> bundleInfo = ReadBundleInfo(bundle);
   if (bundleInfo) {
-    entry->refusal =
-        BuiltInRefusalMessage(VXGlobalConfiguration::sharedInstance(), *identifier,
-                              BundleVersionText(bundleInfo->find("KBBundleVersion")))
-            .value_or("");
+    entry->refusal = BuiltInRefusalMessage(VXGlobalConfiguration::sharedInstance(), *identifier,
+                                           BundleVersionText(bundleInfo->find("KBBundleVersion")))
+                         .value_or("");
   }
   if (std::optional<std::string> link = HostileStaging(containerFd.get())) {
     entry->course = kPlanHostile;
@@ -187,7 +208,7 @@ MigrationPlan VXAppMigrator::planMigration() {
     entry.reason = failures.first();
     if (info) {
       const std::string* type = Text(*info, kContainerTypeKey);
-      entry.course = outcome.fromMarker                          ? kPlanResumed
+      entry.course = outcome.fromMarker                   ? kPlanResumed
                      : type && *type == kContainerTypeApp ? kPlanApplication
                                                           : kPlanVPNOnly;
       if (early) {
@@ -197,33 +218,7 @@ MigrationPlan VXAppMigrator::planMigration() {
       }
       continue;
     }
-    switch (outcome.course) {
-      case IntrospectionCourse::StrayFile:
-        entry.course = kPlanStrayFile;
-        entry.fate = kFateRemove;
-        break;
-      case IntrospectionCourse::Vanished:
-        entry.course = kPlanVanished;
-        entry.fate = kFateRemove;
-        break;
-      case IntrospectionCourse::NoBundle:
-        entry.course = kPlanNoBundle;
-        entry.fate = outcome.keptAside ? kFateRecover : kFateRemove;
-        break;
-      case IntrospectionCourse::SymlinkBundle:
-        entry.course = kPlanSymlinkBundle;
-        entry.fate = kFateLeave;
-        break;
-      case IntrospectionCourse::Hostile:
-        entry.course = kPlanHostile;
-        entry.fate = kFateLeave;
-        break;
-      case IntrospectionCourse::Unreadable:
-      case IntrospectionCourse::Record:
-        entry.course = kPlanUnreadable;
-        entry.fate = kFateLeave;
-        break;
-    }
+    std::tie(entry.course, entry.fate) = CourseWithoutRecord(outcome);
   }
 
   // Applications before VPN plug-ins, as the run orders them: an application installed with

@@ -1,27 +1,20 @@
 #include "host/ContainerReportOutput.h"
 
-#include <cstring>
 #include <iomanip>
 #include <map>
 
-#include "host/ByteCount.h"
+#include "host/DisplayText.h"
 
 namespace vx::host {
 namespace {
 
 // Enough to see what went wrong; the JSON and the logs hold every one.
 constexpr size_t kFailuresShown = 10;
-constexpr const char* kMessagePrefix = "VXAppMigrator: ";
 
 bool Failed(const ContainerReport& report) {
   return report.course == kCourseFailedKept || report.course == kCourseFailedBundleRecovered ||
          report.course == kCourseFailedBundleGivenUp || report.course == kCourseLeftHostile ||
          report.course == kCourseLeftUnreadable;
-}
-
-std::string LastComponent(const std::string& path) {
-  const size_t slash = path.find_last_of('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
 }  // namespace
@@ -70,9 +63,8 @@ void PrintContainerReportTable(const std::string& dataClassName,
     if (!Failed(r)) continue;
     if (++failed > kFailuresShown) continue;
     ++shown;
-    std::string reason = r.reason;
-    if (reason.rfind(kMessagePrefix, 0) == 0) reason.erase(0, std::strlen(kMessagePrefix));
-    out << "  " << r.course << ": " << LastComponent(r.path)
+    const std::string reason = WithoutPluginPrefix(r.reason);
+    out << "  " << r.course << ": " << LastPathComponent(r.path)
         << (r.identifier.empty() ? "" : " (" + r.identifier + ")")
         << (reason.empty() ? "" : ": " + reason) << "\n";
   }

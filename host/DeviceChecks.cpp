@@ -50,7 +50,8 @@ DeviceChecks CheckDevice(const std::string& oldRoot, const std::string& workspac
   checks.oldRoot = NearestExisting(oldRoot);
   checks.workspace = NearestExisting(workspace);
 
-  struct stat oldStat {}, workspaceStat {};
+  struct stat oldStat {
+  }, workspaceStat{};
   checks.sameFileSystem = ::stat(checks.oldRoot.c_str(), &oldStat) == 0 &&
                           ::stat(checks.workspace.c_str(), &workspaceStat) == 0 &&
                           oldStat.st_dev == workspaceStat.st_dev;
@@ -60,8 +61,8 @@ DeviceChecks CheckDevice(const std::string& oldRoot, const std::string& workspac
     checks.freeBytes = static_cast<uint64_t>(fs.f_bavail) * fs.f_frsize;
     checks.freeInodes = fs.f_favail;
   } else {
-    checks.problems.push_back("cannot ask " + checks.workspace + " for its free space: " +
-                              std::strerror(errno));
+    checks.problems.push_back("cannot ask " + checks.workspace +
+                              " for its free space: " + std::strerror(errno));
   }
 
   checks.userExtendedAttributes =

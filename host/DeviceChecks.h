@@ -14,7 +14,7 @@ struct DeviceChecks {
   std::string oldRoot;
   std::string workspace;
   bool sameFileSystem = false;
-  uint64_t freeBytes = 0;   // for the running user, on the workspace's file system
+  uint64_t freeBytes = 0;  // for the running user, on the workspace's file system
   uint64_t freeInodes = 0;
   bool userExtendedAttributes = false;
   bool writable = false;

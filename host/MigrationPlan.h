@@ -46,7 +46,7 @@ struct PlannedEntry {
   std::string course;  // one of kPlan*
   std::string fate;    // one of kFate*
   std::string identifier;
-  std::string installation;  // one of kInstall*, for an entry that would migrate
+  std::string installation;             // one of kInstall*, for an entry that would migrate
   bool oldBundleIsPlaceholder = false;  // its data moves, nothing is installed
   // The workspace's expected refusal of the bundle (an older copy of a built-in
   // application): the data moves all the same and the built-in copy serves it.

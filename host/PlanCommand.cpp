@@ -2,7 +2,6 @@
 // byte of it. Each plug-in plans through the read-only object its planning factory makes;
 // the host adds what only the device can say (file systems, room, attributes, permission).
 // No log is installed: a plan writes nothing, not even a log line on the device.
-#include <cstring>
 #include <iomanip>
 #include <iostream>
 #include <memory>
@@ -12,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "host/ByteCount.h"
 #include "host/Command.h"
 #include "host/DeviceChecks.h"
+#include "host/DisplayText.h"
 #include "host/MigrationPlan.h"
 #include "host/PluginLoader.h"
 #include "platform/system/DeviceRoot.h"
@@ -26,7 +25,6 @@ namespace {
 constexpr int kExitIncomplete = 1;
 constexpr int kExitUsage = 2;
 constexpr size_t kReasonsShown = 8;
-constexpr const char* kMessagePrefix = "VXAppMigrator: ";
 
 struct PlanOptions {
   std::optional<std::string> root;
@@ -74,12 +72,15 @@ Totals Sum(const std::vector<PluginPlan>& plans) {
 void AddSpaceProblems(const Totals& totals, DeviceChecks* device) {
   if (device->sameFileSystem) return;
   if (totals.bytesMoved > device->freeBytes) {
-    device->problems.push_back("the old layout lies on another file system than the workspace, "
-                               "so " + ByteCount(totals.bytesMoved) + " would be copied, but only " +
-                               ByteCount(device->freeBytes) + " are free");
+    device->problems.push_back(
+        "the old layout lies on another file system than the workspace, "
+        "so " +
+        ByteCount(totals.bytesMoved) + " would be copied, but only " +
+        ByteCount(device->freeBytes) + " are free");
   }
   if (totals.filesMoved > device->freeInodes) {
-    device->problems.push_back(std::to_string(totals.filesMoved) + " files would be copied, but only " +
+    device->problems.push_back(std::to_string(totals.filesMoved) +
+                               " files would be copied, but only " +
                                std::to_string(device->freeInodes) + " inodes are free");
   }
 }
@@ -148,16 +149,6 @@ std::string Shorten(const std::string& text, size_t width) {
   return text.substr(0, width - 1) + "~";
 }
 
-std::string LastComponent(const std::string& path) {
-  const size_t slash = path.find_last_of('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-std::string Reason(const std::string& message) {
-  return message.rfind(kMessagePrefix, 0) == 0 ? message.substr(std::strlen(kMessagePrefix))
-                                                : message;
-}
-
 // One line per entry, then why the entries that would stop the run would stop it.
 void PrintPlan(const PluginPlan& p, std::ostream& out) {
   const MigrationPlan& plan = p.plan;
@@ -173,8 +164,8 @@ void PrintPlan(const PluginPlan& p, std::ostream& out) {
   }
   if (!plan.entries.empty()) {
     out << std::left << "  " << std::setw(13) << "entry" << std::setw(15) << "course"
-        << std::setw(31) << "identifier" << std::setw(12) << "install" << std::setw(22)
-        << "data" << "then\n";
+        << std::setw(31) << "identifier" << std::setw(12) << "install" << std::setw(22) << "data"
+        << "then\n";
   }
   std::vector<const PlannedEntry*> stopping;
   for (const PlannedEntry& e : plan.entries) {
@@ -193,16 +184,17 @@ void PrintPlan(const PluginPlan& p, std::ostream& out) {
       then += " (!)";
       stopping.push_back(&e);
     }
-    out << "  " << std::setw(13) << Shorten(LastComponent(e.path), 12) << std::setw(15) << e.course
-        << std::setw(31) << Shorten(e.identifier.empty() ? "-" : e.identifier, 30) << std::setw(12)
-        << (e.installation.empty() ? "-" : e.installation) << std::setw(22) << data << then
-        << "\n";
+    out << "  " << std::setw(13) << Shorten(LastPathComponent(e.path), 12) << std::setw(15)
+        << e.course << std::setw(31) << Shorten(e.identifier.empty() ? "-" : e.identifier, 30)
+        << std::setw(12) << (e.installation.empty() ? "-" : e.installation) << std::setw(22) << data
+        << then << "\n";
   }
   out << std::right;
   for (size_t i = 0; i < stopping.size() && i < kReasonsShown; ++i) {
     const PlannedEntry& e = *stopping[i];
-    out << "  (!) " << LastComponent(e.path) << ": "
-        << (e.reason.empty() ? "it would stay in the old layout" : Reason(e.reason)) << "\n";
+    out << "  (!) " << LastPathComponent(e.path) << ": "
+        << (e.reason.empty() ? "it would stay in the old layout" : WithoutPluginPrefix(e.reason))
+        << "\n";
   }
   if (stopping.size() > kReasonsShown) {
     out << "  (!) ... and " << stopping.size() - kReasonsShown << " more (see --json)\n";
@@ -215,13 +207,13 @@ void PrintPlan(const PluginPlan& p, std::ostream& out) {
 void PrintDevice(const DeviceChecks& device, const Totals& totals, std::ostream& out) {
   out << "Device\n"
       << "  old layout and workspace: "
-      << (device.sameFileSystem ? "one file system (moves are renames)"
-                                : "different file systems (moves are copies: " +
-                                      ByteCount(totals.bytesMoved) + " in " +
-                                      std::to_string(totals.filesMoved) + " files)")
+      << (device.sameFileSystem
+              ? "one file system (moves are renames)"
+              : "different file systems (moves are copies: " + ByteCount(totals.bytesMoved) +
+                    " in " + std::to_string(totals.filesMoved) + " files)")
       << "\n"
-      << "  free for the workspace:   " << ByteCount(device.freeBytes) << ", "
-      << device.freeInodes << " inodes\n"
+      << "  free for the workspace:   " << ByteCount(device.freeBytes) << ", " << device.freeInodes
+      << " inodes\n"
       << "  user extended attributes: " << (device.userExtendedAttributes ? "yes" : "no") << "\n"
       << "  writable by this user:    " << (device.writable ? "yes" : "no") << "\n";
   for (const std::string& problem : device.problems) out << "  (!) " << problem << "\n";
@@ -252,9 +244,8 @@ int RunPlan(const PlanOptions& options) {
   }
 
   const Totals totals = Sum(plans);
-  DeviceChecks device =
-      CheckDevice(oldRoot.empty() ? DeviceRoot() : oldRoot,
-                  WorkspaceLayout(DeviceRoot()).containersDirectory().path());
+  DeviceChecks device = CheckDevice(oldRoot.empty() ? DeviceRoot() : oldRoot,
+                                    WorkspaceLayout(DeviceRoot()).containersDirectory().path());
   AddSpaceProblems(totals, &device);
   const bool complete = totals.complete && device.problems.empty();
 
@@ -264,8 +255,7 @@ int RunPlan(const PlanOptions& options) {
     std::cout << "Plan for " << DeviceRoot() << " (nothing is changed)\n";
     for (const PluginPlan& p : plans) PrintPlan(p, std::cout);
     PrintDevice(device, totals, std::cout);
-    std::cout << (complete ? "A migration would complete: "
-                           : "A migration would not complete: ")
+    std::cout << (complete ? "A migration would complete: " : "A migration would not complete: ")
               << totals.migrating << " to migrate"
               << (complete ? "." : "; see the entries and checks marked (!).") << std::endl;
   }

@@ -59,8 +59,9 @@ TEST(HostEndToEndTest, MigratesANoticeOnlyDevice) {
   report["plugins"][0].erase("seconds");
   report["plugins"][0]["containers"][0].erase("seconds");
   json expected = json::parse(R"({"result": true, "plugins": [{"dataClassName": "VXAppMigrator",
-      "estimatedDuration": 22.25, "result": true, "progress": 1.0, "containers": [{"identifier": "",
-      "course": "stray-removed", "reason": "", "dataItems": 0, "dataFiles": 0, "dataBytes": 0}]}]})");
+      "estimatedDuration": 22.25, "result": true, "progress": 1.0, "containers": [{
+      "identifier": "", "course": "stray-removed", "reason": "", "dataItems": 0, "dataFiles": 0,
+      "dataBytes": 0}]}]})");
   expected["plugins"][0]["containers"][0]["path"] = device / kNotice;
   EXPECT_EQ(report, expected);
 

@@ -105,16 +105,33 @@ TEST(PlanEndToEndTest, SampleDeviceIsForeseenWithoutATouchAndTheRunAgrees) {
 void WriteBundle(const std::string& bundle, const std::string& identifier) {
   WriteFile(bundle + "/Info.plist",
             "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>KBBundleIdentifier</key>"
-            "<string>" + identifier + "</string><key>KBBundleVersion</key><string>1.0</string>"
-            "<key>KBBundleExecutable</key><string>Run</string></dict></plist>");
+            "<string>" +
+                identifier +
+                "</string><key>KBBundleVersion</key><string>1.0</string>"
+                "<key>KBBundleExecutable</key><string>Run</string></dict></plist>");
   WriteFile(bundle + "/Run", "#!/bin/sh\n");
+}
+
+// A marker in `container` that names, as device paths, the container `named` of the old root
+// and the bundle `bundle` in it.
+void WriteMarker(const std::string& container, const std::string& named, const std::string& bundle,
+                 const std::string& identifier) {
+  const std::string namedPath = "/" + kOldRoot + "/" + named;
+  ASSERT_TRUE(
+      WritePropertyListFile(container + "/com.tarsel.velotrix.container_migrator.plist",
+                            PlistValue(PlistDictionary{{"ContainerPath", namedPath},
+                                                       {"BundlePath", namedPath + "/" + bundle},
+                                                       {"ContainerType", "App"},
+                                                       {"BundleIdentifier", identifier}})));
 }
 
 TEST(PlanEndToEndTest, HostileDeviceCoursesAreNamedAndTheFailingContainerIsReported) {
   TempDir t, outside;
   const std::string root = t / "device";
   ASSERT_EQ(Host({"sample-device", root, "--apps", "3"}, t.path()).exitStatus, 0);
-  const auto in = [&](const std::string& relative) { return root + "/" + kOldRoot + "/" + relative; };
+  const auto in = [&](const std::string& relative) {
+    return root + "/" + kOldRoot + "/" + relative;
+  };
 
   WriteFile(in("Corrupt/Broken.app/Info.plist"), "not a property list");
   WriteFile(in("Corrupt/Documents/kept.txt"), "the user's");
@@ -127,20 +144,10 @@ TEST(PlanEndToEndTest, HostileDeviceCoursesAreNamedAndTheFailingContainerIsRepor
   MakeSymlink(outside.path(), in("LinkInRoot"));
   // A marker that names another container is planted, whatever bundle lies beside it.
   WriteBundle(in("Planted/Planted.app"), "com.example.planted");
-  ASSERT_TRUE(WritePropertyListFile(
-      in("Planted/com.tarsel.velotrix.container_migrator.plist"),
-      PlistValue(PlistDictionary{{"ContainerPath", "/private/var/mobile/Applications/Tunnel"},
-                                 {"BundlePath", "/private/var/mobile/Applications/Tunnel/Tunnel.vpnplugin"},
-                                 {"ContainerType", "App"},
-                                 {"BundleIdentifier", "com.example.planted"}})));
+  WriteMarker(in("Planted"), "Tunnel", "Tunnel.vpnplugin", "com.example.planted");
   // One a cut-off run left: its own marker describes it.
   WriteBundle(in("Resumed/Resumed.app"), "com.example.resumed");
-  ASSERT_TRUE(WritePropertyListFile(
-      in("Resumed/com.tarsel.velotrix.container_migrator.plist"),
-      PlistValue(PlistDictionary{{"ContainerPath", "/private/var/mobile/Applications/Resumed"},
-                                 {"BundlePath", "/private/var/mobile/Applications/Resumed/Resumed.app"},
-                                 {"ContainerType", "App"},
-                                 {"BundleIdentifier", "com.example.resumed"}})));
+  WriteMarker(in("Resumed"), "Resumed", "Resumed.app", "com.example.resumed");
   // Where staging would go, a link out of the container; beside the data, a FIFO that must
   // not stop the plan and a link whose target's bytes must not be counted.
   WriteBundle(in("Staged/Staged.app"), "com.example.staged");
@@ -172,9 +179,11 @@ TEST(PlanEndToEndTest, HostileDeviceCoursesAreNamedAndTheFailingContainerIsRepor
   EXPECT_EQ(entries["Tunnel"]["identifier"], "com.example.beacon.tunnel");
   EXPECT_EQ(entries["Resumed"]["identifier"], "com.example.resumed");
   EXPECT_NE(entries["Planted"]["reason"].get<std::string>().find("not the container it lies in"),
-            std::string::npos) << entries["Planted"];
+            std::string::npos)
+      << entries["Planted"];
   EXPECT_EQ(entries["Staged"]["data"][0], json::parse(R"({"name": "Documents", "files": 1,
-      "bytes": 1000})")) << "a link's target is never counted, a FIFO never opened";
+      "bytes": 1000})"))
+      << "a link's target is never counted, a FIFO never opened";
 
   auto run = Host({"migrate", "--root", root, "--json", "--no-progress", "--quiet"}, t.path());
   ASSERT_EQ(run.exitStatus, 1) << run.describe();

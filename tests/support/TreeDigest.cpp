@@ -37,7 +37,8 @@ std::string Content(const std::string& path) {
   if (fd < 0) return "unreadable";
   std::string bytes;
   char buffer[65536];
-  for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;) bytes.append(buffer, static_cast<size_t>(n));
+  for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;)
+    bytes.append(buffer, static_cast<size_t>(n));
   ::close(fd);
   return std::to_string(std::hash<std::string>{}(bytes));
 }
