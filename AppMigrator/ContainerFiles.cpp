@@ -72,15 +72,26 @@ std::optional<std::vector<uint8_t>> ReadRegularFileBeneath(int dirfd, std::strin
   return bytes;
 }
 
-std::optional<PlistValue> ReadBundleInfo(const FileURL& bundle) {
-  const UniqueFd directory = OpenDirectoryNoFollow(bundle.fileSystemRepresentation());
-  if (!directory) return std::nullopt;
-  auto bytes = ReadRegularFileBeneath(directory.get(), kInfoPlistName, kInfoPlistSizeLimit,
-                                      nullptr);
+namespace {
+
+std::optional<PlistValue> InfoDictionaryAt(int dirfd, const std::string& relative) {
+  auto bytes = ReadRegularFileBeneath(dirfd, relative, kInfoPlistSizeLimit, nullptr);
   if (!bytes) return std::nullopt;
   std::optional<PlistValue> info = ParsePropertyList(*bytes);
   if (!info || !info->dictionary()) return std::nullopt;
   return info;
+}
+
+}  // namespace
+
+std::optional<PlistValue> ReadBundleInfo(const FileURL& bundle) {
+  const UniqueFd directory = OpenDirectoryNoFollow(bundle.fileSystemRepresentation());
+  if (!directory) return std::nullopt;
+  return InfoDictionaryAt(directory.get(), kInfoPlistName);
+}
+
+std::optional<PlistValue> ReadBundleInfoBeneath(int containerFd, const std::string& relative) {
+  return InfoDictionaryAt(containerFd, relative + "/" + kInfoPlistName);
 }
 
 std::string DescribeReadFailure(int error) {

@@ -35,7 +35,7 @@ void Count(int dirfd, const char* name, int depth, ItemCensus* census) {
     census->complete = false;
     return;
   }
-  UniqueFd directory = OpenBeneath(dirfd, name, O_RDONLY | O_DIRECTORY);
+  UniqueFd directory = OpenBeneath(dirfd, name, O_RDONLY | O_DIRECTORY | O_NONBLOCK);
   if (!directory) {
     census->complete = false;
     return;
@@ -71,7 +71,7 @@ ItemCensus CensusOfItemAtPath(const std::string& path) {
   const size_t slash = path.find_last_of('/');
   if (slash == std::string::npos || slash + 1 == path.size()) return {};
   const std::string parent = slash == 0 ? "/" : path.substr(0, slash);
-  const UniqueFd directory(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const UniqueFd directory = OpenDirectoryNoFollow(parent.c_str());
   if (!directory) return {};
   return CensusOfItemAt(directory.get(), path.substr(slash + 1));
 }

@@ -149,7 +149,11 @@ void VXAppMigrator::_planRecord(const ContainerInfo& info, PlannedEntry* entry) 
   if (entry->oldBundleIsPlaceholder) return;  // data only: nothing is installed
 
   // A bundle already staged or installed by a cut-off attempt has no list here.
-  const std::optional<PlistValue> bundleInfo = ReadBundleInfo(bundle);
+  const std::optional<std::string> bundleInContainer =
+      BundleLocationInContainer(*containerPath, *bundlePath);
+  const std::optional<PlistValue> bundleInfo =
+      bundleInContainer ? ReadBundleInfoBeneath(containerFd.get(), *bundleInContainer)
+                        : std::nullopt;
   if (bundleInfo) {
     entry->refusal = BuiltInRefusalMessage(VXGlobalConfiguration::sharedInstance(), *identifier,
                                            BundleVersionText(bundleInfo->find("KBBundleVersion")))

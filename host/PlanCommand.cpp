@@ -2,6 +2,8 @@
 // byte of it. Each plug-in plans through the read-only object its planning factory makes;
 // the host adds what only the device can say (file systems, room, attributes, permission).
 // No log is installed: a plan writes nothing, not even a log line on the device.
+#include <unistd.h>
+
 #include <iomanip>
 #include <iostream>
 #include <memory>
@@ -16,6 +18,8 @@
 #include "host/DisplayText.h"
 #include "host/MigrationPlan.h"
 #include "host/PluginLoader.h"
+#include "platform/log/Log.h"
+#include "platform/log/LogSinks.h"
 #include "platform/system/DeviceRoot.h"
 #include "platform/workspace/WorkspaceLayout.h"
 
@@ -30,6 +34,20 @@ struct PlanOptions {
   std::optional<std::string> root;
   std::optional<std::string> pluginDirectory;
   bool json = false;
+};
+
+// A sink that listens for as long as it lives.
+class ScopedLogSink {
+ public:
+  explicit ScopedLogSink(std::shared_ptr<LogSink> sink) : sink_(std::move(sink)) {
+    AddLogSink(sink_);
+  }
+  ~ScopedLogSink() { RemoveLogSink(sink_.get()); }
+  ScopedLogSink(const ScopedLogSink&) = delete;
+  ScopedLogSink& operator=(const ScopedLogSink&) = delete;
+
+ private:
+  std::shared_ptr<LogSink> sink_;
 };
 
 struct PluginPlan {
@@ -225,8 +243,14 @@ int RunPlan(const PlanOptions& options) {
     return kExitUsage;
   }
   std::string problem;
-  auto plugins = LoadPlugins(options.pluginDirectory.value_or(DefaultPluginDirectory()),
-                             kVXCreateMigratorPluginForPlanningSymbol, &problem);
+  std::optional<std::vector<LoadedPlugin>> plugins;
+  {
+    // A plug-in that cannot read the old layout says why in its log; only that is shown,
+    // on the terminal, since the plan's own walk reports through its result.
+    const ScopedLogSink failures(std::make_shared<TerminalLogSink>(STDERR_FILENO, 3, false));
+    plugins = LoadPlugins(options.pluginDirectory.value_or(DefaultPluginDirectory()),
+                          kVXCreateMigratorPluginForPlanningSymbol, &problem);
+  }
   if (!plugins) {
     std::cerr << "vxmigrate plan: " << problem << "\n";
     return kExitUsage;
