@@ -319,7 +319,8 @@ bool VXAppMigrator::performMigration() {
       result = false;
       // A container that gave up its bundle has said so; any other failure keeps it.
       if (report.course.empty()) report.course = kCourseFailedKept;
-      if (report.reason.empty()) report.reason = failures.first();
+      // What stopped the migration explains the course better than a note of introspection.
+      report.reason = failures.first();
     } else {
       report.course = kCourseMigrated;
     }

@@ -176,7 +176,8 @@ void VXAppMigrator::_planRecord(const ContainerInfo& info, PlannedEntry* entry) 
     if (!devicePath) continue;
     const FileURL old = ResolveDevicePath(*devicePath, true);
     const ItemCensus census = CensusOfItemAtPath(old.path());
-    if (census.exists) entry->groups.push_back({group, old.path(), census.files, census.bytes});
+    if (!census.exists) continue;  // its entry stays for a later run, as the run keeps it
+    entry->groups.push_back({group, old.path(), census.files, census.bytes});
     _groupContainerMap->erase(it);
   }
 }
