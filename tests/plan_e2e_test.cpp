@@ -102,6 +102,33 @@ TEST(PlanEndToEndTest, SampleDeviceIsForeseenWithoutATouchAndTheRunAgrees) {
   ExpectRunFollowsPlan(plan, json::parse(run.out));
 }
 
+// With the workspace on another file system, every move would be a copy: the plan sets the
+// bytes the run would write against the room there.
+TEST(PlanEndToEndTest, WorkspaceOnAnotherFileSystemTurnsMovesIntoCopies) {
+  TempDir t, shm("/dev/shm");
+  const std::string root = t / "device";
+  ASSERT_EQ(Host({"sample-device", root, "--apps", "6"}, t.path()).exitStatus, 0);
+  const std::string containers = root + "/private/var/mobile/Containers";
+  std::filesystem::copy(containers, shm / "Containers", std::filesystem::copy_options::recursive);
+  std::filesystem::remove_all(containers);
+  MakeSymlink(shm / "Containers", containers);
+
+  auto planned = Host({"plan", "--root", root, "--json"}, t.path());
+  ASSERT_EQ(planned.exitStatus, 0) << planned.describe();
+  const json plan = json::parse(planned.out);
+  uint64_t moved = 0;
+  for (const json& e : plan["plugins"][0]["entries"]) {
+    if (e["fate"] != "migrate") continue;
+    moved += e["bundleBytes"].get<uint64_t>();
+    for (const json& item : e["data"]) moved += item["bytes"].get<uint64_t>();
+    for (const json& group : e["groups"]) moved += group["bytes"].get<uint64_t>();
+  }
+  EXPECT_FALSE(plan["device"]["sameFileSystem"]) << plan["device"];
+  EXPECT_GT(moved, 0u);
+  EXPECT_EQ(plan["device"]["bytesToCopy"], moved);
+  EXPECT_TRUE(plan["device"]["userExtendedAttributes"]);
+}
+
 void WriteBundle(const std::string& bundle, const std::string& identifier) {
   WriteFile(bundle + "/Info.plist",
             "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>KBBundleIdentifier</key>"
