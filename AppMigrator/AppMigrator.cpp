@@ -1,6 +1,11 @@
-#include <cerrno>
-#include <deque>
+#include <sys/stat.h>
 
+#include <cerrno>
+#include <chrono>
+#include <deque>
+#include <utility>
+
+#include "AppMigrator/FailureCapture.h"
 #include "AppMigrator/VXAppMigrator.h"
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
@@ -166,10 +171,41 @@ void RecordSystemVersion(VXGlobalConfiguration& config) {
   }
 }
 
+bool StillThere(const FileURL& item) {
+  struct stat st {};
+  return ::lstat(item.fileSystemRepresentation(), &st) == 0 || errno != ENOENT;
+}
+
+// The report's name for what introspection did with an entry that gave no record.
+const char* CourseWithoutRecord(const IntrospectionOutcome& outcome, const FileURL& item) {
+  switch (outcome.course) {
+    case IntrospectionCourse::StrayFile:
+      return StillThere(item) ? kCourseFailedKept : kCourseStrayRemoved;
+    case IntrospectionCourse::NoBundle:
+      if (outcome.keptAside) return kCourseRecoveredNoBundle;
+      return StillThere(item) ? kCourseFailedKept : kCourseRemovedNoBundle;
+    case IntrospectionCourse::Vanished: return kCourseVanished;
+    case IntrospectionCourse::SymlinkBundle:
+    case IntrospectionCourse::Hostile: return kCourseLeftHostile;
+    case IntrospectionCourse::Unreadable:
+    case IntrospectionCourse::Record: break;
+  }
+  return kCourseLeftUnreadable;
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
 }  // namespace
 
-std::unique_ptr<VXAppMigrator> VXAppMigrator::create() {
+std::unique_ptr<VXAppMigrator> VXAppMigrator::create() { return _create(false); }
+
+std::unique_ptr<VXAppMigrator> VXAppMigrator::createForPlanning() { return _create(true); }
+
+std::unique_ptr<VXAppMigrator> VXAppMigrator::_create(bool readOnly) {
   std::unique_ptr<VXAppMigrator> migrator(new VXAppMigrator);
+  migrator->_readOnly = readOnly;
   VXGlobalConfiguration& config = VXGlobalConfiguration::sharedInstance();
   const VXFileManager& fileManager = VXFileManager::defaultManager();
 
@@ -184,7 +220,7 @@ std::unique_ptr<VXAppMigrator> VXAppMigrator::create() {
     }
     if (items->empty()) {
       // Nothing to migrate. Only the root goes here; the install map is left as it is.
-      if (!fileManager.removeItemAtURL(root, nullptr)) {
+      if (!readOnly && !fileManager.removeItemAtURL(root, nullptr)) {
         VX_MIGRATION_LOG(3, kInitOperation, "VXAppMigrator: Failed to remove %@", root.path());
       }
       migrator->_groupContainerMap = ReadGroupLeftovers(config.oldInstallMapPath());
@@ -199,8 +235,9 @@ std::unique_ptr<VXAppMigrator> VXAppMigrator::create() {
   if (!migrator->_itemsToMigrate && !migrator->_groupContainerMap) {
     migrator->_groupContainerMap = ReadGroupLeftovers(config.oldInstallMapPath());
   }
+  const FileURL dataDirectory = readOnly ? config.dataDirectoryLocation() : config.dataDirectory();
   migrator->_harborMap = ReadHarborMap(
-      config.dataDirectory().URLByAppendingPathComponent(kHarborMapFileName), fileManager);
+      dataDirectory.URLByAppendingPathComponent(kHarborMapFileName), fileManager);
   return migrator;
 }
 
@@ -217,48 +254,80 @@ float VXAppMigrator::migrationProgress() const {
                             static_cast<double>(_itemsToMigrate->size()));
 }
 
+std::vector<ContainerReport> VXAppMigrator::containerReports() const { return _reports; }
+
+ContainerReport* VXAppMigrator::_currentReport() {
+  return _current && *_current < _reports.size() ? &_reports[*_current] : nullptr;
+}
+
 bool VXAppMigrator::performMigration() {
+  // An object made for a plan has promised to change nothing.
+  if (_readOnly) return false;
   VXGlobalConfiguration& config = VXGlobalConfiguration::sharedInstance();
   const VXFileManager& fileManager = VXFileManager::defaultManager();
   bool result = true;
 
   // Applications go first, so that a VPN plug-in's container finds its application already
-  // installed; among the early ones the latest found leads.
-  std::deque<ContainerInfo> workList;
+  // installed; among the early ones the latest found leads. Each record keeps the index of
+  // its item's report.
+  std::deque<std::pair<ContainerInfo, size_t>> workList;
   if (_itemsToMigrate) {
+    _reports.reserve(_itemsToMigrate->size());
     for (const FileURL& item : *_itemsToMigrate) {
+      const auto start = std::chrono::steady_clock::now();
+      _reports.emplace_back().path = item.path();
+      _current = _reports.size() - 1;
+      FailureCapture failures;
       VX_MIGRATION_LOG(5, kRunOperation, "VXAppMigrator: Introspecting %@", item.path());
       if (item.lastPathComponent() == kStrayNoticeFileName) {
         // A note the old system left for the user; it has no place in the new layout, and
         // if it cannot go, the final listing still finds it.
-        fileManager.removeItemAtURL(item, nullptr);
+        const bool removed = fileManager.removeItemAtURL(item, nullptr);
+        _reports.back().course = removed ? kCourseStrayRemoved : kCourseFailedKept;
         ++_countItemsMigrated;
-        continue;
-      }
-      bool orderResultEarly = false;
-      std::optional<ContainerInfo> info = _introspectContainer(item, &orderResultEarly);
-      if (!info) {
-        ++_countItemsMigrated;
-      } else if (orderResultEarly) {
-        workList.push_front(std::move(*info));
       } else {
-        workList.push_back(std::move(*info));
+        bool orderResultEarly = false;
+        IntrospectionOutcome outcome;
+        std::optional<ContainerInfo> info = _introspectContainer(item, &orderResultEarly, &outcome);
+        if (!info) {
+          _reports.back().course = CourseWithoutRecord(outcome, item);
+          ++_countItemsMigrated;
+        } else if (orderResultEarly) {
+          workList.emplace_front(std::move(*info), *_current);
+        } else {
+          workList.emplace_back(std::move(*info), *_current);
+        }
       }
+      _reports.back().reason = failures.first();
+      _reports.back().seconds = SecondsSince(start);
     }
   }
 
-  for (const ContainerInfo& info : workList) {
+  for (const auto& [info, reportIndex] : workList) {
+    const auto start = std::chrono::steady_clock::now();
+    _current = reportIndex;
+    FailureCapture failures;
     const PlistValue* identifier = Entry(info, kBundleIdentifierKey);
     const PlistValue* bundlePath = Entry(info, kBundlePathKey);
     VX_MIGRATION_LOG(5, kRunOperation, "VXAppMigrator: Migrating %@ at %@", identifier,
                      bundlePath);
+    ContainerReport& report = _reports[reportIndex];
+    if (identifier && identifier->string()) report.identifier = *identifier->string();
     if (!_migrateContainerWithInfo(info)) {
       VX_MIGRATION_LOG(3, kRunOperation, "VXAppMigrator: Migration of %@ at %@ failed",
                        identifier, bundlePath);
       result = false;
+      // A container that gave up its bundle has said so; any other failure keeps it.
+      if (report.course.empty()) report.course = kCourseFailedKept;
+      // What stopped the migration explains the course better than a note of introspection.
+      report.reason = failures.first();
+    } else {
+      report.course = kCourseMigrated;
     }
+    report.seconds += SecondsSince(start);
     ++_countItemsMigrated;
   }
+  _current.reset();
 
   if (!_migrateLeftoverGroupContainers()) result = false;
   if (!_migrateSafeHarbors()) result = false;

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "platform/files/Beneath.h"
-#include "support/types/FileURL.h"
+#include "platform/plist/PlistFile.h"
 
 namespace vx {
 
@@ -70,6 +70,28 @@ std::optional<std::vector<uint8_t>> ReadRegularFileBeneath(int dirfd, std::strin
   if (have > limit) return fail(EFBIG);
   bytes.resize(have);
   return bytes;
+}
+
+namespace {
+
+std::optional<PlistValue> InfoDictionaryAt(int dirfd, const std::string& relative) {
+  auto bytes = ReadRegularFileBeneath(dirfd, relative, kInfoPlistSizeLimit, nullptr);
+  if (!bytes) return std::nullopt;
+  std::optional<PlistValue> info = ParsePropertyList(*bytes);
+  if (!info || !info->dictionary()) return std::nullopt;
+  return info;
+}
+
+}  // namespace
+
+std::optional<PlistValue> ReadBundleInfo(const FileURL& bundle) {
+  const UniqueFd directory = OpenDirectoryNoFollow(bundle.fileSystemRepresentation());
+  if (!directory) return std::nullopt;
+  return InfoDictionaryAt(directory.get(), kInfoPlistName);
+}
+
+std::optional<PlistValue> ReadBundleInfoBeneath(int containerFd, const std::string& relative) {
+  return InfoDictionaryAt(containerFd, relative + "/" + kInfoPlistName);
 }
 
 std::string DescribeReadFailure(int error) {

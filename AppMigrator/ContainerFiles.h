@@ -12,6 +12,9 @@
 #include <string_view>
 #include <vector>
 
+#include "support/types/FileURL.h"
+#include "support/types/PlistValue.h"
+
 namespace vx {
 
 inline constexpr const char* kStagingName = "Staging";
@@ -32,6 +35,13 @@ std::optional<std::string> BundleLocationInContainer(std::string_view container,
 // file.
 std::optional<std::vector<uint8_t>> ReadRegularFileBeneath(int dirfd, std::string_view relative,
                                                            size_t limit, int* error);
+
+// The information list of the bundle directory at `bundle` (the directory itself not a
+// link), read as above; nothing when it is missing, unreadable or not a dictionary.
+std::optional<PlistValue> ReadBundleInfo(const FileURL& bundle);
+// The same for the bundle at `relative` beneath the open container `containerFd`, reached
+// without a link anywhere on the way.
+std::optional<PlistValue> ReadBundleInfoBeneath(int containerFd, const std::string& relative);
 
 // The system's text for a failed read, naming what is not a regular file as such.
 std::string DescribeReadFailure(int error);

@@ -115,7 +115,13 @@ bool VXAppMigrator::_migrateContainerWithInfo(const ContainerInfo& info) {
   if (!success) {
     // The bundle the installation gave up on is the only copy there is: it goes to the
     // recovery area with the container, from where `vxmigrate recover` installs it again.
-    _setAsideItemAtURL(container, identifier, kRecoveryCourseInstallFailed);
+    bool keptInRecovery = false;
+    if (_setAsideItemAtURL(container, identifier, kRecoveryCourseInstallFailed,
+                           &keptInRecovery)) {
+      if (ContainerReport* report = _currentReport()) {
+        report->course = keptInRecovery ? kCourseFailedBundleRecovered : kCourseFailedBundleGivenUp;
+      }
+    }
     return false;
   }
   ErrorRef error;

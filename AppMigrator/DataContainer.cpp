@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <array>
 
+#include "AppMigrator/ItemCensus.h"
 #include "AppMigrator/VXAppMigrator.h"
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/files/Beneath.h"
 #include "platform/installer/RecoveryArea.h"
 #include "platform/log/MigrationLog.h"
 
@@ -45,12 +47,25 @@ bool VXAppMigrator::_migrateDataContainerForIdentifier(const std::string& identi
     // replaces; one that holds bytes (a second old container of the same application) is
     // kept in the recovery area instead.
     if (!_setAsideItemAtURL(destination, identifier, kRecoveryCourseGaveWay)) return false;
+    // Counted before it moves, for the run's report only.
+    ContainerReport* report = _currentReport();
+    ItemCensus census;
+    if (report) {
+      if (const UniqueFd container = OpenDirectoryNoFollow(from.fileSystemRepresentation())) {
+        census = CensusOfItemAt(container.get(), name);
+      }
+    }
     ErrorRef error;
     if (!fileManager.moveItemIfExistsAtURL(source, destination, &error)) {
       VX_MIGRATION_LOG(3, kMoveOperation,
                        "VXAppMigrator: Failed to move %@ to %@ migrating for %@ : %@", source,
                        destination, identifier, error);
       return false;
+    }
+    if (report) {
+      ++report->dataItems;
+      report->dataFiles += census.files;
+      report->dataBytes += census.bytes;
     }
   }
   return true;

@@ -27,18 +27,17 @@ void SetFlag(bool* flag, bool value) {
   if (flag) *flag = value;
 }
 
+void SetCourse(IntrospectionOutcome* outcome, IntrospectionCourse course) {
+  if (outcome) outcome->course = course;
+}
+
 }  // namespace
 
 // The bundle lies in a container its application could write: its information list is
 // read through the bundle's descriptor, and only when it is a regular file, so that a link
 // cannot show us another bundle's list and a FIFO cannot stop the run.
 std::optional<std::string> VXAppMigrator::_bundleIdentifierForBundle(const FileURL& bundle) {
-  const UniqueFd directory = OpenDirectoryNoFollow(bundle.fileSystemRepresentation());
-  if (!directory) return std::nullopt;
-  auto bytes = ReadRegularFileBeneath(directory.get(), kInfoPlistName, kInfoPlistSizeLimit,
-                                      nullptr);
-  if (!bytes) return std::nullopt;
-  std::optional<PlistValue> info = ParsePropertyList(*bytes);
+  const std::optional<PlistValue> info = ReadBundleInfo(bundle);
   const std::string* identifier = info ? info->stringForKey(kKBBundleIdentifierKey) : nullptr;
   if (!identifier) return std::nullopt;
   return *identifier;
@@ -46,6 +45,15 @@ std::optional<std::string> VXAppMigrator::_bundleIdentifierForBundle(const FileU
 
 std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& container,
                                                                  bool* orderResultEarly) {
+  return _introspectContainer(container, orderResultEarly, nullptr);
+}
+
+// When planning, the same walk runs with the same reads and messages, and only the removals
+// are left out: a plan and a run cannot disagree about what an entry is.
+std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& container,
+                                                                 bool* orderResultEarly,
+                                                                 IntrospectionOutcome* outcome) {
+  if (outcome) *outcome = IntrospectionOutcome{};
   const VXFileManager& fileManager = VXFileManager::defaultManager();
   ErrorRef error;
   const auto entries = fileManager.urlsForItemsInDirectoryAtURL(container, false, &error);
@@ -53,14 +61,17 @@ std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& 
     if (error && error->isPOSIX(ENOTDIR)) {
       VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Found regular file at %@ ; removing",
                        container.path());
-      fileManager.removeItemAtURL(container, nullptr);
+      SetCourse(outcome, IntrospectionCourse::StrayFile);
+      if (!_readOnly) fileManager.removeItemAtURL(container, nullptr);
     } else if (error && error->isPOSIX(ENOENT)) {
+      SetCourse(outcome, IntrospectionCourse::Vanished);
       VX_MIGRATION_LOG(
           5, kOperation,
           "VXAppMigrator: Got ENOENT when introspecting %@ ; ignoring (likely raced with "
           "velotrixd)",
           container.path());
     } else {
+      SetCourse(outcome, IntrospectionCourse::Unreadable);
       VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to get URLs in container %@ : %@",
                        container.path(), error);
     }
@@ -73,6 +84,8 @@ std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& 
   // A marker that does not load means the container's true state is unknown: the walk goes
   // on only to learn whether there is anything to protect from removal.
   bool recordDropped = false;
+  // Why it was dropped: a marker that names another place is planted, not damaged.
+  bool markerMisplaced = false;
 
   for (const FileURL& entry : *entries) {
     struct stat st {};
@@ -80,6 +93,7 @@ std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& 
       const int saved = errno;
       VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to stat path %s : %s",
                        entry.fileSystemRepresentation(), std::strerror(saved));
+      SetCourse(outcome, IntrospectionCourse::Unreadable);
       return std::nullopt;
     }
     const bool isLink = S_ISLNK(st.st_mode);
@@ -89,6 +103,7 @@ std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& 
       if (isLink) {
         VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Skipping container with app symlink at %@",
                          entry.path());
+        SetCourse(outcome, IntrospectionCourse::SymlinkBundle);
         return std::nullopt;
       }
       VX_MIGRATION_LOG(5, kOperation, "VXAppMigrator: Found app %@", entry.path());
@@ -109,6 +124,7 @@ std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& 
         VX_MIGRATION_LOG(3, kOperation,
                          "VXAppMigrator: VPN plugin was symlink; skipping container %@",
                          entry.path());
+        SetCourse(outcome, IntrospectionCourse::SymlinkBundle);
         return std::nullopt;
       }
       std::optional<std::string> identifier = _bundleIdentifierForBundle(entry);
@@ -127,15 +143,20 @@ std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& 
         VX_MIGRATION_LOG(3, kOperation,
                          "VXAppMigrator: Migration marker was symlink; skipping container %@",
                          entry.path());
+        SetCourse(outcome, IntrospectionCourse::Hostile);
         return std::nullopt;
       }
       // The marker describes the container as it was before a cut-off attempt began moving
       // things out of it, so it outranks whatever the container holds now.
-      if (std::optional<ContainerInfo> marked = _loadAndValidateMigrationMarkerAtURL(entry)) {
+      bool misplaced = false;
+      if (std::optional<ContainerInfo> marked =
+              _loadAndValidateMigrationMarkerAtURL(entry, &misplaced)) {
         const std::string* type = marked->at(kContainerTypeKey).string();
         SetFlag(orderResultEarly, type && *type == kContainerTypeApp);
+        if (outcome) outcome->fromMarker = true;
         return marked;
       }
+      markerMisplaced = markerMisplaced || misplaced;
       VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to load migration marker file from %@",
                        entry);
       recordDropped = true;
@@ -147,10 +168,16 @@ std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& 
                      "VXAppMigrator: No app or vpn bundle found in container %@ ; removing it",
                      container.path());
     // With no bundle to say whose it is, what the container holds can only be kept aside.
-    _setAsideItemAtURL(container, std::string(), kRecoveryCourseNoBundle);
+    SetCourse(outcome, IntrospectionCourse::NoBundle);
+    _setAsideItemAtURL(container, std::string(), kRecoveryCourseNoBundle,
+                       outcome ? &outcome->keptAside : nullptr);
     return std::nullopt;
   }
-  if (recordDropped) return std::nullopt;
+  if (recordDropped) {
+    SetCourse(outcome, markerMisplaced ? IntrospectionCourse::Hostile
+                                       : IntrospectionCourse::Unreadable);
+    return std::nullopt;
+  }
   if (app && vpnPlugin) record[kSecondBundlePathKey] = vpnPlugin->path();
   return record;
 }

@@ -108,6 +108,12 @@ bool VXAppMigrator::_writeMigrationMarker(const ContainerInfo& info) {
 
 std::optional<ContainerInfo> VXAppMigrator::_loadAndValidateMigrationMarkerAtURL(
     const FileURL& marker) {
+  return _loadAndValidateMigrationMarkerAtURL(marker, nullptr);
+}
+
+std::optional<ContainerInfo> VXAppMigrator::_loadAndValidateMigrationMarkerAtURL(
+    const FileURL& marker, bool* misplaced) {
+  if (misplaced) *misplaced = false;
   const FileURL containerURL = marker.URLByDeletingLastPathComponent();
   const UniqueFd container = OpenDirectoryNoFollow(containerURL.fileSystemRepresentation());
   std::optional<PlistDictionary> record;
@@ -175,6 +181,7 @@ std::optional<ContainerInfo> VXAppMigrator::_loadAndValidateMigrationMarkerAtURL
                      "VXAppMigrator: Migration marker file %@ names container %@, which is not "
                      "the container it lies in",
                      marker.path(), containerText);
+    if (misplaced) *misplaced = true;
     return std::nullopt;
   }
 
@@ -191,6 +198,7 @@ std::optional<ContainerInfo> VXAppMigrator::_loadAndValidateMigrationMarkerAtURL
                        "VXAppMigrator: Migration marker file %@ names bundle %@, which does not "
                        "lie inside its container",
                        marker.path(), bundleText);
+      if (misplaced) *misplaced = true;
       return std::nullopt;
     }
     it->second = PlistValue(containerPath + "/" + *relative);

@@ -32,10 +32,16 @@ std::string DevicePathOf(const FileURL& url) {
 }  // namespace
 
 bool VXAppMigrator::_setAsideItemAtURL(const FileURL& item, const std::string& identifier,
-                                       const char* course) {
+                                       const char* course, bool* keptInRecovery) {
+  if (keptInRecovery) *keptInRecovery = false;
   const VXFileManager& fileManager = VXFileManager::defaultManager();
   if (fileManager.itemDoesNotExistAtURL(item)) return true;
-  if (!ItemHoldsUserBytes(item, MigrationFiles())) {
+  const bool holdsUserBytes = ItemHoldsUserBytes(item, MigrationFiles());
+  if (_readOnly) {
+    if (keptInRecovery) *keptInRecovery = holdsUserBytes;
+    return true;
+  }
+  if (!holdsUserBytes) {
     ErrorRef error;
     if (!fileManager.removeItemAtURL(item, &error)) {
       VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to remove %@ : %@", item.path(),
@@ -56,6 +62,7 @@ bool VXAppMigrator::_setAsideItemAtURL(const FileURL& item, const std::string& i
   VX_MIGRATION_LOG(5, kOperation, "VXAppMigrator: Kept %@ of %@ in the recovery area at %@ (%s)",
                    item.path(), identifier.empty() ? std::string("an unknown application") : identifier,
                    kept->path(), course);
+  if (keptInRecovery) *keptInRecovery = true;
   return true;
 }
 

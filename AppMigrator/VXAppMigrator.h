@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "host/MigrationPlan.h"
+#include "host/MigrationReport.h"
 #include "host/MigratorPlugin.h"
 #include "support/types/FileURL.h"
 #include "support/types/PlistValue.h"
@@ -37,25 +39,57 @@ extern const char* const kStrayNoticeFileName;  // "WhereDidMyApplicationsGo.txt
 // of the group's items.
 extern const char* const kGroupLeftoverOwnerKey;  // "MigratingIdentifier"
 
-class VXAppMigrator : public MigratorPlugin {
+// What introspection makes of an entry of the old root, beyond the record it returns.
+enum class IntrospectionCourse {
+  Record,         // a record for migration
+  StrayFile,      // a file, not a container: removed
+  Vanished,       // gone since the root was listed
+  Unreadable,     // it, an entry in it or its marker could not be read: left
+  NoBundle,       // no bundle with an identifier: removed, or its content kept aside
+  SymlinkBundle,  // a bundle is a symbolic link: left
+  Hostile,        // a marker that is a link or names another place: left
+};
+
+struct IntrospectionOutcome {
+  IntrospectionCourse course = IntrospectionCourse::Record;
+  bool fromMarker = false;  // the record is the marker's
+  bool keptAside = false;   // NoBundle: its content went to the recovery area
+};
+
+class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public MigrationPlanner {
  public:
   // Reads the old layout's state; nothing when the old container root exists but cannot
   // be listed.
   static std::unique_ptr<VXAppMigrator> create();
+  // Reads the same state but will change nothing: for a plan. Such an object refuses to
+  // perform a migration.
+  static std::unique_ptr<VXAppMigrator> createForPlanning();
 
   std::string dataClassName() const override;
   bool performMigration() override;
   float estimatedDuration() const override;
   float migrationProgress() const override;
 
+  // --- Extensions the host may find -----------------------------------------------------
+  std::vector<ContainerReport> containerReports() const override;
+  MigrationPlan planMigration() override;
+
   // --- Container introspection --------------------------------------------------------
   std::optional<ContainerInfo> _introspectContainer(const FileURL& container,
                                                     bool* orderResultEarly);
+  // The same, telling what became (or, when planning, would become) of the entry.
+  std::optional<ContainerInfo> _introspectContainer(const FileURL& container,
+                                                    bool* orderResultEarly,
+                                                    IntrospectionOutcome* outcome);
   std::optional<std::string> _bundleIdentifierForBundle(const FileURL& bundle);
 
   // --- Migration marker ---------------------------------------------------------------
   bool _writeMigrationMarker(const ContainerInfo& info);
   std::optional<ContainerInfo> _loadAndValidateMigrationMarkerAtURL(const FileURL& marker);
+  // `misplaced`, when given, says whether a readable marker was refused because it names
+  // another container, or bundles outside its own.
+  std::optional<ContainerInfo> _loadAndValidateMigrationMarkerAtURL(const FileURL& marker,
+                                                                    bool* misplaced);
 
   // --- Per-container migration --------------------------------------------------------
   bool _migrateContainerWithInfo(const ContainerInfo& info);
@@ -92,9 +126,10 @@ class VXAppMigrator : public MigratorPlugin {
   // --- Recovery -----------------------------------------------------------------------
   // Where the written course deletes `item`: moves it to the recovery area when it holds
   // user bytes, else removes it. False when it holds bytes and could not be moved; it then
-  // stays where it is.
+  // stays where it is. `keptInRecovery`, when given, says whether it went to the area. When
+  // planning, nothing moves and the answers are those the run would give.
   bool _setAsideItemAtURL(const FileURL& item, const std::string& identifier,
-                          const char* course);
+                          const char* course, bool* keptInRecovery = nullptr);
 
   // Read-only views for the host's report and for tests.
   const std::optional<std::vector<FileURL>>& itemsToMigrate() const { return _itemsToMigrate; }
@@ -104,6 +139,19 @@ class VXAppMigrator : public MigratorPlugin {
 
  private:
   VXAppMigrator() = default;
+  static std::unique_ptr<VXAppMigrator> _create(bool readOnly);
+  // One planned entry of the old root that introspection described with `info`.
+  void _planRecord(const ContainerInfo& info, PlannedEntry* entry);
+
+  // Set for a plan: nothing on the device is changed.
+  bool _readOnly = false;
+  // The report of the item being handled, which the steps add what they moved to; none
+  // outside a run (a step called on its own).
+  ContainerReport* _currentReport();
+
+  // One entry per item handled so far; `_current` indexes the item being handled.
+  std::vector<ContainerReport> _reports;
+  std::optional<size_t> _current;
 
   // Written by the run only; read by the host's progress queries from another thread.
   std::atomic<uint64_t> _countItemsMigrated{0};

@@ -27,6 +27,8 @@ void CreateOrLog(const FileURL& url, int32_t protectionClass, const char* functi
   if (!made) VX_INSTALLER_LOG(3, function, message, url, error);
 }
 
+constexpr const char* kDataDirectoryComponent = "Library/Velotrix";
+
 }  // namespace
 
 VXGlobalConfiguration& VXGlobalConfiguration::sharedInstance() {
@@ -102,9 +104,13 @@ FileURL VXGlobalConfiguration::logDirectory() {
 }
 
 FileURL VXGlobalConfiguration::dataDirectory() {
-  return _createdLocation(_dataDir, _homePath, "Library/Velotrix", kInstallerDataClass,
+  return _createdLocation(_dataDir, _homePath, kDataDirectoryComponent, kInstallerDataClass,
                           "-[VXGlobalConfiguration dataDirectory]",
                           "Failed to create data dir at \"%@\": %@");
+}
+
+FileURL VXGlobalConfiguration::dataDirectoryLocation() {
+  return _cachedLocation(_dataDir, _homePath, kDataDirectoryComponent);
 }
 
 FileURL VXGlobalConfiguration::archiveDirectory() {

@@ -49,6 +49,8 @@ class VXGlobalConfiguration {
   FileURL stagingRoot();
   FileURL logDirectory();
   FileURL dataDirectory();
+  // Where dataDirectory lies, without making it: for tools that only look.
+  FileURL dataDirectoryLocation();
   FileURL archiveDirectory();
   FileURL coreServicesDirectory();
   FileURL systemAppsDirectory();

@@ -8,9 +8,12 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/Command.h"
+#include "host/ContainerReportOutput.h"
 #include "host/LogSetup.h"
+#include "host/MigrationReport.h"
 #include "host/PluginLoader.h"
 #include "host/ProgressBar.h"
 #include "platform/files/Fault.h"
@@ -38,6 +41,8 @@ struct PluginOutcome {
   bool result = false;
   float progress = 0;
   double seconds = 0;
+  // Only from a plug-in that offers a per-container report.
+  std::optional<std::vector<ContainerReport>> containers;
 };
 
 int Usage(const std::string& message) {
@@ -70,17 +75,22 @@ PluginOutcome Run(MigratorPlugin& plugin, bool showBar, std::ostream* say) {
   }
   outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   outcome.progress = plugin.migrationProgress();
+  if (const auto* reporter = dynamic_cast<const MigrationReporter*>(&plugin)) {
+    outcome.containers = reporter->containerReports();
+  }
   return outcome;
 }
 
 nlohmann::ordered_json Report(const std::vector<PluginOutcome>& outcomes, bool allSucceeded) {
   nlohmann::ordered_json plugins = nlohmann::ordered_json::array();
   for (const PluginOutcome& o : outcomes) {
-    plugins.push_back({{"dataClassName", o.dataClassName},
-                       {"estimatedDuration", o.estimatedDuration},
-                       {"result", o.result},
-                       {"progress", o.progress},
-                       {"seconds", o.seconds}});
+    nlohmann::ordered_json plugin{{"dataClassName", o.dataClassName},
+                                  {"estimatedDuration", o.estimatedDuration},
+                                  {"result", o.result},
+                                  {"progress", o.progress},
+                                  {"seconds", o.seconds}};
+    if (o.containers) plugin["containers"] = ContainerReportJson(*o.containers);
+    plugins.push_back(std::move(plugin));
   }
   return {{"plugins", std::move(plugins)}, {"result", allSucceeded}};
 }
@@ -118,6 +128,7 @@ int RunMigrate(const MigrateOptions& options) {
     const PluginOutcome& o = outcomes.back();
     allSucceeded = allSucceeded && o.result;
     if (say) {
+      if (o.containers) PrintContainerReportTable(o.dataClassName, *o.containers, *say);
       *say << o.dataClassName << ": " << (o.result ? "done" : "FAILED") << " in "
            << Seconds(o.seconds) << std::endl;
     }

@@ -13,7 +13,8 @@ std::string LastLoaderError() {
   return text ? text : "unknown error";
 }
 
-std::optional<LoadedPlugin> LoadPlugin(const std::string& path, std::string* problem) {
+std::optional<LoadedPlugin> LoadPlugin(const std::string& path, const char* factorySymbol,
+                                       std::string* problem) {
   dlerror();
   ModuleHandle module(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
   if (!module) {
@@ -21,9 +22,9 @@ std::optional<LoadedPlugin> LoadPlugin(const std::string& path, std::string* pro
     return std::nullopt;
   }
   dlerror();
-  void* symbol = dlsym(module.get(), kVXCreateMigratorPluginSymbol);
+  void* symbol = dlsym(module.get(), factorySymbol);
   if (!symbol) {
-    *problem = "plug-in " + path + " does not export " + kVXCreateMigratorPluginSymbol + ": " +
+    *problem = "plug-in " + path + " does not export " + factorySymbol + ": " +
                LastLoaderError();
     return std::nullopt;
   }
@@ -51,6 +52,12 @@ std::string DefaultPluginDirectory() {
 
 std::optional<std::vector<LoadedPlugin>> LoadPlugins(const std::string& directory,
                                                      std::string* problem) {
+  return LoadPlugins(directory, kVXCreateMigratorPluginSymbol, problem);
+}
+
+std::optional<std::vector<LoadedPlugin>> LoadPlugins(const std::string& directory,
+                                                     const char* factorySymbol,
+                                                     std::string* problem) {
   std::error_code ec;
   std::vector<std::string> paths;
   for (std::filesystem::directory_iterator it(directory, ec), end; !ec && it != end;
@@ -69,7 +76,7 @@ std::optional<std::vector<LoadedPlugin>> LoadPlugins(const std::string& director
 
   std::vector<LoadedPlugin> plugins;
   for (const std::string& path : paths) {
-    auto plugin = LoadPlugin(path, problem);
+    auto plugin = LoadPlugin(path, factorySymbol, problem);
     if (!plugin) return std::nullopt;
     plugins.push_back(std::move(*plugin));
   }

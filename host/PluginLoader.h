@@ -32,5 +32,10 @@ std::string DefaultPluginDirectory();
 // factory, or refuses to create its plug-in: a migration must not run with a part missing.
 std::optional<std::vector<LoadedPlugin>> LoadPlugins(const std::string& directory,
                                                      std::string* problem);
+// The same through another factory the modules export, such as the planning one
+// (kVXCreateMigratorPluginForPlanningSymbol).
+std::optional<std::vector<LoadedPlugin>> LoadPlugins(const std::string& directory,
+                                                     const char* factorySymbol,
+                                                     std::string* problem);
 
 }  // namespace vx::host

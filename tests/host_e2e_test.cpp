@@ -52,12 +52,18 @@ TEST(HostEndToEndTest, MigratesANoticeOnlyDevice) {
       ReadPropertyListDictionary(device / kVersionFile),
       (PlistDictionary{{"NAME", "Test Device"}, {"VERSION_ID", "9.0"}, {"BUILD_ID", "9Z999"}}));
 
-  // The report is exact but for the time taken.
+  // The report is exact but for the times taken.
   json report = json::parse(run.out);
   EXPECT_TRUE(report["plugins"][0]["seconds"].is_number()) << run.out;
+  EXPECT_TRUE(report["plugins"][0]["containers"][0]["seconds"].is_number()) << run.out;
   report["plugins"][0].erase("seconds");
-  EXPECT_EQ(report, json::parse(R"({"result": true, "plugins": [{"dataClassName": "VXAppMigrator",
-      "estimatedDuration": 22.25, "result": true, "progress": 1.0}]})"));
+  report["plugins"][0]["containers"][0].erase("seconds");
+  json expected = json::parse(R"({"result": true, "plugins": [{"dataClassName": "VXAppMigrator",
+      "estimatedDuration": 22.25, "result": true, "progress": 1.0, "containers": [{
+      "identifier": "", "course": "stray-removed", "reason": "", "dataItems": 0, "dataFiles": 0,
+      "dataBytes": 0}]}]})");
+  expected["plugins"][0]["containers"][0]["path"] = device / kNotice;
+  EXPECT_EQ(report, expected);
 
   // The plug-in's record reaches the JSON log once, keeping where it came from.
   const json recorded = json::parse(R"({"log": "migration", "level": 5,

@@ -50,9 +50,10 @@ bool WorkspaceIndexCache::refresh(WorkspaceLock& lock, bool changing, ErrorRef* 
 const WorkspaceIndex& WorkspaceIndexCache::current() {
   const std::optional<WorkspaceGeneration> stamp = PeekWorkspaceGeneration(layout_);
   if (valid_ && stamp == generation_) return index_;
-  if (!stamp && !Exists(layout_.containersDirectory())) {
-    // No writer has been here: nothing to scan, and nothing made just for looking.
-    index_ = WorkspaceIndex{};
+  if (!stamp) {
+    // No writer has been here (the first one makes the stamp): what there is is read
+    // without the lock, so that nothing is made just for looking.
+    index_ = Exists(layout_.containersDirectory()) ? ScanWorkspace(layout_) : WorkspaceIndex{};
     generation_.reset();
     valid_ = true;
     return index_;

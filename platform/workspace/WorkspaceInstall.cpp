@@ -370,21 +370,13 @@ bool MakeContainers(const WorkspaceLayout& layout, WorkspaceIndex& index,
   return true;
 }
 
-// A customer package may not replace a built-in application of the same or a newer version.
 std::optional<InstallFailure> BuiltInRefusal(VXGlobalConfiguration& configuration,
                                              const PackageBundle& bundle) {
-  BundleMapRef builtIn = configuration.systemAppBundleIDToInfoMap();
-  if (!builtIn) return std::nullopt;
-  auto it = builtIn->find(bundle.identifier);
-  if (it == builtIn->end()) return std::nullopt;
-  const std::string builtInVersion =
-      BundleVersionText(PlistValue(it->second).find("KBBundleVersion")).value_or("0");
-  const std::string packageVersion = bundle.version.value_or("0");
-  if (CompareBundleVersions(packageVersion, builtInVersion) > 0) return std::nullopt;
+  std::optional<std::string> message =
+      BuiltInRefusalMessage(configuration, bundle.identifier, bundle.version);
+  if (!message) return std::nullopt;
   return InstallFailure{kWorkspaceAlreadyInstalledError, kApplicationAlreadyInstalledError,
-                        Format("%@ %@ is already installed as a built-in application, version %@",
-                               bundle.identifier, packageVersion, builtInVersion),
-                        nullptr};
+                        std::move(*message), nullptr};
 }
 
 // The package goes in one rename before it is removed: a crash part-way through removing
@@ -488,6 +480,22 @@ bool DeviceWorkspace::installApplication(const FileURL& location, const PlistDic
   if (!ConsumePackage(layout_, location)) change->failed();
   reporter.step(100, "Complete");
   return true;
+}
+
+// A customer package may not replace a built-in application of the same or a newer version.
+std::optional<std::string> BuiltInRefusalMessage(VXGlobalConfiguration& configuration,
+                                                 const std::string& identifier,
+                                                 const std::optional<std::string>& version) {
+  BundleMapRef builtIn = configuration.systemAppBundleIDToInfoMap();
+  if (!builtIn) return std::nullopt;
+  auto it = builtIn->find(identifier);
+  if (it == builtIn->end()) return std::nullopt;
+  const std::string builtInVersion =
+      BundleVersionText(PlistValue(it->second).find("KBBundleVersion")).value_or("0");
+  const std::string packageVersion = version.value_or("0");
+  if (CompareBundleVersions(packageVersion, builtInVersion) > 0) return std::nullopt;
+  return Format("%@ %@ is already installed as a built-in application, version %@", identifier,
+                packageVersion, builtInVersion);
 }
 
 }  // namespace vx

@@ -16,6 +16,8 @@
 
 namespace vx {
 
+class VXGlobalConfiguration;
+
 struct PackageBundle {
   FileURL url;
   std::string identifier;
@@ -59,5 +61,12 @@ int CompareBundleVersions(const std::string& a, const std::string& b);
 
 // A version as text, whether the information list holds it as text or as a number.
 std::optional<std::string> BundleVersionText(const PlistValue* value);
+
+// Why a customer bundle of `identifier` at `version` would be turned away: a built-in
+// application of the same or a newer version serves that identifier. Nothing when it would
+// be installed. A missing version counts as "0".
+std::optional<std::string> BuiltInRefusalMessage(VXGlobalConfiguration& configuration,
+                                                 const std::string& identifier,
+                                                 const std::optional<std::string>& version);
 
 }  // namespace vx

@@ -1,0 +1,39 @@
+// Values as the host shows them to a person: sizes ("512 B", "3.2 KiB", "1.5 GiB"), an
+// entry by its last name, a plug-in's log message without the plug-in's own prefix.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <iterator>
+#include <string>
+
+namespace vx::host {
+
+inline std::string ByteCount(uint64_t bytes) {
+  static constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+  double value = static_cast<double>(bytes);
+  size_t unit = 0;
+  while (value >= 1024.0 && unit + 1 < std::size(kUnits)) {
+    value /= 1024.0;
+    ++unit;
+  }
+  char text[32];
+  if (unit == 0) {
+    std::snprintf(text, sizeof text, "%llu B", static_cast<unsigned long long>(bytes));
+  } else {
+    std::snprintf(text, sizeof text, "%.1f %s", value, kUnits[unit]);
+  }
+  return text;
+}
+
+inline std::string LastPathComponent(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+inline std::string WithoutPluginPrefix(const std::string& message) {
+  static const std::string kPrefix = "VXAppMigrator: ";
+  return message.rfind(kPrefix, 0) == 0 ? message.substr(kPrefix.size()) : message;
+}
+
+}  // namespace vx::host
