@@ -204,11 +204,15 @@ TEST(SampleDeviceCrashTest, FailuresAcrossEveryCourseLoseNoByte) {
 }
 
 // Seven applications take every course. The whole sweep (`make test-power`, which sets
-// VX_POWER_SWEEP=full) cuts the power at every one of their mutations; otherwise a sample
-// of them, a different one each day, is cut.
+// VX_POWER_SWEEP=full) cuts the power at every one of their mutations, VX_POWER_SWEEP=N at
+// every Nth; otherwise a sample of them, a different one each day, is cut.
 int PowerSweepStride(int* first) {
   const char* sweep = std::getenv("VX_POWER_SWEEP");
   if (sweep && std::string(sweep) == "full") return *first = 1;
+  if (sweep && std::atoi(sweep) > 0) {
+    *first = 1;
+    return std::atoi(sweep);
+  }
   constexpr int kStride = 41;
   *first = 1 + static_cast<int>(std::time(nullptr) / 86400 % kStride);
   return kStride;
