@@ -5,6 +5,7 @@
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/files/DirChain.h"
 #include "platform/log/InstallerLog.h"
 #include "platform/system/DeviceRoot.h"
 
@@ -20,6 +21,10 @@ constexpr int32_t kClassUnchanged = -1;
 void CreateOrLog(const FileURL& url, int32_t protectionClass, const char* function,
                  const char* message) {
   const VXFileManager& fm = VXFileManager::defaultManager();
+  // These directories hold what must outlive a power cut (the recovery area, the records of
+  // the migration): each one made is synced into its parent before anything goes in. When
+  // they exist, as they nearly always do, this costs one failing mkdir.
+  dirchain(url.fileSystemRepresentation(), kDirectoryMode, DirChainSync::Durable);
   ErrorRef error;
   bool made = protectionClass == kClassUnchanged
                   ? fm.createDirectoryAtURL(url, true, kDirectoryMode, &error)

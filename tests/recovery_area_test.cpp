@@ -2,7 +2,11 @@
 // found again; what holds nothing is not worth keeping.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include "platform/files/Fault.h"
+#include "platform/files/Sys.h"
 #include "platform/installer/RecoveryArea.h"
 #include "support/TempDir.h"
 #include "support/TestDevice.h"
@@ -69,6 +73,47 @@ TEST(RecoveryAreaTest, MovedWholeRecordedFoundAndRemoved) {
 
   ASSERT_TRUE(RemoveRecoveredEntry(*byName, &error));
   EXPECT_EQ(RecoveredEntries().size(), 1u);
+}
+
+// A power cut at each step of a move into the area, and one just after it returned: the item
+// is where it stood or in the area under its record, never in neither; once the move
+// returned, in the area.
+TEST(RecoveryAreaTest, PowerCutNeverLosesTheItem) {
+  TempDir stash;
+  for (uint64_t step = 1;; ++step) {
+    ResetTestDevice();
+    const std::string c = DevicePath("old/C1");
+    WriteFile(c + "/Documents/diary", "dear diary");
+    int reported[2];
+    ASSERT_EQ(::pipe(reported), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      fault::Arm(step, fault::Action::PowerCut, 0, {.stashDirectory = stash / "kept"});
+      ErrorRef error;
+      const char moved = MoveToRecoveryArea(FileURL::fileURLWithPath(c, true),
+                                            {"com.example.c1", kRecoveryCourseNoBundle, "/old/C1"},
+                                            &error)
+                             ? 'y'
+                             : 'n';
+      EXPECT_EQ(::write(reported[1], &moved, 1), 1);
+      for (;;) sys::Mkdir(DevicePath("after").c_str(), 0755);
+    }
+    ::close(reported[1]);
+    char moved = 0;
+    const bool returned = ::read(reported[0], &moved, 1) == 1;
+    ::close(reported[0]);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    const std::vector<RecoveredEntry> entries = RecoveredEntries();
+    const bool kept = entries.size() == 1 &&
+                      ReadFile(entries[0].content.path() + "/C1/Documents/diary") == "dear diary";
+    const bool inPlace = Exists(c + "/Documents/diary");
+    EXPECT_TRUE(kept != inPlace) << "step " << step << ": kept " << kept << ", in place " << inPlace;
+    if (returned) {
+      EXPECT_TRUE(moved != 'y' || kept) << "reported moved, then lost at step " << step;
+      break;
+    }
+  }
 }
 
 }  // namespace
