@@ -34,6 +34,11 @@ bool IsTolerated(const std::string& name) {
 
 }  // namespace
 
+// The moves are not synced one by one. The data container was made durable before anything
+// moves into it, and nothing syncs the old container after the moves: a power cut then undoes
+// a move whole or keeps it whole, and the run resumed from the marker moves again what came
+// back. A sync here would only matter if the old container's side of a move could become
+// durable alone.
 bool VXAppMigrator::_migrateDataContainerForIdentifier(const std::string& identifier,
                                                        const FileURL& from, const FileURL& to) {
   const VXFileManager& fileManager = VXFileManager::defaultManager();

@@ -145,6 +145,9 @@ void VXAppMigrator::_saveGroupContainerMap() {
   }
 }
 
+// Unsynced moves, as for the data container: the new group container is durable before they
+// start and nothing syncs the old one after them, so a power cut undoes or keeps each move
+// whole (the power-cut sweeps of a migration with a shared group cut at every step).
 bool VXAppMigrator::_moveAllItemsInGroupContainerURL(const FileURL& source,
                                                      const FileURL& destination,
                                                      size_t* unmovedCount) {

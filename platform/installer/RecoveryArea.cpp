@@ -181,10 +181,10 @@ std::optional<FileURL> MoveToRecoveryArea(const FileURL& item, const RecoveryRec
   // The move is a rename; only an area on another file system makes it a copy, and then the
   // source goes only once the copy is whole.
   if (!fileManager.moveItemAtURL(item, destination, error)) return std::nullopt;
-  // Both directories changed: a power cut must not bring the item back to where it stood
-  // while the record says it left, nor lose it from both.
+  // Synced into the entry, the item cannot be lost by a power cut. The directory it left
+  // needs no sync: the rename is then committed whole (and were it not, the item would at
+  // worst be in both places, and the next run would set the copy aside again).
   SyncDirectory(content.path());
-  SyncDirectory(item.URLByDeletingLastPathComponent().path());
   return destination;
 }
 

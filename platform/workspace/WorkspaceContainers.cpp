@@ -47,8 +47,8 @@ std::optional<FileURL> CommitAssembly(const FileURL& assembly, const std::vector
   if (!Files().moveItemAtURL(assembly, destination, error)) return std::nullopt;
   // The three syncs a container needs before anything may rely on it (data moved into it, a
   // package given up for it): the bytes of the files written into it (its record above all:
-  // without it the directory is nobody's), the entries in it, and its name in its class
-  // directory. They come after the rename, so that on a journaling file system the first
+  // without it the directory is nobody's; a placeholder's own files too), the entries in it,
+  // and its name in its class directory. They come after the rename, so that on a journaling file system the first
   // commits everything and the others find nothing left to do. Should one fail, the
   // container is in place all the same; only its survival of a power cut is in doubt.
   for (int fd : written) {
