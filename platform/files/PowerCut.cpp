@@ -37,12 +37,7 @@ struct Operation {
   Kind kind;
   Key from{}, to{};  // directories: `from` for Remove and Rename, `to` for Create and Rename
   std::string fromName, toName;
-  Key node{};
-  bool directory = false;
-  std::string stash;  // a removed non-directory, kept alive
-  mode_t mode = 0;    // a removed directory, made again
-  uid_t owner = 0;
-  gid_t group = 0;
+  Node node;  // what was made, removed or renamed
   bool fromDurable = false, toDurable = false;
 };
 
@@ -119,19 +114,23 @@ void Track(Journal& j, int fd, off_t synced) {
   if (kept >= 0) j.files.emplace(KeyOf(st), TrackedFile{kept, synced});
 }
 
-// Facts about `leaf` in `dirfd` needed to bring it back after its removal.
-void Describe(Journal& j, int dirfd, const std::string& leaf, bool* exists, bool* directory,
-              std::string* stash, mode_t* mode, uid_t* owner, gid_t* group, Key* node) {
+// What `leaf` in `dirfd` is, and, should it go, how to bring it back.
+Node Look(Journal& j, int dirfd, const std::string& leaf, bool keep) {
+  Node node;
   struct stat st {};
-  *exists = ::fstatat(dirfd, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
-  if (!*exists) return;
-  *node = KeyOf(st);
-  *directory = S_ISDIR(st.st_mode);
-  *mode = st.st_mode & 07777;
-  *owner = st.st_uid;
-  *group = st.st_gid;
-  if (!*directory) *stash = Stash(j, dirfd, leaf);
+  if (::fstatat(dirfd, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return node;
+  node.exists = true;
+  node.directory = S_ISDIR(st.st_mode);
+  node.device = st.st_dev;
+  node.inode = st.st_ino;
+  node.mode = st.st_mode & 07777;
+  node.owner = st.st_uid;
+  node.group = st.st_gid;
+  if (keep && !node.directory) node.stash = Stash(j, dirfd, leaf);
+  return node;
 }
+
+Key KeyOf(const Node& node) { return {node.device, node.inode}; }
 
 // ---- the cut ---------------------------------------------------------------------------
 
@@ -168,25 +167,25 @@ void RemoveTree(int dirfd, const std::string& leaf) {
 
 void Bring(Journal& j, const Operation& op, int dirfd) {
   if (!Free(dirfd, op.fromName)) return;
-  if (op.directory) {
-    if (::mkdirat(dirfd, op.fromName.c_str(), op.mode) == 0) {
-      ::fchownat(dirfd, op.fromName.c_str(), op.owner, op.group, AT_SYMLINK_NOFOLLOW);
-      ::fchmodat(dirfd, op.fromName.c_str(), op.mode, 0);
+  if (op.node.directory) {
+    if (::mkdirat(dirfd, op.fromName.c_str(), op.node.mode) == 0) {
+      ::fchownat(dirfd, op.fromName.c_str(), op.node.owner, op.node.group, AT_SYMLINK_NOFOLLOW);
+      ::fchmodat(dirfd, op.fromName.c_str(), op.node.mode, 0);
       // What was removed from it before it went comes back into the new directory, which
       // the undoing (newest first) reaches next.
       int made = ::openat(dirfd, op.fromName.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
       struct stat st {};
       if (made >= 0 && ::fstat(made, &st) == 0) {
-        j.revived[op.node] = KeyOf(st);
-        auto [it, added] = j.directories.emplace(op.node, made);
+        j.revived[KeyOf(op.node)] = KeyOf(st);
+        auto [it, added] = j.directories.emplace(KeyOf(op.node), made);
         if (!added) {
           ::close(it->second);
           it->second = made;
         }
       }
     }
-  } else if (!op.stash.empty()) {
-    ::linkat(AT_FDCWD, op.stash.c_str(), dirfd, op.fromName.c_str(), 0);
+  } else if (!op.node.stash.empty()) {
+    ::linkat(AT_FDCWD, op.node.stash.c_str(), dirfd, op.fromName.c_str(), 0);
   }
 }
 
@@ -198,7 +197,7 @@ void Undo(Journal& j, const Operation& op) {
   const int from = fd(op.from), to = fd(op.to);
   switch (op.kind) {
     case Operation::Create:
-      if (!op.toDurable && Is(j, to, op.toName, op.node)) RemoveTree(to, op.toName);
+      if (!op.toDurable && Is(j, to, op.toName, KeyOf(op.node))) RemoveTree(to, op.toName);
       break;
     case Operation::Remove:
       if (!op.fromDurable) Bring(j, op, from);
@@ -206,11 +205,11 @@ void Undo(Journal& j, const Operation& op) {
     case Operation::Rename:
       if (op.fromDurable && op.toDurable) break;
       if (!op.fromDurable && !op.toDurable) {
-        if (Is(j, to, op.toName, op.node) && Free(from, op.fromName)) {
+        if (Is(j, to, op.toName, KeyOf(op.node)) && Free(from, op.fromName)) {
           ::renameat(to, op.toName.c_str(), from, op.fromName.c_str());
         }
       } else if (!op.toDurable) {
-        if (Is(j, to, op.toName, op.node)) RemoveTree(to, op.toName);  // lost on the way
+        if (Is(j, to, op.toName, KeyOf(op.node))) RemoveTree(to, op.toName);  // lost on the way
       }
       // With only its destination synced, a rename stands whole: a journal commits the
       // removal of the old name with the new one, and a directory has one name only.
@@ -347,12 +346,8 @@ Pending BeforeRemove(int dirfd, const char* name) {
   std::string leaf;
   int parentFd = -1;
   if (!Locate(dirfd, name, &parent, &leaf, &parentFd)) return p;
-  Key node;
-  Describe(j, parentFd, leaf, &p.existed, &p.directory, &p.stash, &p.mode, &p.owner, &p.group,
-           &node);
-  p.device = node.device;
-  p.inode = node.inode;
-  p.active = p.existed;
+  p.node = Look(j, parentFd, leaf, true);
+  p.active = p.node.exists;
   return p;
 }
 
@@ -360,19 +355,10 @@ void AfterRemove(int dirfd, const char* name, const Pending& p) {
   if (!p.active) return;
   Journal& j = TheJournal();
   std::lock_guard lock(j.mutex);
-  Key parent;
-  std::string leaf;
-  int parentFd = -1;
-  if (!Locate(dirfd, name, &parent, &leaf, &parentFd)) return;
   Operation op(Operation::Remove);
-  op.from = parent;
-  op.fromName = leaf;
-  op.node = {p.device, p.inode};
-  op.directory = p.directory;
-  op.stash = p.stash;
-  op.mode = p.mode;
-  op.owner = p.owner;
-  op.group = p.group;
+  int parentFd = -1;
+  if (!Locate(dirfd, name, &op.from, &op.fromName, &parentFd)) return;
+  op.node = p.node;
   j.operations.push_back(std::move(op));
 }
 
@@ -385,21 +371,15 @@ Pending BeforeRename(int fromDirfd, const char* from, int toDirfd, const char* t
   std::string leaf;
   int parentFd = -1;
   if (!Locate(fromDirfd, from, &parent, &leaf, &parentFd)) return p;
-  struct stat st {};
-  if (::fstatat(parentFd, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return p;
-  p.active = true;
-  p.directory = S_ISDIR(st.st_mode);
-  p.device = st.st_dev;
-  p.inode = st.st_ino;
-  if (!Locate(toDirfd, to, &parent, &leaf, &parentFd)) return Pending{};
-  Key replaced;
-  Describe(j, parentFd, leaf, &p.replaces, &p.replacedDirectory, &p.replacedStash,
-           &p.replacedMode, &p.replacedOwner, &p.replacedGroup, &replaced);
-  if (p.replaces && replaced == Key{p.device, p.inode}) {
+  p.node = Look(j, parentFd, leaf, false);
+  if (!p.node.exists || !Locate(toDirfd, to, &parent, &leaf, &parentFd)) return Pending{};
+  p.replaced = Look(j, parentFd, leaf, true);
+  if (p.replaced.exists && KeyOf(p.replaced) == KeyOf(p.node)) {
     // Renaming a node onto another name of itself changes nothing.
     Abandon(p);
     return Pending{};
   }
+  p.active = true;
   return p;
 }
 
@@ -413,25 +393,21 @@ void AfterRename(int fromDirfd, const char* from, int toDirfd, const char* to, c
       !Locate(toDirfd, to, &op.to, &op.toName, &fd)) {
     return;
   }
-  if (p.replaces) {
+  if (p.replaced.exists) {
     Operation gone(Operation::Remove);
     gone.from = op.to;
     gone.fromName = op.toName;
-    gone.directory = p.replacedDirectory;
-    gone.stash = p.replacedStash;
-    gone.mode = p.replacedMode;
-    gone.owner = p.replacedOwner;
-    gone.group = p.replacedGroup;
+    gone.node = p.replaced;
     j.operations.push_back(std::move(gone));
   }
-  op.node = {p.device, p.inode};
-  op.directory = p.directory;
+  op.node = p.node;
   j.operations.push_back(std::move(op));
 }
 
 void Abandon(const Pending& p) {
-  if (!p.stash.empty()) ::unlink(p.stash.c_str());
-  if (!p.replacedStash.empty()) ::unlink(p.replacedStash.c_str());
+  for (const Node* node : {&p.node, &p.replaced}) {
+    if (!node->stash.empty()) ::unlink(node->stash.c_str());
+  }
 }
 
 Pending BeforeOpen(int dirfd, const char* name) {
@@ -439,14 +415,14 @@ Pending BeforeOpen(int dirfd, const char* name) {
   if (!Recording()) return p;
   p.active = true;
   struct stat st {};
-  p.existed = ::fstatat(dirfd, name, &st, 0) == 0;
-  if (p.existed) p.size = st.st_size;
+  p.node.exists = ::fstatat(dirfd, name, &st, 0) == 0;
+  if (p.node.exists) p.size = st.st_size;
   return p;
 }
 
 void AfterOpen(int dirfd, const char* name, int fd, const Pending& p) {
   if (!p.active) return;
-  if (!p.existed) {
+  if (!p.node.exists) {
     AfterCreate(dirfd, name);
     BeforeData(fd);
     return;
@@ -465,12 +441,11 @@ void AfterCreate(int dirfd, const char* name, bool newNode) {
   if (!Locate(dirfd, name, &op.to, &op.toName, &parentFd)) return;
   struct stat st {};
   if (::fstatat(parentFd, op.toName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return;
-  op.node = KeyOf(st);
-  op.directory = S_ISDIR(st.st_mode);
+  op.node = Look(j, parentFd, op.toName, false);
   // A file made now had nothing durable in it.
-  if (newNode && S_ISREG(st.st_mode) && !j.files.count(op.node)) {
+  if (newNode && S_ISREG(st.st_mode) && !j.files.count(KeyOf(st))) {
     int kept = ::openat(parentFd, op.toName.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
-    if (kept >= 0) j.files.emplace(op.node, TrackedFile{kept, 0});
+    if (kept >= 0) j.files.emplace(KeyOf(st), TrackedFile{kept, 0});
   }
   j.operations.push_back(std::move(op));
 }

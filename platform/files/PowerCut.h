@@ -47,25 +47,23 @@ bool Recording();
 // The hooks of the system-call wrappers: `Before*` runs before the call (when it may need
 // to see the old state), `After*` only once the call has succeeded. A null `name` with
 // `dirfd` AT_FDCWD never occurs; a path is (AT_FDCWD, path).
-struct Pending {
-  bool active = false;
-  bool existed = false;     // the name was there before the call
-  bool directory = false;   // the named node (the source, for a rename) is a directory
+// A node a removal or a rename takes away from its name, and how it comes back at the cut.
+struct Node {
+  bool exists = false;
+  bool directory = false;
   dev_t device = 0;
   ino_t inode = 0;
-  off_t size = 0;           // for a regular file opened for writing: its length before
-  // For a removal or a replacement: how the old node comes back.
-  std::string stash;
-  mode_t mode = 0;
+  std::string stash;  // a file, link or special node: kept alive by a hard link there
+  mode_t mode = 0;    // a directory (empty, or it could not go): made again with these
   uid_t owner = 0;
   gid_t group = 0;
-  // For a rename, the same facts about the destination.
-  bool replaces = false;
-  bool replacedDirectory = false;
-  std::string replacedStash;
-  mode_t replacedMode = 0;
-  uid_t replacedOwner = 0;
-  gid_t replacedGroup = 0;
+};
+
+struct Pending {
+  bool active = false;
+  Node node;      // what is removed, renamed or opened
+  Node replaced;  // what a rename replaces
+  off_t size = 0;  // a regular file opened for writing: its length before
 };
 
 Pending BeforeRemove(int dirfd, const char* name);
