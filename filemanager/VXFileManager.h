@@ -117,6 +117,9 @@ class VXFileManager {
 
   // --- Disk usage -------------------------------------------------------------------
   uint64_t diskUsageForURL(const FileURL& root) const;
+  // The same measurement by `workers` threads; a file linked from directories that two of
+  // them read is still counted once.
+  uint64_t diskUsageForURL(const FileURL& root, unsigned workers) const;
 
   // --- Operations beneath a verified directory --------------------------------------
   // For trees that someone else may write (an old container): every name is one component
