@@ -56,6 +56,12 @@ class VXFileManager {
 
   // --- Core file operations ---------------------------------------------------------
   bool removeItemAtURL(const std::optional<FileURL>& url, ErrorRef* error) const;
+  // The same removal by `workers` threads, which empty different directories at once; each
+  // directory still goes only after its last entry. With more than one worker the order of
+  // the removals (and of the fault seam's count) varies from run to run, so the migration
+  // keeps to the one-worker forms.
+  bool removeItemAtURL(const std::optional<FileURL>& url, unsigned workers,
+                       ErrorRef* error) const;
   // `protectionClass` -1 leaves the class unchanged.
   bool createDirectoryAtURL(const FileURL& url, bool withIntermediateDirectories, mode_t mode,
                             int32_t protectionClass, ErrorRef* error) const;
