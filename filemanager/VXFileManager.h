@@ -72,6 +72,10 @@ class VXFileManager {
   bool _moveItemAtURL(const FileURL& source, const FileURL& destination, bool failIfSrcMissing,
                       ErrorRef* error) const;
   bool copyItemAtURL(const FileURL& source, const FileURL& destination, ErrorRef* error) const;
+  // The same copy by `workers` threads, each copying the files of one directory at a time;
+  // the copy and its metadata are those of the one-worker form.
+  bool copyItemAtURL(const FileURL& source, const FileURL& destination, unsigned workers,
+                     ErrorRef* error) const;
   bool copyItemIfExistsAtURL(const FileURL& source, const FileURL& destination,
                              ErrorRef* error) const;
   bool moveItemAtURL(const FileURL& source, const FileURL& destination, ErrorRef* error) const;
