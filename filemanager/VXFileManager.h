@@ -100,6 +100,11 @@ class VXFileManager {
   // is not a directory and has other links keeps its owner (logged as a refused change).
   bool standardizeOwnershipAndValidateSymlinksAtURL(const FileURL& root, uid_t uid, gid_t gid,
                                                     ErrorRef* error) const;
+  // The same by `workers` threads over a shared queue of directories: every item is visited
+  // once rather than a directory twice, and the walk stops at the first refusal any worker
+  // meets, so which items were re-owned before it varies from run to run.
+  bool standardizeOwnershipAndValidateSymlinksAtURL(const FileURL& root, uid_t uid, gid_t gid,
+                                                    unsigned workers, ErrorRef* error) const;
 
   // --- Path containment and symlink validation --------------------------------------
   std::optional<FileURL> realPathForURL(const std::optional<FileURL>& suspicious,
