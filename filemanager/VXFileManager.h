@@ -10,6 +10,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/files/UniqueFd.h"
@@ -86,6 +87,12 @@ class VXFileManager {
   std::optional<std::vector<FileURL>> urlsForItemsInDirectoryAtURL(const FileURL& directory,
                                                                    bool ignoringSymlinks,
                                                                    ErrorRef* error) const;
+  // The same listing, handing each name to `visitor` as the directory yields it instead of
+  // gathering locations: for a directory too large to hold as a list. The failure and the
+  // log lines are the listing's.
+  using ItemNameVisitor = std::function<void(std::string_view name, bool isDirectory)>;
+  bool forEachItemInDirectoryAtURL(const FileURL& directory, bool ignoringSymlinks,
+                                   const ItemNameVisitor& visitor, ErrorRef* error) const;
   bool createSymbolicLinkAtURL(const FileURL& url, const FileURL& destination,
                                ErrorRef* error) const;
   std::optional<FileURL> destinationOfSymbolicLinkAtURL(const FileURL& url,
