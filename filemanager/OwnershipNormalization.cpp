@@ -192,7 +192,6 @@ class ParallelOwnership {
     bool expectChange = false;
     for (const std::string& name : names) {
       if (queue_.stopped()) return;
-      const std::string relative = pending.relative.empty() ? name : pending.relative + "/" + name;
       // A look by name first: an item that already has the owner needs no descriptor, as
       // nothing is done to it. Only a change is made through a descriptor of the item, and
       // by the status of that descriptor.
@@ -206,8 +205,11 @@ class ParallelOwnership {
         if (!item || ::fstat(item.get(), &st) != 0) return Fail(errno);
         expectChange = st.st_uid != uid_ || st.st_gid != gid_;
       }
-      if (!Visit(item.get(), PathOf(relative), st)) return;
-      if (!S_ISDIR(st.st_mode) || st.st_dev != rootDevice_) continue;
+      const bool isDirectory = S_ISDIR(st.st_mode);
+      if (!item && !isDirectory && !S_ISLNK(st.st_mode)) continue;  // nothing to do or to enter
+      const std::string relative = pending.relative.empty() ? name : pending.relative + "/" + name;
+      if ((item || S_ISLNK(st.st_mode)) && !Visit(item.get(), PathOf(relative), st)) return;
+      if (!isDirectory || st.st_dev != rootDevice_) continue;
       bool first = false;
       {
         std::lock_guard lock(mutex_);
