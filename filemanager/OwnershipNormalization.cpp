@@ -103,8 +103,9 @@ class ParallelOwnership {
 
   bool Run(unsigned workers, ErrorRef* error) {
     if (rootPath_.empty()) {
-      SetError(error, PosixError(kTraverse, __LINE__, ENOENT, "fts_open failed for %s with error %s",
-                                 rootPath_, std::strerror(ENOENT)));
+      SetError(error, PosixError(kTraverse, __LINE__, ENOENT,
+                                 "fts_open failed for %s with error %s", rootPath_,
+                                 std::strerror(ENOENT)));
       return false;
     }
     UniqueFd item(::open(rootPath_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));

@@ -56,7 +56,8 @@ bool VXFileManager::removeItemAtURL(const std::optional<FileURL>& url, unsigned 
                      "purgetree_state_set PURGETREE_STATE_ERROR_CONTEXT failed: %s",
                      std::strerror(errno));
   }
-  if (purgetree(url->fileSystemRepresentation(), state.get(), true, workers) != 0 && errno != ENOENT) {
+  if (purgetree(url->fileSystemRepresentation(), state.get(), true, workers) != 0 &&
+      errno != ENOENT) {
     const int e = errno;
     SetError(error, PosixError(kRemoveFunction, __LINE__, e, "purgetree of %@ failed: %s", *url,
                                std::strerror(e)));

@@ -14,26 +14,31 @@ void OutputBuffer::line(std::string_view text) {
   if (used_ + text.size() + 1 > kSize && !flush()) return;
   if (text.size() + 1 > kSize) {
     // A name longer than the whole buffer (a file system may serve one) goes out by itself.
-    const char newline = '\n';
-    failed_ = ::write(fd_, text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-              ::write(fd_, &newline, 1) != 1;
-    return;
+    writeAll(text.data(), text.size());
+  } else {
+    std::memcpy(buffer_.get() + used_, text.data(), text.size());
+    used_ += text.size();
   }
-  std::memcpy(buffer_.get() + used_, text.data(), text.size());
-  used_ += text.size();
   buffer_[used_++] = '\n';
 }
 
 bool OutputBuffer::flush() {
-  size_t at = 0;
-  while (!failed_ && at < used_) {
-    const ssize_t n = ::write(fd_, buffer_.get() + at, used_ - at);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) failed_ = true;
-    else at += static_cast<size_t>(n);
-  }
+  writeAll(buffer_.get(), used_);
   used_ = 0;
   return !failed_;
+}
+
+void OutputBuffer::writeAll(const char* bytes, size_t size) {
+  while (!failed_ && size > 0) {
+    const ssize_t n = ::write(fd_, bytes, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      failed_ = true;
+    } else {
+      bytes += n;
+      size -= static_cast<size_t>(n);
+    }
+  }
 }
 
 }  // namespace vx::vxfile

@@ -21,6 +21,8 @@ class OutputBuffer {
   bool flush();
 
  private:
+  void writeAll(const char* bytes, size_t size);
+
   static constexpr size_t kSize = 1 << 20;
   int fd_;
   std::unique_ptr<char[]> buffer_;

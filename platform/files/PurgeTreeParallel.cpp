@@ -50,7 +50,8 @@ struct Node {
 
 class ParallelRemover {
  public:
-  ParallelRemover(PurgeTreeState* state, std::string path) : state_(state), path_(std::move(path)) {}
+  ParallelRemover(PurgeTreeState* state, std::string path)
+      : state_(state), path_(std::move(path)) {}
 
   // Returns what the one-worker remover returns for a directory it could open.
   int Run(UniqueFd top, unsigned workers) {
