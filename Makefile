@@ -1,5 +1,5 @@
 # Thin front door: installs what is missing, then lets CMake and CTest do the work.
-.PHONY: all deps build test test-power demo release bench bench-migrate fuzz-smoke package clean
+.PHONY: all deps build test test-power demo release bench bench-migrate bench-files fuzz-smoke package clean
 
 all: build
 
@@ -57,6 +57,19 @@ BENCH_SIZES ?= 1000,10000
 bench-migrate: release
 	build/release/bin/vx_migrate_bench --bin-dir build/release/bin --work-dir $(BENCH_DIR) \
 	  --big-dir build/bench-migrate --rounds $(BENCH_ROUNDS) --sizes $(BENCH_SIZES)
+
+# vxfile against du, rm, cp, ls, chown and openssl on T1 (100,000 files in 1,000 directories)
+# and T3 (200,000 empty files in one directory), made once in the work directory and reused.
+# BENCH_DIR (default build/bench-files), BENCH_ROUNDS (cp and rm, default 3) and
+# BENCH_QUICK_ROUNDS (the others, default 11) and BENCH_WORKERS (vxfile's -j; one worker per
+# core when empty) may be set.
+BENCH_QUICK_ROUNDS ?= 11
+BENCH_WORKERS ?=
+BENCH_FILES_DIR = $(if $(filter command line environment,$(origin BENCH_DIR)),$(BENCH_DIR),build/bench-files)
+bench-files: release
+	build/release/bin/vx_files_bench --bin-dir build/release/bin --work-dir $(BENCH_FILES_DIR) \
+	  --rounds $(BENCH_ROUNDS) --quick-rounds $(BENCH_QUICK_ROUNDS) \
+	  $(if $(BENCH_WORKERS),--workers $(BENCH_WORKERS))
 
 # A Debian package (build/vxmigrate_<version>_<arch>.deb), built for the /usr prefix with
 # Debian's hardening flags.

@@ -31,9 +31,9 @@ SourceState CheckSource(const char* function, const FileURL& source, ErrorRef* e
 
 // The copier with the flags the file manager always asks for, plus `extraFlags`.
 bool Clone(const FileURL& source, const FileURL& destination, unsigned extraFlags,
-           ErrorRef* error) {
+           ErrorRef* error, unsigned workers = 1) {
   if (clonetree(source.fileSystemRepresentation(), destination.fileSystemRepresentation(),
-                kCloneAll | extraFlags) != 0) {
+                kCloneAll | extraFlags, workers) != 0) {
     const int e = errno;
     SetError(error, PosixError(kCopyFunction, __LINE__, e, "clonetree of %@ to %@ failed: %s",
                                source, destination, std::strerror(e)));
@@ -83,6 +83,11 @@ bool VXFileManager::_moveItemAtURL(const FileURL& source, const FileURL& destina
 bool VXFileManager::copyItemAtURL(const FileURL& source, const FileURL& destination,
                                   ErrorRef* error) const {
   return _copyItemAtURL(source, destination, true, error);
+}
+
+bool VXFileManager::copyItemAtURL(const FileURL& source, const FileURL& destination,
+                                  unsigned workers, ErrorRef* error) const {
+  return Clone(source, destination, 0, error, workers);
 }
 
 bool VXFileManager::copyItemIfExistsAtURL(const FileURL& source, const FileURL& destination,

@@ -2,9 +2,10 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <deque>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -15,6 +16,7 @@
 #include "platform/files/Beneath.h"
 #include "platform/files/DirHarvest.h"
 #include "platform/files/UniqueFd.h"
+#include "platform/files/WorkQueue.h"
 #include "platform/log/InstallerLog.h"
 
 namespace vx {
@@ -95,23 +97,43 @@ bool IsPlainName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
 }
 
+// Batch buffers for the workers: one each, reused from directory to directory.
+class BatchPool {
+ public:
+  std::vector<unsigned char> take() {
+    std::lock_guard lock(mutex_);
+    if (free_.empty()) return std::vector<unsigned char>(kBatchSize);
+    std::vector<unsigned char> batch = std::move(free_.back());
+    free_.pop_back();
+    return batch;
+  }
+  void give(std::vector<unsigned char> batch) {
+    std::lock_guard lock(mutex_);
+    free_.push_back(std::move(batch));
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::vector<unsigned char>> free_;
+};
+
 class Measurement {
  public:
-  Measurement() : batch_(kBatchSize) {}
-
-  uint64_t run(const FileURL& root) {
+  uint64_t run(const FileURL& root, unsigned workers) {
     if (root.path().empty()) {
       VX_INSTALLER_LOG(3, kDiskUsage, "Failed to get path to url %@", root);
       return 0;
     }
     rootPath_ = root.path();
-    queue_.push_back({std::string(), 0});
-    while (!queue_.empty()) {
-      const Pending directory = std::move(queue_.front());
-      queue_.pop_front();
-      readDirectory(directory);
-    }
-    return total_;
+    // Workers share the queue of directories, the set of hard-linked files seen and the
+    // total; each reads its directory into a batch of its own.
+    queue_.Push({std::string(), 0});
+    queue_.Run(workers < 1 ? 1 : workers, [this](Pending& directory) {
+      std::vector<unsigned char> batch = batches_.take();
+      readDirectory(directory, batch);
+      batches_.give(std::move(batch));
+    });
+    return total_.load();
   }
 
  private:
@@ -128,6 +150,7 @@ class Measurement {
 
   // The tree may change while it is measured: a directory is opened beneath the root with
   // no symbolic link followed on the way, and must still be the directory that was listed.
+  // The root is read first and alone, so its descriptor is set before any worker needs it.
   UniqueFd openDirectory(const Pending& pending) {
     if (pending.relative.empty()) {
       root_.reset(::open(rootPath_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -143,7 +166,7 @@ class Measurement {
     return fd;
   }
 
-  void readDirectory(const Pending& pending) {
+  void readDirectory(const Pending& pending, std::vector<unsigned char>& batch) {
     const std::string directory = pathOf(pending.relative);
     UniqueFd fd = openDirectory(pending);
     if (!fd) {
@@ -153,46 +176,57 @@ class Measurement {
     }
     HarvestCursor cursor(fd.get());
     uint64_t entryIndex = 0;
+    uint64_t sum = 0;  // added to the shared total once, when the directory is done
     for (;;) {
-      const int count = dirharvest(cursor, request(), batch_.data(), batch_.size());
+      const int count = dirharvest(cursor, request(), batch.data(), batch.size());
       if (count < 0) {
         VX_INSTALLER_LOG(3, kDiskUsage, "dirharvest on entry %llu in %@ returned error %s",
                          entryIndex, directory, std::strerror(errno));
-        return;
+        break;
       }
-      if (count == 0) return;
+      if (count == 0) break;
       size_t at = 0;
+      bool broken = false;
       for (int i = 0; i < count; ++i, ++entryIndex) {
         uint32_t length = 0;
-        if (batch_.size() - at < sizeof length) return;
-        std::memcpy(&length, batch_.data() + at, sizeof length);
         // A length that cannot be right would send the decoder out of the batch.
-        if (length < sizeof length || length > batch_.size() - at) return;
-        handle(Decode(batch_.data() + at, length), entryIndex, directory, pending.relative);
+        if (batch.size() - at < sizeof length) {
+          broken = true;
+          break;
+        }
+        std::memcpy(&length, batch.data() + at, sizeof length);
+        if (length < sizeof length || length > batch.size() - at) {
+          broken = true;
+          break;
+        }
+        sum += handle(Decode(batch.data() + at, length), entryIndex, directory, pending.relative);
         at += length;
       }
+      if (broken) break;
     }
+    total_.fetch_add(sum, std::memory_order_relaxed);
   }
 
-  void handle(const HarvestedEntry& entry, uint64_t index, const std::string& directory,
-              const std::string& relative) {
+  // The bytes the entry adds to the total.
+  uint64_t handle(const HarvestedEntry& entry, uint64_t index, const std::string& directory,
+                  const std::string& relative) {
     if (entry.error != 0) {
       VX_INSTALLER_LOG(3, kDiskUsage, "Got error %s while processing entry %llu in %@",
                        std::strerror(static_cast<int>(entry.error)), index, directory);
-      return;
+      return 0;
     }
     if (entry.objectType == kHarvestDirectory) {
       if (entry.entryCountReturned && entry.entryCount == 0) {
         VX_INSTALLER_LOG(7, kDiskUsage, "skipping empty directory at %@/%s", directory,
                          entry.name);
-        return;
+        return 0;
       }
       if (!entry.name) {
         VX_INSTALLER_LOG(3, kDiskUsage,
                          "Failed to get name for directory item %llu in %@; not counting its "
                          "children",
                          index, directory);
-        return;
+        return 0;
       }
       const std::string name =
           VelotrixAdditions::stringWithFileSystemRepresentation(entry.name, entry.nameLength);
@@ -200,20 +234,23 @@ class Measurement {
         VX_INSTALLER_LOG(3, kDiskUsage,
                          "Failed to create path to child directory by appending \"%s\" to %@",
                          entry.name, directory);
-        return;
+        return 0;
       }
-      queue_.push_back({relative.empty() ? name : relative + "/" + name, entry.fileID});
-      return;
+      queue_.Push({relative.empty() ? name : relative + "/" + name, entry.fileID});
+      return 0;
     }
-    if (entry.linkCount == 1) {
-      total_ += entry.allocatedSize;
-      return;
+    if (entry.linkCount == 1) return entry.allocatedSize;
+    // Two workers may meet two names of one file at once: the set decides which counts it.
+    bool first = false;
+    {
+      std::lock_guard lock(seenMutex_);
+      first = seen_.insert(entry.fileID).second;
     }
-    if (!seen_.insert(entry.fileID).second) {
+    if (!first) {
       VX_INSTALLER_LOG(7, kDiskUsage, "Skipping hardlinked file at %@/%s", directory, entry.name);
-      return;
+      return 0;
     }
-    total_ += entry.allocatedSize;
+    return entry.allocatedSize;
   }
 
   static const HarvestRequest& request() {
@@ -230,16 +267,21 @@ class Measurement {
 
   std::string rootPath_;
   UniqueFd root_;
-  std::vector<unsigned char> batch_;
-  std::deque<Pending> queue_;
+  BatchPool batches_;
+  WorkQueue<Pending> queue_;
+  std::mutex seenMutex_;
   std::unordered_set<uint64_t> seen_;
-  uint64_t total_ = 0;
+  std::atomic<uint64_t> total_{0};
 };
 
 }  // namespace
 
 uint64_t VXFileManager::diskUsageForURL(const FileURL& root) const {
-  return Measurement().run(root);
+  return Measurement().run(root, 1);
+}
+
+uint64_t VXFileManager::diskUsageForURL(const FileURL& root, unsigned workers) const {
+  return Measurement().run(root, workers);
 }
 
 }  // namespace vx

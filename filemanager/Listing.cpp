@@ -29,9 +29,9 @@ struct DirectoryEntry {
   unsigned char type;  // DT_*
 };
 
-// Large reads: one getdents64 call returns hundreds of entries, where the C library's
+// Large reads: one getdents64 call returns thousands of entries, where the C library's
 // readdir would make many smaller calls on a big directory.
-constexpr size_t kListingBufferSize = 64 * 1024;
+constexpr size_t kListingBufferSize = 1024 * 1024;
 
 // Visits every entry of the directory at `path` (a final symbolic link is not followed, so
 // a link to a directory fails). Returns 0, or the error number that ended the walk.
@@ -69,9 +69,9 @@ int _IterateDirectory(const std::string& path,
 
 }  // namespace
 
-std::optional<std::vector<FileURL>> VXFileManager::urlsForItemsInDirectoryAtURL(
-    const FileURL& directory, bool ignoringSymlinks, ErrorRef* error) const {
-  std::vector<FileURL> urls;
+bool VXFileManager::forEachItemInDirectoryAtURL(const FileURL& directory, bool ignoringSymlinks,
+                                                const ItemNameVisitor& visitor,
+                                                ErrorRef* error) const {
   const std::string& path = directory.path();
   const int result = _IterateDirectory(path, [&](const DirectoryEntry& entry) {
     const std::string_view name(entry.name, entry.nameLength);
@@ -80,16 +80,29 @@ std::optional<std::vector<FileURL>> VXFileManager::urlsForItemsInDirectoryAtURL(
       VX_INSTALLER_LOG(5, kListFunction, "Ignoring symlink at %s/%s", path, std::string(name));
       return true;
     }
-    urls.push_back(directory.URLByAppendingPathComponent(
-        VelotrixAdditions::stringWithFileSystemRepresentation(entry.name, entry.nameLength),
-        entry.type == DT_DIR));
+    visitor(name, entry.type == DT_DIR);
     return true;
   });
   if (result != 0) {
     SetError(error, PosixError(kListFunction, __LINE__, result, "_IterateDirectory for %s returned %s",
                                path, std::strerror(result)));
-    return std::nullopt;
+    return false;
   }
+  return true;
+}
+
+std::optional<std::vector<FileURL>> VXFileManager::urlsForItemsInDirectoryAtURL(
+    const FileURL& directory, bool ignoringSymlinks, ErrorRef* error) const {
+  std::vector<FileURL> urls;
+  const bool listed = forEachItemInDirectoryAtURL(
+      directory, ignoringSymlinks,
+      [&](std::string_view name, bool isDirectory) {
+        urls.push_back(directory.URLByAppendingPathComponent(
+            VelotrixAdditions::stringWithFileSystemRepresentation(name.data(), name.size()),
+            isDirectory));
+      },
+      error);
+  if (!listed) return std::nullopt;
   return urls;
 }
 

@@ -1,14 +1,21 @@
 // Handing a whole tree to one owner, and refusing a tree whose links lead out of it: a
 // privileged installer must not be tricked into touching files outside what it was given.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
 
 #include "filemanager/VXFileManager.h"
+#include "platform/files/Beneath.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
+#include "platform/files/WorkQueue.h"
 #include "platform/log/InstallerLog.h"
 #include "support/errors/ErrorMakers.h"
 
@@ -44,32 +51,192 @@ void ChangeOwner(const char* function, int fd, const std::string& path, const st
   if (failure) VX_INSTALLER_LOG(3, function, "Could not chown %s: %s", path, std::strerror(failure));
 }
 
-}  // namespace
+// What the walk does with each item: its owner, and for a link, where it leads. False with
+// the refusal in `refusal` for a link that leads out of the tree.
+bool VisitItem(const VXFileManager& files, const FileURL& root, int fd, const std::string& path,
+               const struct stat& st, uid_t uid, gid_t gid, ErrorRef* refusal) {
+  if (st.st_uid != uid || st.st_gid != gid) {
+    ChangeOwner(kStandardizeVisitor, fd, path, st, uid, gid);
+  }
+  if (S_ISLNK(st.st_mode) && !files.realPathForURL(FileURL::fileURLWithPath(path, false), root)) {
+    const PlistDictionary userInfo{{VXLegacyErrorStringKey, PlistValue(kInvalidSymlinkCode)}};
+    SetError(refusal, _CreateAndLogError(kStandardizeVisitor, __LINE__, VXInstallerErrorDomain,
+                                         kInvalidSymlinkCode, nullptr, &userInfo,
+                                         "invalid symlink at %s", path));
+    return false;
+  }
+  return true;
+}
 
-bool VXFileManager::standardizeOwnershipAndValidateSymlinksAtURL(const FileURL& root, uid_t uid,
-                                                                 gid_t gid,
-                                                                 ErrorRef* error) const {
-  auto visitor = [&](const TraversalEntry& entry, ErrorRef* walkError) {
-    if (entry.uid != uid || entry.gid != gid) {
-      struct stat st {};
-      st.st_mode = entry.mode;
-      st.st_nlink = entry.nlink;
-      ChangeOwner(kStandardizeVisitor, entry.fd, entry.path, st, uid, gid);
-    }
-    if (S_ISLNK(entry.mode) &&
-        !realPathForURL(FileURL::fileURLWithPath(entry.path, false), root)) {
-      const PlistDictionary userInfo{{VXLegacyErrorStringKey, PlistValue(kInvalidSymlinkCode)}};
-      SetError(walkError,
-               _CreateAndLogError(kStandardizeVisitor, __LINE__, VXInstallerErrorDomain,
-                                  kInvalidSymlinkCode, nullptr, &userInfo,
-                                  "invalid symlink at %s", entry.path));
+struct Identity {
+  dev_t dev = 0;
+  ino_t ino = 0;
+  bool operator<(const Identity& o) const { return dev != o.dev ? dev < o.dev : ino < o.ino; }
+  bool operator==(const Identity&) const = default;
+};
+
+// The names of a directory, "." and ".." left out; false with errno.
+bool ReadNames(int dirfd, std::vector<std::string>* names) {
+  UniqueFd listing(::fcntl(dirfd, F_DUPFD_CLOEXEC, 0));
+  UniqueDir dir(listing ? ::fdopendir(listing.get()) : nullptr);
+  if (!dir) return false;
+  listing.release();  // the stream owns it now
+  errno = 0;
+  while (const dirent* entry = ::readdir(dir.get())) {
+    const char* name = entry->d_name;
+    if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+    names->emplace_back(name);
+  }
+  return errno == 0;
+}
+
+// The walk of the one-worker form, by several workers: each takes a directory from the
+// shared queue, looks at every item in it through an O_PATH descriptor of its own, and
+// queues the directories it finds. A queued directory is opened again beneath the root with
+// no link followed and must be the one that was looked at, or the walk stops as the
+// one-worker walk stops at an item that changed under it. Mount points are not entered; a
+// directory met a second time (a bind mount of an ancestor) is not entered again.
+class ParallelOwnership {
+ public:
+  ParallelOwnership(const VXFileManager& files, const FileURL& root, uid_t uid, gid_t gid)
+      : files_(files), root_(root), rootPath_(root.path()), uid_(uid), gid_(gid) {}
+
+  bool Run(unsigned workers, ErrorRef* error) {
+    if (rootPath_.empty()) {
+      SetError(error, PosixError(kTraverse, __LINE__, ENOENT,
+                                 "fts_open failed for %s with error %s", rootPath_,
+                                 std::strerror(ENOENT)));
       return false;
     }
-    return true;
-  };
-  bool result = _traverseDirectory(root, error, visitor);
+    UniqueFd item(::open(rootPath_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st {};
+    if (!item || ::fstat(item.get(), &st) != 0) {
+      Fail(errno);
+    } else if (Visit(item.get(), rootPath_, st) && S_ISDIR(st.st_mode)) {
+      rootDevice_ = st.st_dev;
+      entered_.insert({st.st_dev, st.st_ino});
+      rootDir_.reset(::openat(item.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      // An unreadable root is visited and not entered, as any unreadable directory.
+      if (rootDir_) {
+        queue_.Push({std::string(), {st.st_dev, st.st_ino}});
+        queue_.Run(workers, [this](Pending& directory) { ReadDirectory(directory); });
+      }
+    }
+    std::lock_guard lock(mutex_);
+    if (!failed_) return true;
+    if (error_) SetError(error, std::move(error_));
+    return false;
+  }
 
-  // The walk may have stopped before the root's second visit; its owner is settled here.
+ private:
+  static constexpr const char* kTraverse = "-[VXFileManager _traverseDirectory:error:withBlock:]";
+
+  struct Pending {
+    std::string relative;
+    Identity identity;
+  };
+
+  std::string PathOf(const std::string& relative) const {
+    if (relative.empty()) return rootPath_;
+    return rootPath_.back() == '/' ? rootPath_ + relative : rootPath_ + "/" + relative;
+  }
+
+  bool Visit(int fd, const std::string& path, const struct stat& st) {
+    ErrorRef refusal;
+    if (VisitItem(files_, root_, fd, path, st, uid_, gid_, &refusal)) return true;
+    Stop(std::move(refusal));
+    return false;
+  }
+
+  // The first failure any worker meets is the walk's; the rest of the queue is dropped.
+  void Stop(ErrorRef error) {
+    {
+      std::lock_guard lock(mutex_);
+      if (!failed_) {
+        failed_ = true;
+        error_ = std::move(error);
+      }
+    }
+    queue_.Stop();
+  }
+
+  void Fail(int entryError) {
+    Stop(PosixError(kTraverse, __LINE__, entryError, "Error for path %s: %s", rootPath_,
+                    std::strerror(entryError)));
+  }
+
+  UniqueFd OpenDirectory(const Pending& pending) {
+    if (pending.relative.empty()) {
+      return UniqueFd(::fcntl(rootDir_.get(), F_DUPFD_CLOEXEC, 0));
+    }
+    UniqueFd dir = OpenBeneath(rootDir_.get(), pending.relative, O_RDONLY | O_DIRECTORY);
+    struct stat st {};
+    if (dir && (::fstat(dir.get(), &st) != 0 ||
+                !(Identity{st.st_dev, st.st_ino} == pending.identity))) {
+      errno = ESTALE;
+      return UniqueFd();
+    }
+    return dir;
+  }
+
+  void ReadDirectory(const Pending& pending) {
+    UniqueFd dir = OpenDirectory(pending);
+    if (!dir) {
+      // Unreadable: visited already, and not entered.
+      if (errno != EACCES) Fail(errno);
+      return;
+    }
+    std::vector<std::string> names;
+    if (!ReadNames(dir.get(), &names)) return Fail(errno);
+    // Items of one directory tend to need the same: once one needed a change, the next is
+    // opened at once rather than looked at by name first.
+    bool expectChange = false;
+    for (const std::string& name : names) {
+      if (queue_.stopped()) return;
+      // A look by name first: an item that already has the owner needs no descriptor, as
+      // nothing is done to it. Only a change is made through a descriptor of the item, and
+      // by the status of that descriptor.
+      struct stat st {};
+      UniqueFd item;
+      if (!expectChange) {
+        if (::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return Fail(errno);
+      }
+      if (expectChange || st.st_uid != uid_ || st.st_gid != gid_) {
+        item.reset(::openat(dir.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        if (!item || ::fstat(item.get(), &st) != 0) return Fail(errno);
+        expectChange = st.st_uid != uid_ || st.st_gid != gid_;
+      }
+      const bool isDirectory = S_ISDIR(st.st_mode);
+      if (!item && !isDirectory && !S_ISLNK(st.st_mode)) continue;  // nothing to do or to enter
+      const std::string relative = pending.relative.empty() ? name : pending.relative + "/" + name;
+      if ((item || S_ISLNK(st.st_mode)) && !Visit(item.get(), PathOf(relative), st)) return;
+      if (!isDirectory || st.st_dev != rootDevice_) continue;
+      bool first = false;
+      {
+        std::lock_guard lock(mutex_);
+        first = entered_.insert({st.st_dev, st.st_ino}).second;
+      }
+      if (first) queue_.Push({relative, {st.st_dev, st.st_ino}});
+    }
+  }
+
+  const VXFileManager& files_;
+  const FileURL& root_;
+  const std::string& rootPath_;
+  const uid_t uid_;
+  const gid_t gid_;
+  UniqueFd rootDir_;
+  dev_t rootDevice_ = 0;
+  WorkQueue<Pending> queue_;
+  std::mutex mutex_;
+  std::set<Identity> entered_;
+  bool failed_ = false;
+  ErrorRef error_;
+};
+
+// After the walk, whatever its result: the root's own owner, which the walk may not have
+// reached.
+bool SettleRoot(const FileURL& root, uid_t uid, gid_t gid, bool result, ErrorRef* error) {
   UniqueFd item(::open(root.fileSystemRepresentation(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat st {};
   if (!item || ::fstat(item.get(), &st) != 0) {
@@ -79,6 +246,33 @@ bool VXFileManager::standardizeOwnershipAndValidateSymlinksAtURL(const FileURL& 
   }
   if (st.st_uid != uid) ChangeOwner(kStandardize, item.get(), root.path(), st, uid, gid);
   return result;
+}
+
+}  // namespace
+
+bool VXFileManager::standardizeOwnershipAndValidateSymlinksAtURL(const FileURL& root, uid_t uid,
+                                                                 gid_t gid,
+                                                                 ErrorRef* error) const {
+  return standardizeOwnershipAndValidateSymlinksAtURL(root, uid, gid, 1, error);
+}
+
+bool VXFileManager::standardizeOwnershipAndValidateSymlinksAtURL(const FileURL& root, uid_t uid,
+                                                                 gid_t gid, unsigned workers,
+                                                                 ErrorRef* error) const {
+  if (workers > 1) {
+    const bool result = ParallelOwnership(*this, root, uid, gid).Run(workers, error);
+    return SettleRoot(root, uid, gid, result, error);
+  }
+  auto visitor = [&](const TraversalEntry& entry, ErrorRef* walkError) {
+    struct stat st {};
+    st.st_mode = entry.mode;
+    st.st_nlink = entry.nlink;
+    st.st_uid = entry.uid;
+    st.st_gid = entry.gid;
+    return VisitItem(*this, root, entry.fd, entry.path, st, uid, gid, walkError);
+  };
+  const bool result = _traverseDirectory(root, error, visitor);
+  return SettleRoot(root, uid, gid, result, error);
 }
 
 }  // namespace vx

@@ -32,6 +32,11 @@ PurgeTreeDecision _purgetree_error_callback(PurgeTreeState* state, const char* p
 }  // namespace
 
 bool VXFileManager::removeItemAtURL(const std::optional<FileURL>& url, ErrorRef* error) const {
+  return removeItemAtURL(url, 1, error);
+}
+
+bool VXFileManager::removeItemAtURL(const std::optional<FileURL>& url, unsigned workers,
+                                    ErrorRef* error) const {
   PurgeTreeStateHandle state(purgetree_state_alloc());
   int firstError = 0;
   if (!url) {
@@ -51,7 +56,8 @@ bool VXFileManager::removeItemAtURL(const std::optional<FileURL>& url, ErrorRef*
                      "purgetree_state_set PURGETREE_STATE_ERROR_CONTEXT failed: %s",
                      std::strerror(errno));
   }
-  if (purgetree(url->fileSystemRepresentation(), state.get(), true) != 0 && errno != ENOENT) {
+  if (purgetree(url->fileSystemRepresentation(), state.get(), true, workers) != 0 &&
+      errno != ENOENT) {
     const int e = errno;
     SetError(error, PosixError(kRemoveFunction, __LINE__, e, "purgetree of %@ failed: %s", *url,
                                std::strerror(e)));

@@ -10,6 +10,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/files/UniqueFd.h"
@@ -56,6 +57,12 @@ class VXFileManager {
 
   // --- Core file operations ---------------------------------------------------------
   bool removeItemAtURL(const std::optional<FileURL>& url, ErrorRef* error) const;
+  // The same removal by `workers` threads, which empty different directories at once; each
+  // directory still goes only after its last entry. With more than one worker the order of
+  // the removals (and of the fault seam's count) varies from run to run, so the migration
+  // keeps to the one-worker forms.
+  bool removeItemAtURL(const std::optional<FileURL>& url, unsigned workers,
+                       ErrorRef* error) const;
   // `protectionClass` -1 leaves the class unchanged.
   bool createDirectoryAtURL(const FileURL& url, bool withIntermediateDirectories, mode_t mode,
                             int32_t protectionClass, ErrorRef* error) const;
@@ -66,6 +73,10 @@ class VXFileManager {
   bool _moveItemAtURL(const FileURL& source, const FileURL& destination, bool failIfSrcMissing,
                       ErrorRef* error) const;
   bool copyItemAtURL(const FileURL& source, const FileURL& destination, ErrorRef* error) const;
+  // The same copy by `workers` threads, each copying the files of one directory at a time;
+  // the copy and its metadata are those of the one-worker form.
+  bool copyItemAtURL(const FileURL& source, const FileURL& destination, unsigned workers,
+                     ErrorRef* error) const;
   bool copyItemIfExistsAtURL(const FileURL& source, const FileURL& destination,
                              ErrorRef* error) const;
   bool moveItemAtURL(const FileURL& source, const FileURL& destination, ErrorRef* error) const;
@@ -76,6 +87,12 @@ class VXFileManager {
   std::optional<std::vector<FileURL>> urlsForItemsInDirectoryAtURL(const FileURL& directory,
                                                                    bool ignoringSymlinks,
                                                                    ErrorRef* error) const;
+  // The same listing, handing each name to `visitor` as the directory yields it instead of
+  // gathering locations: for a directory too large to hold as a list. The failure and the
+  // log lines are the listing's.
+  using ItemNameVisitor = std::function<void(std::string_view name, bool isDirectory)>;
+  bool forEachItemInDirectoryAtURL(const FileURL& directory, bool ignoringSymlinks,
+                                   const ItemNameVisitor& visitor, ErrorRef* error) const;
   bool createSymbolicLinkAtURL(const FileURL& url, const FileURL& destination,
                                ErrorRef* error) const;
   std::optional<FileURL> destinationOfSymbolicLinkAtURL(const FileURL& url,
@@ -90,6 +107,11 @@ class VXFileManager {
   // is not a directory and has other links keeps its owner (logged as a refused change).
   bool standardizeOwnershipAndValidateSymlinksAtURL(const FileURL& root, uid_t uid, gid_t gid,
                                                     ErrorRef* error) const;
+  // The same by `workers` threads over a shared queue of directories: every item is visited
+  // once rather than a directory twice, and the walk stops at the first refusal any worker
+  // meets, so which items were re-owned before it varies from run to run.
+  bool standardizeOwnershipAndValidateSymlinksAtURL(const FileURL& root, uid_t uid, gid_t gid,
+                                                    unsigned workers, ErrorRef* error) const;
 
   // --- Path containment and symlink validation --------------------------------------
   std::optional<FileURL> realPathForURL(const std::optional<FileURL>& suspicious,
@@ -117,6 +139,9 @@ class VXFileManager {
 
   // --- Disk usage -------------------------------------------------------------------
   uint64_t diskUsageForURL(const FileURL& root) const;
+  // The same measurement by `workers` threads; a file linked from directories that two of
+  // them read is still counted once.
+  uint64_t diskUsageForURL(const FileURL& root, unsigned workers) const;
 
   // --- Operations beneath a verified directory --------------------------------------
   // For trees that someone else may write (an old container): every name is one component

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <set>
+#include <sstream>
 
 #include "filemanager/VXFileManager.h"
 #include "support/RunProgram.h"
@@ -55,6 +57,45 @@ TEST(VxfileTest, ContainPrintsTheRealPathOrTheReason) {
   EXPECT_NE(escape.err.find("points outside or to the base"), std::string::npos) << escape.err;
 
   EXPECT_EQ(Vxfile({"contain", tmp / "base"}).exitStatus, 2);
+}
+
+TEST(VxfileTest, ListsInLargeWritesAndWalksWithWorkers) {
+  test::TempDir tmp;
+  // More than one buffer of names, so that it is written out more than once.
+  std::set<std::string> names;
+  for (int i = 0; i < 6500; ++i) {
+    const std::string name = std::to_string(i) + std::string(static_cast<size_t>(100 + i % 150), 'n');
+    names.insert(name);
+    test::WriteFile(tmp / ("dir/" + name), "");
+  }
+  test::WriteFile(tmp / "dir/sub/inner", "inner");
+  test::MakeSymlink("sub", tmp / "dir/link");
+  auto lines = [](const std::string& out) {
+    std::multiset<std::string> result;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) result.insert(line);
+    return result;
+  };
+  auto ls = Vxfile({"ls", tmp / "dir"});
+  ASSERT_EQ(ls.exitStatus, 0) << ls.describe();
+  std::multiset<std::string> expected(names.begin(), names.end());
+  expected.insert("sub");
+  auto skipping = Vxfile({"ls", "--skip-symlinks", tmp / "dir"});
+  EXPECT_EQ(lines(skipping.out), expected);
+  expected.insert("link");
+  EXPECT_EQ(lines(ls.out), expected);
+  auto missing = Vxfile({"ls", tmp / "none"});
+  EXPECT_EQ(missing.exitStatus, 1);
+  EXPECT_NE(missing.err.find("_IterateDirectory for " + tmp / "none"), std::string::npos);
+
+  const uint64_t inProcess =
+      VXFileManager::defaultManager().diskUsageForURL(FileURL::fileURLWithPath(tmp / "dir", true));
+  EXPECT_EQ(Vxfile({"du", "-j", "3", tmp / "dir"}).out, std::to_string(inProcess) + "\n");
+  ASSERT_EQ(Vxfile({"cp", "-j", "2", tmp / "dir", tmp / "copy"}).exitStatus, 0);
+  EXPECT_EQ(test::ReadFile(tmp / "copy/link/inner"), "inner");
+  EXPECT_EQ(Vxfile({"rm", "-j", "2", tmp / "copy", tmp / "none"}).exitStatus, 0);
+  EXPECT_FALSE(test::Exists(tmp / "copy"));
+  EXPECT_EQ(Vxfile({"du", "-j", "0", tmp / "dir"}).exitStatus, 2) << "at least one worker";
 }
 
 }  // namespace

@@ -10,40 +10,52 @@ namespace {
 const VXFileManager& FM() { return VXFileManager::defaultManager(); }
 
 void AddRm(CLI::App& app, const Context& context) {
-  auto paths = std::make_shared<std::vector<std::string>>();
-  AddCommand(app, context, "rm", "remove each PATH with everything in it",
-             [paths](const Command& command) {
-               // Every path is tried; one that fails does not spare the others.
-               bool failed = false;
-               for (const std::string& path : *paths) {
-                 ErrorRef error;
-                 if (!FM().removeItemAtURL(PathArgument(path), &error)) {
-                   command.fail(error);
-                   failed = true;
-                 }
-               }
-               if (!failed) command.succeed();
-             })
-      ->add_option("PATH", *paths)
-      ->required();
+  struct Options {
+    std::vector<std::string> paths;
+    unsigned workers = 0;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* rm = AddCommand(app, context, "rm", "remove each PATH with everything in it",
+                            [options](const Command& command) {
+                              // Every path is tried; one that fails does not spare the others.
+                              bool failed = false;
+                              for (const std::string& path : options->paths) {
+                                ErrorRef error;
+                                if (!FM().removeItemAtURL(PathArgument(path),
+                                                          Workers(options->workers), &error)) {
+                                  command.fail(error);
+                                  failed = true;
+                                }
+                              }
+                              if (!failed) command.succeed();
+                            });
+  rm->add_option("PATH", options->paths)->required();
+  AddWorkersOption(*rm, options->workers);
 }
 
-// cp and mv differ only in the operation.
-using Transfer = bool (VXFileManager::*)(const FileURL&, const FileURL&, ErrorRef*) const;
-
+// cp and mv differ in the operation, and a move, a rename, has no use for workers.
 void AddTransfer(CLI::App& app, const Context& context, const char* name, const char* description,
-                 Transfer transfer) {
-  auto ends = std::make_shared<std::pair<std::string, std::string>>();
+                 bool isCopy) {
+  struct Options {
+    std::string source;
+    std::string destination;
+    unsigned workers = 0;
+  };
+  auto options = std::make_shared<Options>();
   CLI::App* command =
-      AddCommand(app, context, name, description, [ends, transfer](const Command& command) {
+      AddCommand(app, context, name, description, [options, isCopy](const Command& command) {
         ErrorRef error;
-        if (!(FM().*transfer)(PathArgument(ends->first), PathArgument(ends->second), &error)) {
-          return command.fail(error);
-        }
+        const FileURL source = PathArgument(options->source);
+        const FileURL destination = PathArgument(options->destination);
+        const bool done = isCopy ? FM().copyItemAtURL(source, destination,
+                                                      Workers(options->workers), &error)
+                                 : FM().moveItemAtURL(source, destination, &error);
+        if (!done) return command.fail(error);
         command.succeed();
       });
-  command->add_option("SRC", ends->first)->required();
-  command->add_option("DST", ends->second)->required();
+  command->add_option("SRC", options->source)->required();
+  command->add_option("DST", options->destination)->required();
+  if (isCopy) AddWorkersOption(*command, options->workers);
 }
 
 void AddMkdir(CLI::App& app, const Context& context) {
@@ -80,10 +92,8 @@ void AddMkdir(CLI::App& app, const Context& context) {
 
 void AddItemCommands(CLI::App& app, const Context& context) {
   AddRm(app, context);
-  AddTransfer(app, context, "cp", "copy SRC, a file or a whole tree, to DST",
-              &VXFileManager::copyItemAtURL);
-  AddTransfer(app, context, "mv", "move SRC to DST, copying across file systems",
-              &VXFileManager::moveItemAtURL);
+  AddTransfer(app, context, "cp", "copy SRC, a file or a whole tree, to DST", true);
+  AddTransfer(app, context, "mv", "move SRC to DST, copying across file systems", false);
   AddMkdir(app, context);
 }
 

@@ -2,6 +2,8 @@
 
 #include <iostream>
 
+#include "platform/files/WorkQueue.h"
+
 namespace vx::vxfile {
 
 void FailureLog::Write(const LogRecord& record) {
@@ -49,5 +51,12 @@ CLI::App* AddCommand(CLI::App& app, const Context& context, const std::string& n
 FileURL PathArgument(const std::string& path, bool isDirectory) {
   return FileURL::fileURLWithPath(path, isDirectory);
 }
+
+void AddWorkersOption(CLI::App& command, unsigned& workers) {
+  command.add_option("-j,--workers", workers, "walk with N workers (default: one per core)")
+      ->check(CLI::Range(1u, 256u));
+}
+
+unsigned Workers(unsigned requested) { return requested ? requested : DefaultWorkerCount(); }
 
 }  // namespace vx::vxfile

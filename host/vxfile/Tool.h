@@ -65,6 +65,11 @@ CLI::App* AddCommand(CLI::App& app, const Context& context, const std::string& n
 
 FileURL PathArgument(const std::string& path, bool isDirectory = false);
 
+// The tree walks (du, rm, cp, own) take directories from a shared queue with a pool of
+// workers: -j N, as many as there are cores when not given (0).
+void AddWorkersOption(CLI::App& command, unsigned& workers);
+unsigned Workers(unsigned requested);
+
 // One setup function per group of subcommands.
 void AddTreeCommands(CLI::App& app, const Context& context);
 void AddItemCommands(CLI::App& app, const Context& context);

@@ -1,7 +1,11 @@
 // Commands that look at a tree or a file as a whole: du, digest, ls, own, contain.
+#include <unistd.h>
+
 #include <iostream>
+#include <string_view>
 
 #include "filemanager/VXFileManager.h"
+#include "host/vxfile/OutputBuffer.h"
 #include "host/vxfile/Tool.h"
 #include "support/FileDigest.h"
 
@@ -11,14 +15,20 @@ namespace {
 const VXFileManager& FM() { return VXFileManager::defaultManager(); }
 
 void AddDu(CLI::App& app, const Context& context) {
-  auto path = std::make_shared<std::string>();
-  AddCommand(app, context, "du", "bytes of storage the tree under PATH occupies",
-             [path](const Command& command) {
-               std::cout << FM().diskUsageForURL(PathArgument(*path, true)) << "\n";
-               command.succeed();
-             })
-      ->add_option("PATH", *path)
-      ->required();
+  struct Options {
+    std::string path;
+    unsigned workers = 0;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* du = AddCommand(app, context, "du", "bytes of storage the tree under PATH occupies",
+                            [options](const Command& command) {
+                              std::cout << FM().diskUsageForURL(PathArgument(options->path, true),
+                                                                Workers(options->workers))
+                                        << "\n";
+                              command.succeed();
+                            });
+  du->add_option("PATH", options->path)->required();
+  AddWorkersOption(*du, options->workers);
 }
 
 void AddDigest(CLI::App& app, const Context& context) {
@@ -43,11 +53,15 @@ void AddLs(CLI::App& app, const Context& context) {
   CLI::App* ls =
       AddCommand(app, context, "ls", "the names in DIR, one a line, in the directory's own order",
                  [options](const Command& command) {
+                   // Names go out as they are read, in large writes: a directory of many
+                   // thousands of entries is never held whole.
+                   OutputBuffer out(STDOUT_FILENO);
                    ErrorRef error;
-                   auto items = FM().urlsForItemsInDirectoryAtURL(
-                       PathArgument(options->directory, true), options->skipSymlinks, &error);
-                   if (!items) return command.fail(error);
-                   for (const FileURL& item : *items) std::cout << item.lastPathComponent() << "\n";
+                   const bool listed = FM().forEachItemInDirectoryAtURL(
+                       PathArgument(options->directory, true), options->skipSymlinks,
+                       [&out](std::string_view name, bool) { out.line(name); }, &error);
+                   out.flush();  // as the stream it replaces, a failed write is not told
+                   if (!listed) return command.fail(error);
                    command.succeed();
                  });
   ls->add_option("DIR", options->directory)->required();
@@ -59,6 +73,7 @@ void AddOwn(CLI::App& app, const Context& context) {
     std::string root;
     uid_t uid = 0;
     gid_t gid = 0;
+    unsigned workers = 0;
   };
   auto options = std::make_shared<Options>();
   CLI::App* own =
@@ -67,7 +82,8 @@ void AddOwn(CLI::App& app, const Context& context) {
                  [options](const Command& command) {
                    ErrorRef error;
                    if (!FM().standardizeOwnershipAndValidateSymlinksAtURL(
-                           PathArgument(options->root, true), options->uid, options->gid, &error)) {
+                           PathArgument(options->root, true), options->uid, options->gid,
+                           Workers(options->workers), &error)) {
                      return command.fail(error);
                    }
                    command.succeed();
@@ -75,6 +91,7 @@ void AddOwn(CLI::App& app, const Context& context) {
   own->add_option("ROOT", options->root)->required();
   own->add_option("UID", options->uid)->required();
   own->add_option("GID", options->gid)->required();
+  AddWorkersOption(*own, options->workers);
 }
 
 void AddContain(CLI::App& app, const Context& context) {

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "platform/files/Beneath.h"
+#include "platform/files/CloneItems.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 
@@ -26,22 +26,10 @@ namespace {
 // Two descriptors per level; beyond this many levels the shallowest are closed and found
 // again through ".." on the way back up.
 constexpr size_t kMaxOpenLevels = 32;
-constexpr size_t kCopyBufferSize = 128 * 1024;
 
-struct Identity {
-  dev_t dev = 0;
-  ino_t ino = 0;
-  bool operator==(const Identity&) const = default;
-};
-
-Identity IdentityOf(const struct stat& st) { return {st.st_dev, st.st_ino}; }
-
-bool IdentityOf(int fd, Identity* id) {
-  struct stat st {};
-  if (::fstat(fd, &st) != 0) return false;
-  *id = IdentityOf(st);
-  return true;
-}
+using clone::Identity;
+using clone::IdentityOf;
+using clone::OpenDirectoryAt;
 
 std::string WithoutTrailingSlashes(std::string p) {
   while (p.size() > 1 && p.back() == '/') p.pop_back();
@@ -56,138 +44,6 @@ int OpenParent(const std::string& path, UniqueFd* parent, std::string* name) {
   if (name->empty()) *name = ".";
   parent->reset(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return *parent ? 0 : errno;
-}
-
-UniqueFd OpenDirectoryAt(int dirfd, const char* name) {
-  return UniqueFd(::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-}
-
-// Filesystems that cannot share blocks or copy in the kernel say so with one of these.
-bool MeansUnsupported(int e) {
-  return e == EOPNOTSUPP || e == ENOTTY || e == EXDEV || e == EINVAL || e == ENOSYS;
-}
-
-int CopyByReadWrite(int src, int dst) {
-  std::unique_ptr<char[]> buffer(new char[kCopyBufferSize]);
-  off_t offset = 0;
-  for (;;) {
-    const ssize_t n = ::pread(src, buffer.get(), kCopyBufferSize, offset);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return errno;
-    if (n == 0) return 0;
-    if (!sys::WriteAll(dst, buffer.get(), static_cast<size_t>(n))) return errno;
-    offset += n;
-  }
-}
-
-int CopyData(int src, int dst) {
-  if (sys::CloneFile(dst, src) == 0) return 0;
-  if (!MeansUnsupported(errno)) return errno;
-  off_t in = 0;
-  off_t out = 0;
-  for (;;) {
-    const ssize_t n = sys::CopyFileRange(src, &in, dst, &out, size_t{1} << 30);
-    if (n > 0) continue;
-    if (n == 0) return 0;
-    if (errno == EINTR) continue;
-    // Only a refusal before the first byte can be finished by hand from the start.
-    if (in == 0 && MeansUnsupported(errno)) return CopyByReadWrite(src, dst);
-    return errno;
-  }
-}
-
-// Fills `value` with the attribute; false with errno (ENODATA: removed meanwhile).
-bool ReadAttribute(int fd, const char* name, std::vector<char>* value) {
-  for (;;) {
-    const ssize_t size = ::fgetxattr(fd, name, nullptr, 0);
-    if (size < 0) return false;
-    value->resize(static_cast<size_t>(size));
-    const ssize_t n = ::fgetxattr(fd, name, value->data(), value->size());
-    if (n >= 0) {
-      value->resize(static_cast<size_t>(n));
-      return true;
-    }
-    if (errno != ERANGE) return false;  // grew between the two calls: ask again
-  }
-}
-
-bool ListAttributes(int fd, std::vector<char>* names) {
-  for (;;) {
-    const ssize_t size = ::flistxattr(fd, nullptr, 0);
-    if (size < 0) return false;
-    names->resize(static_cast<size_t>(size));
-    const ssize_t n = ::flistxattr(fd, names->data(), names->size());
-    if (n >= 0) {
-      names->resize(static_cast<size_t>(n));
-      return true;
-    }
-    if (errno != ERANGE) return false;
-  }
-}
-
-// "system." attributes carry ACLs and are asked for as security information; the rest as
-// extended attributes. An attribute the destination cannot keep (a file system without
-// user attributes, a namespace reserved to privilege) is left behind rather than failing
-// the copy of the data it belongs to.
-int CopyAttributes(int src, int dst, unsigned flags) {
-  std::vector<char> names;
-  if (!ListAttributes(src, &names)) return errno == ENOTSUP ? 0 : errno;
-  std::vector<char> value;
-  for (size_t at = 0; at < names.size();) {
-    const char* name = names.data() + at;
-    const std::string_view view(name);
-    at += view.size() + 1;
-    const bool security = view.starts_with("system.");
-    if (!(flags & (security ? kCloneSecurity : kCloneXattr))) continue;
-    if (!ReadAttribute(src, name, &value)) {
-      if (errno == ENODATA) continue;
-      return errno;
-    }
-    if (sys::Fsetxattr(dst, name, value.data(), value.size(), 0) != 0) {
-      if (errno == ENOTSUP || errno == EPERM) continue;
-      return errno;
-    }
-  }
-  return 0;
-}
-
-// Owner first, since a change of owner clears set-id bits that the mode then restores;
-// attributes before the mode, while the new item is still writable to us; times last.
-int CopyMetadata(int src, int dst, const struct stat& st, unsigned flags) {
-  if ((flags & kCloneStat) && sys::Fchown(dst, st.st_uid, st.st_gid) != 0 && errno != EPERM) {
-    return errno;
-  }
-  if (flags & (kCloneXattr | kCloneSecurity)) {
-    if (int e = CopyAttributes(src, dst, flags)) return e;
-  }
-  if (!(flags & kCloneStat)) return 0;
-  if (sys::Fchmod(dst, st.st_mode & 07777) != 0) return errno;
-  const struct timespec times[2] = {st.st_atim, st.st_mtim};
-  return sys::Futimens(dst, times) == 0 ? 0 : errno;
-}
-
-std::string TemporaryName() {
-  static std::atomic<unsigned> counter{0};
-  return ".vxclone." + std::to_string(::getpid()) + "." + std::to_string(++counter);
-}
-
-// Makes a non-directory under `name`. When something is there already, the item is made
-// under a temporary name and renamed over it, so that what is replaced stays until a whole
-// copy stands in its place. `make(name)` returns 0 or an errno and cleans up after itself.
-template <class Make>
-int Place(int dirfd, const std::string& name, Make make) {
-  int e = make(name);
-  for (int attempt = 0; e == EEXIST && attempt < 16; ++attempt) {
-    const std::string temporary = TemporaryName();
-    e = make(temporary);
-    if (e == EEXIST) continue;
-    if (e) return e;
-    if (sys::Renameat(dirfd, temporary.c_str(), dirfd, name.c_str()) == 0) return 0;
-    e = errno;
-    sys::Unlinkat(dirfd, temporary.c_str(), 0);
-    return e;
-  }
-  return e;
 }
 
 // A directory being copied. Its names are read when it is entered, so that what the copy
@@ -205,7 +61,7 @@ struct Level {
 
 class Cloner {
  public:
-  explicit Cloner(unsigned flags) : flags_(flags) {}
+  Cloner(unsigned flags, unsigned workers) : flags_(flags), workers_(workers) {}
   int Run(const std::string& source, const std::string& destination);
 
  private:
@@ -227,6 +83,8 @@ class Cloner {
   int ReopenParent();
 
   unsigned flags_;
+  unsigned workers_;
+  std::atomic<bool> noReflink_{false};
   std::string dstPath_;  // of the item being copied
   size_t dstRootPathLength_ = 0;
   Identity dstRootIdentity_;
@@ -235,24 +93,6 @@ class Cloner {
   size_t firstOpen_ = 0;  // levels [firstOpen_, top] hold open descriptors
   std::map<std::pair<dev_t, ino_t>, FirstCopy> linked_;  // copies of multiply-linked files
 };
-
-// Gives a node just made by name (a FIFO, device node or link, which cannot be opened to be
-// changed by descriptor) the source's owner, mode and times; on failure it goes again, so that
-// no half-made copy stays behind. Without privilege the owner stays the copier's.
-int StampNodeAt(int dstDir, const std::string& name, const struct stat& st, bool withMode) {
-  const struct timespec times[2] = {st.st_atim, st.st_mtim};
-  int e = 0;
-  if (sys::Fchownat(dstDir, name.c_str(), st.st_uid, st.st_gid, AT_SYMLINK_NOFOLLOW) != 0 &&
-      errno != EPERM) {
-    e = errno;
-  } else if (withMode && sys::Fchmodat(dstDir, name.c_str(), st.st_mode & 07777, 0) != 0) {
-    e = errno;
-  } else if (sys::Utimensat(dstDir, name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-    e = errno;
-  }
-  if (e) sys::Unlinkat(dstDir, name.c_str(), 0);
-  return e;
-}
 
 int Cloner::Run(const std::string& source, const std::string& destination) {
   UniqueFd srcDir;
@@ -268,6 +108,10 @@ int Cloner::Run(const std::string& source, const std::string& destination) {
   if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode) && !S_ISLNK(st.st_mode) &&
       !(flags_ & kCloneSpecial)) {
     return ENOTSUP;
+  }
+  if (S_ISDIR(st.st_mode) && workers_ > 1 && (flags_ & kCloneRecursive)) {
+    return clone::CloneDirectoryInParallel(srcDir.get(), srcName, dstDir.get(), dstName, flags_,
+                                           workers_);
   }
   if (int e = CloneEntry(srcDir.get(), srcName, dstDir.get(), dstName, st)) return e;
   if (levels_.empty()) return 0;
@@ -309,17 +153,7 @@ int Cloner::CloneRegular(int srcDir, const std::string& srcName, int dstDir,
       if (e != EMLINK && e != EPERM && e != EXDEV && e != ESTALE && e != ENOENT) return e;
     }
   }
-  const int e = Place(dstDir, dstName, [&](const std::string& name) {
-    UniqueFd dst(sys::Openat(dstDir, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
-    if (!dst) return errno;
-    int failure = (flags_ & kCloneData) ? CopyData(src.get(), dst.get()) : 0;
-    if (!failure) failure = CopyMetadata(src.get(), dst.get(), st, flags_);
-    if (failure) {
-      dst.reset();
-      sys::Unlinkat(dstDir, name.c_str(), 0);
-    }
-    return failure;
-  });
+  const int e = clone::CopyRegularTo(src.get(), st, dstDir, dstName, flags_, &noReflink_);
   if (!e && st.st_nlink > 1 && dstRoot_) {
     struct stat made {};
     if (::fstatat(dstDir, dstName.c_str(), &made, AT_SYMLINK_NOFOLLOW) == 0) {
@@ -329,67 +163,19 @@ int Cloner::CloneRegular(int srcDir, const std::string& srcName, int dstDir,
   return e;
 }
 
-// Links `dstName` in `dstDir` to the copy already made of the same file. The copy is found
-// beneath the destination's root without following any link, and proven to be the item made
-// before the link is kept, so a destination directory swapped for a link cannot make the
-// copier link some other file into the tree.
+// Links `dstName` in `dstDir` to the copy already made of the same file, found again beneath
+// the destination's root.
 int Cloner::LinkToFirstCopy(const FirstCopy& first, int dstDir, const std::string& dstName) {
-  const size_t slash = first.relativePath.rfind('/');
-  const std::string parentPath =
-      slash == std::string::npos ? std::string() : first.relativePath.substr(0, slash);
-  const std::string name =
-      slash == std::string::npos ? first.relativePath : first.relativePath.substr(slash + 1);
-  UniqueFd parent = OpenBeneath(dstRoot_.get(), parentPath, O_RDONLY | O_DIRECTORY);
-  if (!parent) return ESTALE;
-  struct stat st {};
-  if (::fstatat(parent.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
-      IdentityOf(st) != first.identity) {
-    return ESTALE;
-  }
-  int e = Place(dstDir, dstName, [&](const std::string& made) {
-    return sys::Linkat(parent.get(), name.c_str(), dstDir, made.c_str(), 0) == 0 ? 0 : errno;
-  });
-  if (e) return e;
-  // The name may have been swapped between the look and the link.
-  if (::fstatat(dstDir, dstName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
-      IdentityOf(st) != first.identity) {
-    sys::Unlinkat(dstDir, dstName.c_str(), 0);
-    return ESTALE;
-  }
-  return 0;
+  return clone::LinkToCopy(dstRoot_.get(), first.relativePath, first.identity, dstDir, dstName);
 }
 
-// Fifos and device nodes are made anew; a socket belongs to the process that bound it and
-// cannot be. The item is made by name in a directory of the copy, and its metadata set
-// by name without following it: a device node is never opened.
 int Cloner::CloneSpecial(int dstDir, const std::string& dstName, const struct stat& st) {
-  if (S_ISSOCK(st.st_mode)) return ENOTSUP;
-  return Place(dstDir, dstName, [&](const std::string& name) {
-    if (sys::Mknodat(dstDir, name.c_str(), st.st_mode & (S_IFMT | 0600), st.st_rdev) != 0) {
-      return errno;
-    }
-    return (flags_ & kCloneStat) ? StampNodeAt(dstDir, name, st, true) : 0;
-  });
+  return clone::MakeSpecial(dstDir, dstName, st, flags_);
 }
 
 int Cloner::CloneLink(int srcDir, const std::string& srcName, int dstDir,
                       const std::string& dstName, const struct stat& st) {
-  // st_size is the target's length on most file systems, but not all: grow until it fits.
-  std::string target(static_cast<size_t>(st.st_size) + 1, '\0');
-  for (;;) {
-    const ssize_t n = ::readlinkat(srcDir, srcName.c_str(), target.data(), target.size());
-    if (n < 0) return errno == ENOENT ? 0 : errno;
-    if (static_cast<size_t>(n) < target.size()) {
-      target.resize(static_cast<size_t>(n));
-      break;
-    }
-    target.resize(target.size() * 2);
-  }
-  return Place(dstDir, dstName, [&](const std::string& name) {
-    if (sys::Symlinkat(target.c_str(), dstDir, name.c_str()) != 0) return errno;
-    // A link has no mode of its own on Linux.
-    return (flags_ & kCloneStat) ? StampNodeAt(dstDir, name, st, false) : 0;
-  });
+  return clone::CopyLink(srcDir, srcName, dstDir, dstName, st, flags_);
 }
 
 // Makes (or finds, to merge into) the destination directory and starts copying into it.
@@ -451,7 +237,7 @@ int Cloner::Walk() {
 
 int Cloner::LeaveDirectory() {
   Level& top = levels_.back();
-  if (int e = CopyMetadata(top.src.get(), top.dst.get(), top.st, flags_)) return e;
+  if (int e = clone::CopyMetadata(top.src.get(), top.dst.get(), top.st, flags_)) return e;
   if (levels_.size() > 1 && levels_.size() - 2 < firstOpen_) {
     if (int e = ReopenParent()) return e;
   }
@@ -481,6 +267,10 @@ int Cloner::ReopenParent() {
 }  // namespace
 
 int clonetree(const char* source, const char* destination, unsigned flags) {
+  return clonetree(source, destination, flags, 1);
+}
+
+int clonetree(const char* source, const char* destination, unsigned flags, unsigned workers) {
   if (!source || !*source || !destination || !*destination) {
     errno = ENOENT;
     return -1;
@@ -493,7 +283,7 @@ int clonetree(const char* source, const char* destination, unsigned flags) {
     if (!resolved) return -1;
     from = resolved.get();
   }
-  Cloner cloner(flags);
+  Cloner cloner(flags, workers);
   if (int e = cloner.Run(from, WithoutTrailingSlashes(destination))) {
     errno = e;
     return -1;

@@ -34,4 +34,11 @@ enum CloneTreeFlags : unsigned {
 // leave a partial destination.
 int clonetree(const char* source, const char* destination, unsigned flags);
 
+// The same copy of a directory tree by `workers` threads (one: the call above) that take
+// directories from a shared queue and copy their files at once. The copy is the same:
+// directories are made before what they hold and get their own metadata after it, and files
+// linked more than once are linked in the copy too. With several workers the first failure
+// still ends the copy, but which failure comes first may vary from run to run.
+int clonetree(const char* source, const char* destination, unsigned flags, unsigned workers);
+
 }  // namespace vx

@@ -10,17 +10,11 @@
 #include <unordered_set>
 #include <vector>
 
+#include "platform/files/PurgeTreeState.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 
 namespace vx {
-
-struct PurgeTreeState {
-  PurgeTreeErrorCallback callback = nullptr;
-  void* context = nullptr;
-  int reportedError = 0;
-  bool reporting = false;
-};
 
 PurgeTreeState* purgetree_state_alloc() { return new PurgeTreeState; }
 

@@ -42,4 +42,10 @@ using PurgeTreeStateHandle = std::unique_ptr<PurgeTreeState, PurgeTreeStateDelet
 // held whatever the depth.
 int purgetree(const char* path, PurgeTreeState* state, bool recursive);
 
+// The same removal by `workers` threads (one: the call above) that take directories from a
+// shared queue and empty them at once; a directory goes only after its last entry has, and
+// the callback is called by one worker at a time. Which failure comes first, and so the
+// number returned, may differ from run to run when several items cannot be removed.
+int purgetree(const char* path, PurgeTreeState* state, bool recursive, unsigned workers);
+
 }  // namespace vx

@@ -1,0 +1,272 @@
+// The recursive remover with several workers. On a disk, removing one directory's entries
+// waits on the file system's lock of that directory; workers that empty different
+// directories at once keep the disk busy. Each directory is a node that counts what it still
+// waits for (its own reading and each subdirectory not yet gone); whoever brings the count to
+// zero removes it, so a directory goes only after its last entry. Nodes are reopened beneath
+// the top directory by their path with no link followed and must be the directory that was
+// listed, so a directory swapped for a link meanwhile leads nowhere.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/files/Beneath.h"
+#include "platform/files/DirentRecords.h"
+#include "platform/files/PurgeTree.h"
+#include "platform/files/PurgeTreeState.h"
+#include "platform/files/Sys.h"
+#include "platform/files/UniqueFd.h"
+#include "platform/files/WorkQueue.h"
+
+namespace vx {
+namespace {
+
+constexpr size_t kEntriesSize = 64 * 1024;
+
+struct Identity {
+  dev_t dev = 0;
+  ino_t ino = 0;
+  bool operator==(const Identity&) const = default;
+};
+
+struct Node {
+  Node* parent = nullptr;
+  std::string name;      // in the parent
+  std::string relative;  // below the top directory; empty for the top itself
+  Identity identity;
+  std::atomic<size_t> pending{1};  // its reading, and each subdirectory not yet gone
+  std::atomic<bool> failed{false};  // something below stays
+  std::atomic<bool> changed{false};  // an entry went during the last reading
+};
+
+class ParallelRemover {
+ public:
+  ParallelRemover(PurgeTreeState* state, std::string path)
+      : state_(state), path_(std::move(path)) {}
+
+  // Returns what the one-worker remover returns for a directory it could open.
+  int Run(UniqueFd top, unsigned workers) {
+    struct stat st {};
+    if (::fstat(top.get(), &st) != 0) return errno;
+    top_ = std::move(top);
+    Node* root = NewNode(nullptr, path_, std::string(), {st.st_dev, st.st_ino});
+    queue_.Push(root);
+    queue_.Run(workers, [this](Node*& node) { Read(node); });
+    return 0;
+  }
+
+  int firstError() const { return firstError_; }
+
+ private:
+  Node* NewNode(Node* parent, std::string name, std::string relative, Identity identity) {
+    auto node = std::make_unique<Node>();
+    node->parent = parent;
+    node->name = std::move(name);
+    node->relative = std::move(relative);
+    node->identity = identity;
+    std::lock_guard lock(nodesMutex_);
+    nodes_.push_back(std::move(node));
+    return nodes_.back().get();
+  }
+
+  std::string PathOf(const Node* node) const {
+    return node->relative.empty() ? path_ : path_ + "/" + node->relative;
+  }
+
+  // The node's directory, proven to be the one that was listed; invalid with errno.
+  UniqueFd Open(const Node* node) {
+    if (node->relative.empty()) return UniqueFd(::fcntl(top_.get(), F_DUPFD_CLOEXEC, 0));
+    UniqueFd fd = OpenBeneath(top_.get(), node->relative, O_RDONLY | O_DIRECTORY);
+    struct stat st {};
+    if (!fd) return fd;
+    if (::fstat(fd.get(), &st) != 0) return UniqueFd();
+    if (!(Identity{st.st_dev, st.st_ino} == node->identity)) {
+      errno = ESTALE;
+      return UniqueFd();
+    }
+    return fd;
+  }
+
+  void Read(Node* node) {
+    UniqueFd fd = Open(node);
+    if (!fd) {
+      // Gone, or no longer the directory that was listed: nothing of it is removed here.
+      const int e = errno;
+      Report(PathOf(node), e);
+      Leave(node, e == ENOENT, e != ENOENT);
+      return;
+    }
+    std::vector<unsigned char> entries(kEntriesSize);
+    for (;;) {
+      const long n = ::syscall(SYS_getdents64, fd.get(), entries.data(), entries.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) {
+        Report(PathOf(node), errno);
+        node->failed = true;
+        break;
+      }
+      if (n == 0) break;
+      DirentReader reader(entries.data(), static_cast<size_t>(n));
+      DirentRecord entry;
+      while (reader.Next(&entry)) {
+        if (entry.name == "." || entry.name == "..") continue;
+        VisitEntry(node, fd.get(), std::string(entry.name), entry.type);
+      }
+      if (reader.malformed()) {
+        Report(PathOf(node), EIO);
+        node->failed = true;
+        break;
+      }
+      if (stopped_) break;
+    }
+    Release(node);
+  }
+
+  void VisitEntry(Node* node, int dirfd, const std::string& name, unsigned char type) {
+    if (type != DT_DIR) {
+      if (type != DT_UNKNOWN || !IsDirectory(dirfd, name)) {
+        if (sys::Unlinkat(dirfd, name.c_str(), 0) == 0) {
+          node->changed = true;
+          return;
+        }
+        if (errno != EISDIR) return FailChild(node, name, errno);
+      }
+    }
+    // A directory: queued as a node of its own, known by what it is now.
+    struct stat st {};
+    if (::fstatat(dirfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      return FailChild(node, name, errno);
+    }
+    if (!S_ISDIR(st.st_mode)) {
+      // Replaced by a file or a link since it was listed: the link goes, its target stays.
+      if (sys::Unlinkat(dirfd, name.c_str(), 0) == 0) {
+        node->changed = true;
+        return;
+      }
+      return FailChild(node, name, errno);
+    }
+    ++node->pending;
+    queue_.Push(NewNode(node, name, node->relative.empty() ? name : node->relative + "/" + name,
+                        {st.st_dev, st.st_ino}));
+  }
+
+  static bool IsDirectory(int dirfd, const std::string& name) {
+    struct stat st {};
+    return ::fstatat(dirfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+  }
+
+  // An item that vanished meanwhile is reported all the same, but it is gone as wished.
+  void FailChild(Node* node, const std::string& name, int error) {
+    Report(PathOf(node) + "/" + name, error);
+    if (error == ENOENT) {
+      node->changed = true;
+    } else {
+      node->failed = true;
+    }
+  }
+
+  // One thing the node waited for is done; the last one removes it.
+  void Release(Node* node) {
+    if (--node->pending == 0) Finish(node);
+  }
+
+  void Finish(Node* node) {
+    if (stopped_) return;
+    int error = 0;
+    bool failed = node->failed;
+    if (!failed) {
+      const bool isTop = node->parent == nullptr;
+      UniqueFd parentFd = isTop ? UniqueFd() : Open(node->parent);
+      int result = -1;
+      if (isTop) {
+        result = sys::Unlinkat(AT_FDCWD, path_.c_str(), AT_REMOVEDIR);
+      } else if (parentFd) {
+        result = sys::Unlinkat(parentFd.get(), node->name.c_str(), AT_REMOVEDIR);
+      }
+      if (result == 0) {
+        if (!isTop) node->parent->changed = true;
+      } else if ((errno == ENOTEMPTY || errno == EEXIST) && node->changed.exchange(false)) {
+        // Removing entries while reading may hide others from the listing: read it again.
+        node->pending = 1;
+        queue_.Push(node);
+        return;
+      } else {
+        error = errno;
+        failed = error != ENOENT;
+      }
+    }
+    // A directory that kept a failed descendant is not worth a report of its own.
+    if (error) Report(PathOf(node), error);
+    Leave(node, error == ENOENT, failed);
+  }
+
+  // The node is dealt with: tell its parent whether it stays.
+  void Leave(Node* node, bool vanished, bool failed) {
+    Node* parent = node->parent;
+    if (!parent) return;
+    if (vanished) parent->changed = true;
+    if (failed) parent->failed = true;
+    Release(parent);
+  }
+
+  void Report(const std::string& path, int error) {
+    std::lock_guard lock(reportMutex_);
+    if (!firstError_ && error != ENOENT) firstError_ = error;
+    if (!state_ || !state_->callback) return;
+    state_->reportedError = error;
+    state_->reporting = true;
+    const PurgeTreeDecision decision = state_->callback(state_, path.c_str(), state_->context);
+    state_->reporting = false;
+    if (decision == PurgeTreeDecision::Stop) {
+      stopped_ = true;
+      queue_.Stop();
+    }
+  }
+
+  PurgeTreeState* state_;
+  const std::string path_;
+  UniqueFd top_;
+  WorkQueue<Node*> queue_;
+  std::mutex nodesMutex_;
+  std::deque<std::unique_ptr<Node>> nodes_;
+  std::mutex reportMutex_;
+  int firstError_ = 0;
+  std::atomic<bool> stopped_{false};
+};
+
+std::string WithoutTrailingSlashes(const char* path) {
+  std::string p(path);
+  while (p.size() > 1 && p.back() == '/') p.pop_back();
+  return p;
+}
+
+}  // namespace
+
+int purgetree(const char* path, PurgeTreeState* state, bool recursive, unsigned workers) {
+  if (workers <= 1 || !recursive || !path || !*path) return purgetree(path, state, recursive);
+  const std::string top = WithoutTrailingSlashes(path);
+  // Anything but a directory that opens is the one-worker remover's case from the start.
+  UniqueFd fd(::open(top.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) return purgetree(path, state, recursive);
+  ParallelRemover remover(state, top);
+  if (int e = remover.Run(std::move(fd), workers)) {
+    errno = e;
+    return -1;
+  }
+  if (const int e = remover.firstError()) {
+    errno = e;
+    return -1;
+  }
+  return 0;
+}
+
+}  // namespace vx
