@@ -13,6 +13,7 @@
 
 #include "filemanager/VXFileManager.h"
 #include "platform/files/Beneath.h"
+#include "platform/files/DirectoryNames.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/files/WorkQueue.h"
@@ -74,21 +75,6 @@ struct Identity {
   bool operator<(const Identity& o) const { return dev != o.dev ? dev < o.dev : ino < o.ino; }
   bool operator==(const Identity&) const = default;
 };
-
-// The names of a directory, "." and ".." left out; false with errno.
-bool ReadNames(int dirfd, std::vector<std::string>* names) {
-  UniqueFd listing(::fcntl(dirfd, F_DUPFD_CLOEXEC, 0));
-  UniqueDir dir(listing ? ::fdopendir(listing.get()) : nullptr);
-  if (!dir) return false;
-  listing.release();  // the stream owns it now
-  errno = 0;
-  while (const dirent* entry = ::readdir(dir.get())) {
-    const char* name = entry->d_name;
-    if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-    names->emplace_back(name);
-  }
-  return errno == 0;
-}
 
 // The walk of the one-worker form, by several workers: each takes a directory from the
 // shared queue, looks at every item in it through an O_PATH descriptor of its own, and
@@ -187,7 +173,7 @@ class ParallelOwnership {
       return;
     }
     std::vector<std::string> names;
-    if (!ReadNames(dir.get(), &names)) return Fail(errno);
+    if (!ReadDirectoryNames(dir.get(), &names)) return Fail(errno);
     // Items of one directory tend to need the same: once one needed a change, the next is
     // opened at once rather than looked at by name first.
     bool expectChange = false;

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "filemanager/VXFileManager.h"
+#include "platform/files/DirectoryNames.h"
 #include "platform/files/UniqueFd.h"
 #include "support/errors/ErrorMakers.h"
 
@@ -53,21 +54,6 @@ struct Level {
   size_t next = 0;
   size_t pathLength = 0;
 };
-
-// The names of a directory, "." and ".." left out; false with errno.
-bool ReadNames(int dirfd, std::vector<std::string>* names) {
-  UniqueFd listing(::fcntl(dirfd, F_DUPFD_CLOEXEC, 0));
-  UniqueDir dir(listing ? ::fdopendir(listing.get()) : nullptr);
-  if (!dir) return false;
-  listing.release();  // the stream owns it now
-  errno = 0;
-  while (const dirent* entry = ::readdir(dir.get())) {
-    const char* name = entry->d_name;
-    if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-    names->emplace_back(name);
-  }
-  return errno == 0;
-}
 
 class Walker {
  public:
@@ -148,7 +134,7 @@ bool Walker::VisitItem(UniqueFd item, const struct stat& st) {
   Level level;
   level.dir.reset(::openat(item.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!level.dir) return Visit(Kind::UnreadableDirectory, item.get(), st, errno);
-  if (!ReadNames(level.dir.get(), &level.names)) return Fail(errno);
+  if (!ReadDirectoryNames(level.dir.get(), &level.names)) return Fail(errno);
   level.st = st;
   level.pathLength = path_.size();
   levels_.push_back(std::move(level));

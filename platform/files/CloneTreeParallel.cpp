@@ -24,6 +24,7 @@
 #include "platform/files/Beneath.h"
 #include "platform/files/CloneItems.h"
 #include "platform/files/CloneTree.h"
+#include "platform/files/DirectoryNames.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/files/WorkQueue.h"
@@ -47,19 +48,6 @@ struct LinkedFile {
   Identity srcDirectory;
   Identity dstDirectory;
 };
-
-bool ReadNames(int dirfd, std::vector<std::string>* names) {
-  UniqueFd listing(::fcntl(dirfd, F_DUPFD_CLOEXEC, 0));
-  UniqueDir dir(listing ? ::fdopendir(listing.get()) : nullptr);
-  if (!dir) return false;
-  listing.release();  // the stream owns it now
-  errno = 0;
-  while (const dirent* entry = ::readdir(dir.get())) {
-    const std::string_view name(entry->d_name);
-    if (name != "." && name != "..") names->emplace_back(name);
-  }
-  return errno == 0;
-}
 
 // What Enter returns for a source directory gone since it was listed: nothing to copy.
 constexpr int kVanished = -1;
@@ -136,7 +124,7 @@ class ParallelCloner {
     }
     // The names are read when the directory is entered, as the one-worker copy reads them.
     std::vector<std::string> names;
-    if (!ReadNames(src.get(), &names)) return Fail(errno);
+    if (!ReadDirectoryNames(src.get(), &names)) return Fail(errno);
     for (const std::string& name : names) {
       if (queue_.stopped()) return;
       struct stat st {};
