@@ -302,12 +302,13 @@ void SettleAccessTimes(const std::string& path) {
   for (const std::string& name : names) SettleAccessTimes(path + "/" + name);
 }
 
-bool SameBytes(const std::string& a, const std::string& b) {
-  std::ifstream x(a, std::ios::binary);
-  std::ifstream y(b, std::ios::binary);
-  std::string bx((std::istreambuf_iterator<char>(x)), std::istreambuf_iterator<char>());
-  std::string by((std::istreambuf_iterator<char>(y)), std::istreambuf_iterator<char>());
-  return x.good() == y.good() && bx == by;
+bool SameBytes(const std::string& first, const std::string& second) {
+  std::ifstream one(first, std::ifstream::binary);
+  std::ifstream other(second, std::ifstream::binary);
+  const std::string ones((std::istreambuf_iterator<char>(one)), std::istreambuf_iterator<char>());
+  const std::string others((std::istreambuf_iterator<char>(other)),
+                           std::istreambuf_iterator<char>());
+  return one.good() == other.good() && ones == others;
 }
 
 // The groups of names that share a file, by name.
