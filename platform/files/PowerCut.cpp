@@ -14,6 +14,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <vector>
 
@@ -72,28 +73,36 @@ void Say(const std::string& line) {
   (void)ignored;
 }
 
-// The directory holding `name` and the name within it. Intermediate components resolve as
-// the call itself resolved them.
-bool Locate(int dirfd, const char* name, Key* parent, std::string* leaf, int* parentFd) {
+// A name as the journal holds it: its directory (by identity, and held open) and the name
+// within it.
+struct Place {
+  Key directory;
+  int fd = -1;
+  std::string leaf;
+};
+
+// Where `name` lies. Intermediate components resolve as the call itself resolved them.
+std::optional<Place> Locate(Journal& j, int dirfd, const char* name) {
   std::string path(name ? name : "");
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   const size_t slash = path.rfind('/');
-  std::string directory = slash == std::string::npos ? "." : path.substr(0, slash ? slash : 1);
-  *leaf = slash == std::string::npos ? path : path.substr(slash + 1);
-  if (leaf->empty() || *leaf == "." || *leaf == "..") return false;
+  const std::string directory =
+      slash == std::string::npos ? "." : path.substr(0, slash ? slash : 1);
+  Place place;
+  place.leaf = slash == std::string::npos ? path : path.substr(slash + 1);
+  if (place.leaf.empty() || place.leaf == "." || place.leaf == "..") return std::nullopt;
   int fd = ::openat(dirfd, directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
+  if (fd < 0) return std::nullopt;
   struct stat st {};
   if (::fstat(fd, &st) != 0) {
     ::close(fd);
-    return false;
+    return std::nullopt;
   }
-  *parent = KeyOf(st);
-  Journal& j = TheJournal();
-  auto [it, added] = j.directories.emplace(*parent, fd);
+  place.directory = KeyOf(st);
+  auto [it, added] = j.directories.emplace(place.directory, fd);
   if (!added) ::close(fd);
-  *parentFd = it->second;
-  return true;
+  place.fd = it->second;
+  return place;
 }
 
 std::string Stash(Journal& j, int dirfd, const std::string& leaf) {
@@ -342,12 +351,10 @@ Pending BeforeRemove(int dirfd, const char* name) {
   if (!Recording()) return p;
   Journal& j = TheJournal();
   std::lock_guard lock(j.mutex);
-  Key parent;
-  std::string leaf;
-  int parentFd = -1;
-  if (!Locate(dirfd, name, &parent, &leaf, &parentFd)) return p;
-  p.node = Look(j, parentFd, leaf, true);
-  p.active = p.node.exists;
+  if (const std::optional<Place> place = Locate(j, dirfd, name)) {
+    p.node = Look(j, place->fd, place->leaf, true);
+    p.active = p.node.exists;
+  }
   return p;
 }
 
@@ -355,9 +362,11 @@ void AfterRemove(int dirfd, const char* name, const Pending& p) {
   if (!p.active) return;
   Journal& j = TheJournal();
   std::lock_guard lock(j.mutex);
+  const std::optional<Place> place = Locate(j, dirfd, name);
+  if (!place) return;
   Operation op(Operation::Remove);
-  int parentFd = -1;
-  if (!Locate(dirfd, name, &op.from, &op.fromName, &parentFd)) return;
+  op.from = place->directory;
+  op.fromName = place->leaf;
   op.node = p.node;
   j.operations.push_back(std::move(op));
 }
@@ -367,13 +376,12 @@ Pending BeforeRename(int fromDirfd, const char* from, int toDirfd, const char* t
   if (!Recording()) return p;
   Journal& j = TheJournal();
   std::lock_guard lock(j.mutex);
-  Key parent;
-  std::string leaf;
-  int parentFd = -1;
-  if (!Locate(fromDirfd, from, &parent, &leaf, &parentFd)) return p;
-  p.node = Look(j, parentFd, leaf, false);
-  if (!p.node.exists || !Locate(toDirfd, to, &parent, &leaf, &parentFd)) return Pending{};
-  p.replaced = Look(j, parentFd, leaf, true);
+  const std::optional<Place> source = Locate(j, fromDirfd, from);
+  if (!source) return p;
+  p.node = Look(j, source->fd, source->leaf, false);
+  const std::optional<Place> destination = Locate(j, toDirfd, to);
+  if (!p.node.exists || !destination) return Pending{};
+  p.replaced = Look(j, destination->fd, destination->leaf, true);
   if (p.replaced.exists && KeyOf(p.replaced) == KeyOf(p.node)) {
     // Renaming a node onto another name of itself changes nothing.
     Abandon(p);
@@ -387,12 +395,14 @@ void AfterRename(int fromDirfd, const char* from, int toDirfd, const char* to, c
   if (!p.active) return;
   Journal& j = TheJournal();
   std::lock_guard lock(j.mutex);
+  const std::optional<Place> source = Locate(j, fromDirfd, from);
+  const std::optional<Place> destination = Locate(j, toDirfd, to);
+  if (!source || !destination) return;
   Operation op(Operation::Rename);
-  int fd = -1;
-  if (!Locate(fromDirfd, from, &op.from, &op.fromName, &fd) ||
-      !Locate(toDirfd, to, &op.to, &op.toName, &fd)) {
-    return;
-  }
+  op.from = source->directory;
+  op.fromName = source->leaf;
+  op.to = destination->directory;
+  op.toName = destination->leaf;
   if (p.replaced.exists) {
     Operation gone(Operation::Remove);
     gone.from = op.to;
@@ -436,16 +446,22 @@ void AfterCreate(int dirfd, const char* name, bool newNode) {
   if (!Recording()) return;
   Journal& j = TheJournal();
   std::lock_guard lock(j.mutex);
+  const std::optional<Place> place = Locate(j, dirfd, name);
+  if (!place) return;
   Operation op(Operation::Create);
-  int parentFd = -1;
-  if (!Locate(dirfd, name, &op.to, &op.toName, &parentFd)) return;
-  struct stat st {};
-  if (::fstatat(parentFd, op.toName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return;
-  op.node = Look(j, parentFd, op.toName, false);
+  op.to = place->directory;
+  op.toName = place->leaf;
+  op.node = Look(j, place->fd, place->leaf, false);
+  if (!op.node.exists) return;
   // A file made now had nothing durable in it.
-  if (newNode && S_ISREG(st.st_mode) && !j.files.count(KeyOf(st))) {
-    int kept = ::openat(parentFd, op.toName.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
-    if (kept >= 0) j.files.emplace(KeyOf(st), TrackedFile{kept, 0});
+  if (newNode && !j.files.count(KeyOf(op.node))) {
+    int kept = ::openat(place->fd, place->leaf.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    struct stat st {};
+    if (kept >= 0 && (::fstat(kept, &st) != 0 || !S_ISREG(st.st_mode))) {
+      ::close(kept);
+      kept = -1;
+    }
+    if (kept >= 0) j.files.emplace(KeyOf(op.node), TrackedFile{kept, 0});
   }
   j.operations.push_back(std::move(op));
 }

@@ -326,13 +326,7 @@ void Remover::FailChild(const char* name, int error) {
 }
 
 void Remover::Report(const std::string& path, int error) {
-  if (!firstError_ && error != ENOENT) firstError_ = error;
-  if (!state_ || !state_->callback) return;
-  state_->reportedError = error;
-  state_->reporting = true;
-  const PurgeTreeDecision decision = state_->callback(state_, path.c_str(), state_->context);
-  state_->reporting = false;
-  if (decision == PurgeTreeDecision::Stop) stopped_ = true;
+  if (ReportPurgeError(state_, path.c_str(), error, &firstError_)) stopped_ = true;
 }
 
 std::string WithoutTrailingSlashes(const char* path) {

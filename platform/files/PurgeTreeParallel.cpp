@@ -220,13 +220,7 @@ class ParallelRemover {
 
   void Report(const std::string& path, int error) {
     std::lock_guard lock(reportMutex_);
-    if (!firstError_ && error != ENOENT) firstError_ = error;
-    if (!state_ || !state_->callback) return;
-    state_->reportedError = error;
-    state_->reporting = true;
-    const PurgeTreeDecision decision = state_->callback(state_, path.c_str(), state_->context);
-    state_->reporting = false;
-    if (decision == PurgeTreeDecision::Stop) {
+    if (ReportPurgeError(state_, path.c_str(), error, &firstError_)) {
       stopped_ = true;
       queue_.Stop();
     }

@@ -1,6 +1,8 @@
 // The remover's state, shared by the one-worker and the many-worker removals.
 #pragma once
 
+#include <cerrno>
+
 #include "platform/files/PurgeTree.h"
 
 namespace vx {
@@ -11,5 +13,18 @@ struct PurgeTreeState {
   int reportedError = 0;
   bool reporting = false;
 };
+
+// Keeps the first error that counts (a vanished item does not) and asks the caller's
+// callback, if any, whether to go on. True when the callback says stop. The many-worker
+// remover calls it under its reporting lock: callbacks are made one at a time.
+inline bool ReportPurgeError(PurgeTreeState* state, const char* path, int error, int* firstError) {
+  if (!*firstError && error != ENOENT) *firstError = error;
+  if (!state || !state->callback) return false;
+  state->reportedError = error;
+  state->reporting = true;
+  const PurgeTreeDecision decision = state->callback(state, path, state->context);
+  state->reporting = false;
+  return decision == PurgeTreeDecision::Stop;
+}
 
 }  // namespace vx
