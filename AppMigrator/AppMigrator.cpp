@@ -14,6 +14,7 @@
 #include "platform/plist/PlistFile.h"
 #include "platform/system/DeviceRoot.h"
 #include "platform/system/SystemVersion.h"
+#include "platform/workspace/AppWorkspace.h"
 
 namespace vx {
 namespace {
@@ -260,6 +261,8 @@ ContainerReport* VXAppMigrator::_currentReport() {
   return _current && *_current < _reports.size() ? &_reports[*_current] : nullptr;
 }
 
+VXAppMigrator::~VXAppMigrator() { _removePlaceholderWorkDirectory(); }
+
 bool VXAppMigrator::performMigration() {
   // An object made for a plan has promised to change nothing.
   if (_readOnly) return false;
@@ -328,6 +331,9 @@ bool VXAppMigrator::performMigration() {
     ++_countItemsMigrated;
   }
   _current.reset();
+  _removePlaceholderWorkDirectory();
+  // Left until now, the retired placeholders' removals cost the installations nothing.
+  AppWorkspace::defaultWorkspace().removeRetiredContainers();
 
   if (!_migrateLeftoverGroupContainers()) result = false;
   if (!_migrateSafeHarbors()) result = false;

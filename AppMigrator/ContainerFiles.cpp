@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "platform/files/Beneath.h"
+#include "platform/files/ReadBounded.h"
 #include "platform/plist/PlistFile.h"
 
 namespace vx {
@@ -52,24 +53,7 @@ std::optional<std::vector<uint8_t>> ReadRegularFileBeneath(int dirfd, std::strin
   struct stat st {};
   UniqueFd fd = OpenRegularFileAt(at, name.c_str(), &st);
   if (!fd) return fail(errno);
-  if (st.st_size < 0 || static_cast<uint64_t>(st.st_size) > limit) return fail(EFBIG);
-  std::vector<uint8_t> bytes(static_cast<size_t>(st.st_size));
-  size_t have = 0;
-  // The file may grow while it is read: one byte past the limit is enough to refuse it.
-  for (;;) {
-    if (have == bytes.size()) bytes.resize(std::min(limit + 1, bytes.size() + 65536));
-    if (have == bytes.size()) return fail(EFBIG);
-    const ssize_t n = ::read(fd.get(), bytes.data() + have, bytes.size() - have);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return fail(errno);
-    }
-    if (n == 0) break;
-    have += static_cast<size_t>(n);
-  }
-  if (have > limit) return fail(EFBIG);
-  bytes.resize(have);
-  return bytes;
+  return ReadBounded(fd.get(), static_cast<size_t>(std::max<off_t>(st.st_size, 0)), limit, error);
 }
 
 namespace {

@@ -42,41 +42,28 @@ constexpr const char* kCopiedInfoKeys[] = {
 // temporary directory that every user of the machine shares.
 constexpr const char* kDeviceTemporaryLocation = "private/var/tmp";
 constexpr const char* kPrivateDirectoryTemplate = "vxmigrator.XXXXXX";
-// Copies of the old bundle's files that the placeholder is made from.
-constexpr const char* kOldBundleCopyName = "OldBundle";
 constexpr mode_t kSharedTemporaryMode = 01777;
 constexpr size_t kStoreMetadataSizeLimit = 16 << 20;
 constexpr size_t kIconFileSizeLimit = 32 << 20;
 
-// Makes a directory that only this process's user can enter, fresh for each placeholder:
-// nothing that another user (or an earlier run as another user) left in the temporary
-// location can stand in its way or redirect what is built and removed in it. The location
-// itself is made when the device has none, open to every user as a temporary directory is,
-// so that root's run does not shut out the device's owner.
-std::optional<FileURL> MakePrivateDirectory(std::string* attempted, int* error) {
-  const VXFileManager& fileManager = VXFileManager::defaultManager();
-  const FileURL location = FileURL::fileURLWithPath(DeviceRoot() + kDeviceTemporaryLocation, true);
-  *attempted = location.URLByAppendingPathComponent(kPrivateDirectoryTemplate).path();
+// The device's temporary location, made when the device has none, open to every user as a
+// temporary directory is, so that root's run does not shut out the device's owner. A link
+// there would put what is made in it wherever it points: it is refused.
+bool EnsureTemporaryLocation(const FileURL& location, int* error) {
   struct stat st {};
   if (::lstat(location.fileSystemRepresentation(), &st) != 0 && errno == ENOENT) {
-    fileManager.createDirectoryAtURL(location.URLByDeletingLastPathComponent(), true, 0755,
-                                     nullptr);
+    VXFileManager::defaultManager().createDirectoryAtURL(location.URLByDeletingLastPathComponent(),
+                                                         true, 0755, nullptr);
     if (sys::Mkdir(location.fileSystemRepresentation(), 0700) == 0) {
       const UniqueFd made = OpenDirectoryNoFollow(location.fileSystemRepresentation());
       if (made) sys::Fchmod(made.get(), kSharedTemporaryMode);
     }
   }
-  // A link there would put the private directory wherever it points.
   if (!OpenDirectoryNoFollow(location.fileSystemRepresentation())) {
     *error = errno;
-    return std::nullopt;
+    return false;
   }
-  std::string path = *attempted;
-  if (!sys::Mkdtemp(path.data())) {
-    *error = errno;
-    return std::nullopt;
-  }
-  return FileURL::fileURLWithPath(path, true);
+  return true;
 }
 
 bool WriteNewFile(const FileURL& file, const std::vector<uint8_t>& bytes, mode_t mode = 0600) {
@@ -85,37 +72,16 @@ bool WriteNewFile(const FileURL& file, const std::vector<uint8_t>& bytes, mode_t
   return fd && sys::WriteAll(fd.get(), bytes.data(), bytes.size());
 }
 
-// The bundle lies in a container its application could write, and the bundle reader and the
-// icon renderer read by path: what they read is therefore a copy, in our private directory,
-// of the bundle's information list and icon files, each taken beneath the container without
-// following a link and only when it is a regular file. Nothing when the bundle, or its
-// information list, cannot be had so.
-std::optional<FileURL> CopyOldBundle(const FileURL& bundle, const FileURL& container,
-                                     const FileURL& privateDirectory) {
+// The bundle lies in a container its application could write: it is opened beneath the
+// container without following a link, and the reader and the icon renderer read its files
+// beneath that open directory, each only as a regular file.
+std::unique_ptr<BundleHandle> OpenOldBundle(const FileURL& bundle, const FileURL& container) {
   const std::optional<std::string> where =
       BundleLocationInContainer(container.path(), bundle.path());
-  if (!where) return std::nullopt;
+  if (!where) return nullptr;
   const UniqueFd containerFd = OpenDirectoryNoFollow(container.fileSystemRepresentation());
-  if (!containerFd) return std::nullopt;
-  const UniqueFd bundleFd = OpenBeneath(containerFd.get(), *where, O_RDONLY | O_DIRECTORY);
-  if (!bundleFd) return std::nullopt;
-  auto info = ReadRegularFileBeneath(bundleFd.get(), kInfoPlistName, kInfoPlistSizeLimit, nullptr);
-  if (!info) return std::nullopt;
-
-  const FileURL copy = privateDirectory.URLByAppendingPathComponent(kOldBundleCopyName, true)
-                           .URLByAppendingPathComponent(bundle.lastPathComponent(), true);
-  if (!VXFileManager::defaultManager().createDirectoryAtURL(copy, true, 0700, nullptr) ||
-      !WriteNewFile(copy.URLByAppendingPathComponent(kInfoPlistName), *info)) {
-    return std::nullopt;
-  }
-  if (std::optional<PlistValue> parsed = ParsePropertyList(*info)) {
-    for (const std::string& name : IconFileNames(parsed->dictionary())) {
-      // An icon that is missing, a link, a FIFO or too large is simply not there.
-      auto bytes = ReadRegularFileBeneath(bundleFd.get(), name, kIconFileSizeLimit, nullptr);
-      if (bytes) WriteNewFile(copy.URLByAppendingPathComponent(name), *bytes);
-    }
-  }
-  return copy;
+  if (!containerFd) return nullptr;
+  return BundleHandle::openBeneath(containerFd.get(), *where, bundle);
 }
 
 }  // namespace
@@ -139,24 +105,24 @@ bool VXAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const FileURL& bun
 
   std::string attempted;
   int made = 0;
-  const std::optional<FileURL> privateDirectory = MakePrivateDirectory(&attempted, &made);
+  const std::optional<FileURL> privateDirectory = _placeholderWorkDirectory(&attempted, &made);
   if (!privateDirectory) {
     VX_MIGRATION_LOG(3, kOperation,
                      "VXAppMigrator: Failed to create staged placeholder directory at %@ : %@",
                      attempted, std::string(std::strerror(made)));
     return false;
   }
-  // Whatever happens, the private directory goes with all in it; a later attempt makes a
-  // new one.
-  struct RemoveOnExit {
-    const FileURL& url;
-    ~RemoveOnExit() { VXFileManager::defaultManager().removeItemAtURL(url, nullptr); }
-  };
-  const RemoveOnExit cleanup{*privateDirectory};
   const FileURL placeholder =
       privateDirectory->URLByAppendingPathComponent(kStagingDirectoryName, true)
           .URLByAppendingPathComponent(identifier, true)
           .URLByAppendingPathExtension("app");
+  // Whatever happens, the placeholder goes (an installed one has already moved away); the
+  // private directory stays for the next one and goes at the end of the run.
+  struct RemoveOnExit {
+    const FileURL& url;
+    ~RemoveOnExit() { VXFileManager::defaultManager().removeItemAtURL(url, nullptr); }
+  };
+  const RemoveOnExit cleanup{placeholder};
 
   ErrorRef error;
   if (!fileManager.createDirectoryAtURL(placeholder, true, kPlaceholderMode, &error)) {
@@ -184,8 +150,7 @@ bool VXAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const FileURL& bun
     }
   }
 
-  const std::optional<FileURL> oldBundle = CopyOldBundle(bundle, container, *privateDirectory);
-  std::unique_ptr<BundleHandle> handle = oldBundle ? BundleHandle::open(*oldBundle) : nullptr;
+  std::unique_ptr<BundleHandle> handle = OpenOldBundle(bundle, container);
   if (!handle) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to create KBBundle for %@",
                      bundle.path());
@@ -270,6 +235,41 @@ bool VXAppMigrator::_writeIconForBundle(const BundleHandle& bundle, const FileUR
     return false;
   }
   return true;
+}
+
+// A directory that only this process's user can enter, made once per run: nothing that
+// another user (or an earlier run as another user) left in the temporary location can stand
+// in its way or redirect what is built and removed in it.
+std::optional<FileURL> VXAppMigrator::_placeholderWorkDirectory(std::string* attempted,
+                                                                int* error) {
+  const FileURL location = FileURL::fileURLWithPath(DeviceRoot() + kDeviceTemporaryLocation, true);
+  *attempted = location.URLByAppendingPathComponent(kPrivateDirectoryTemplate).path();
+  // Looked at before every use: the location may have changed since the last one.
+  if (!EnsureTemporaryLocation(location, error)) return std::nullopt;
+  struct stat st {};
+  if (_placeholderDirectory) {
+    // Still the directory this run made, where it made it: anything else is not ours.
+    const PrivateDirectory& made = *_placeholderDirectory;
+    if (::lstat(made.url.fileSystemRepresentation(), &st) == 0 && S_ISDIR(st.st_mode) &&
+        st.st_dev == made.device && st.st_ino == made.inode && st.st_uid == ::geteuid()) {
+      return made.url;
+    }
+    _placeholderDirectory.reset();
+  }
+  std::string path = *attempted;
+  if (!sys::Mkdtemp(path.data()) || ::lstat(path.c_str(), &st) != 0) {
+    *error = errno;
+    return std::nullopt;
+  }
+  _placeholderDirectory = PrivateDirectory{FileURL::fileURLWithPath(path, true), st.st_dev,
+                                           st.st_ino};
+  return _placeholderDirectory->url;
+}
+
+void VXAppMigrator::_removePlaceholderWorkDirectory() {
+  if (!_placeholderDirectory) return;
+  VXFileManager::defaultManager().removeItemAtURL(_placeholderDirectory->url, nullptr);
+  _placeholderDirectory.reset();
 }
 
 }  // namespace vx

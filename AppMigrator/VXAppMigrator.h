@@ -4,6 +4,8 @@
 // and the run goes on with the next container.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -65,6 +67,8 @@ class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public Mi
   // perform a migration.
   static std::unique_ptr<VXAppMigrator> createForPlanning();
 
+  ~VXAppMigrator() override;
+
   std::string dataClassName() const override;
   bool performMigration() override;
   float estimatedDuration() const override;
@@ -102,6 +106,10 @@ class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public Mi
                                                  const std::string& identifier,
                                                  const FileURL& container);
   bool _writeIconForBundle(const BundleHandle& bundle, const FileURL& destination);
+  // The private directory placeholders are built in, made on the run's first use and
+  // checked before every later one; nothing (`error` set) when it cannot be had.
+  std::optional<FileURL> _placeholderWorkDirectory(std::string* attempted, int* error);
+  void _removePlaceholderWorkDirectory();
   bool _migrateDataContainerForIdentifier(const std::string& identifier, const FileURL& from,
                                           const FileURL& to);
   bool _containerHasMissedItems(const FileURL& container, const std::string& identifier);
@@ -145,6 +153,12 @@ class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public Mi
 
   // Set for a plan: nothing on the device is changed.
   bool _readOnly = false;
+  struct PrivateDirectory {
+    FileURL url;
+    dev_t device = 0;
+    ino_t inode = 0;
+  };
+  std::optional<PrivateDirectory> _placeholderDirectory;
   // The report of the item being handled, which the steps add what they moved to; none
   // outside a run (a step called on its own).
   ContainerReport* _currentReport();

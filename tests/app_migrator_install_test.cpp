@@ -176,13 +176,13 @@ TEST_F(ContainerMigrationTest, PlaceholderCarriesFiveInfoEntriesIconAndMetadataW
   ASSERT_EQ(failures.size(), 4u);
   EXPECT_EQ(failures[0].rfind("VXAppMigrator: Failed to read " + c + "/LyrandMetadata.plist : ", 0),
             0u);
-  // The bundle reader sees a copy of the old bundle's list and icons, taken without links.
+  // The bundle is read where it lies, beneath the container; the work goes on in the one
+  // private directory of the run.
   const std::string second = workspace.installs[1].location.path();
-  const std::string privateDirectory = second.substr(0, second.find("/com.tarsel.velotrix."));
+  EXPECT_EQ(second, staged);
   EXPECT_EQ(std::vector<std::string>(failures.begin() + 1, failures.end()),
             (std::vector<std::string>{
-                "VXAppMigrator: Failed to create icon from bundle BundleHandle " +
-                    privateDirectory + "/OldBundle/Foo.app",
+                "VXAppMigrator: Failed to create icon from bundle BundleHandle " + c + "/Foo.app",
                 "VXAppMigrator: Writing placeholder icon for app com.foo to " + second +
                     "/Icon.png failed",
                 "VXAppMigrator: Failed to install placeholder for com.foo: " + kRefusal}));
@@ -191,7 +191,11 @@ TEST_F(ContainerMigrationTest, PlaceholderCarriesFiveInfoEntriesIconAndMetadataW
   EXPECT_EQ(log.messages(3).back(), "VXAppMigrator: Failed to create KBBundle for " + c +
                                         "/Missing.app");
   EXPECT_EQ(workspace.installs.size(), 2u);
-  EXPECT_TRUE(DirectoryEntries(DeviceTemporaryLocation()).empty()) << "each private directory goes";
+  // The placeholders go after each install; the private directory with the migrator.
+  const std::string privateDirectory = staged.substr(0, staged.find("/com.tarsel.velotrix."));
+  EXPECT_TRUE(DirectoryEntries(privateDirectory + "/com.tarsel.velotrix.migrator").empty());
+  migrator.reset();
+  EXPECT_TRUE(DirectoryEntries(DeviceTemporaryLocation()).empty());
 }
 
 }  // namespace

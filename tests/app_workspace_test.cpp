@@ -120,8 +120,11 @@ TEST_F(AppWorkspaceTest, ReplacementsKeepDataAndSharedGroupContainers) {
   EXPECT_EQ(newer->groupContainerURLs, after->groupContainerURLs);
   EXPECT_EQ(ReadFile(newer->dataContainerURL->path() + "/Documents/notes.txt"), "precious");
   EXPECT_EQ(ReadFile(shared.path() + "/shared.db"), "rows");
-  // Replaced bundle containers are gone whole (no hidden leftovers either), and no second
-  // data or group container was made.
+  // A replaced application's container is gone at once; the replaced placeholder's waits
+  // hidden for the installer's end. Then nothing is left over, and no second data or group
+  // container was made.
+  EXPECT_EQ(DirectoryEntries(containers("Bundles")).size(), 3u);
+  workspace.removeRetiredContainers();
   EXPECT_EQ(DirectoryEntries(containers("Bundles")).size(), 2u);
   EXPECT_EQ(DirectoryEntries(containers("Data")).size(), 2u);
   EXPECT_EQ(ContainerNames(containers("Groups")).size(), 2u);

@@ -85,6 +85,7 @@ struct Scenario {
     EXPECT_TRUE(!expectOldOrNew() ? install()
                                   : InstallCustomerPackage(workspace, device / "Other", "Other.app",
                                                            {.identifier = "com.example.other"}));
+    workspace.removeRetiredContainers();
     EXPECT_TRUE(expectOldOrNew());
     const WorkspaceIndex index = ScanWorkspace(WorkspaceLayout(device.path()));
     EXPECT_TRUE(index.abandoned.empty() && index.superseded.empty());

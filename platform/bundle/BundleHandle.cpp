@@ -1,5 +1,6 @@
 #include "platform/bundle/BundleHandle.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "platform/files/Beneath.h"
+#include "platform/files/ReadBounded.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/plist/PlistFile.h"
 
@@ -32,30 +34,26 @@ constexpr size_t kMaxInfoPlistSize = size_t{8} << 20;
 std::optional<PlistValue> ReadInfoPlist(int directory) {
   struct stat status {};
   UniqueFd file = OpenRegularFileAt(directory, "Info.plist", &status);
-  if (!file || static_cast<uint64_t>(status.st_size) > kMaxInfoPlistSize) return std::nullopt;
-  // The size is only a hint: the file may grow while it is read, so the bound holds for what
-  // is read, not for what fstat said.
-  std::vector<uint8_t> bytes(static_cast<size_t>(status.st_size) + 1);
-  size_t used = 0;
-  for (;;) {
-    if (used == bytes.size()) {
-      if (bytes.size() > kMaxInfoPlistSize) return std::nullopt;
-      bytes.resize(std::min(bytes.size() * 2, kMaxInfoPlistSize + 1));
-    }
-    const ssize_t n = ::read(file.get(), bytes.data() + used, bytes.size() - used);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return std::nullopt;
-    if (n == 0) break;
-    used += static_cast<size_t>(n);
-  }
-  bytes.resize(used);
-  return ParsePropertyList(bytes);
+  if (!file) return std::nullopt;
+  auto bytes = ReadBounded(file.get(), static_cast<size_t>(std::max<off_t>(status.st_size, 0)),
+                           kMaxInfoPlistSize);
+  if (!bytes) return std::nullopt;
+  return ParsePropertyList(*bytes);
 }
 
 }  // namespace
 
 std::unique_ptr<BundleHandle> BundleHandle::open(const FileURL& bundle) {
-  UniqueFd directory = OpenDirectoryNoFollow(bundle.fileSystemRepresentation());
+  return fromDirectory(bundle, OpenDirectoryNoFollow(bundle.fileSystemRepresentation()));
+}
+
+std::unique_ptr<BundleHandle> BundleHandle::openBeneath(int dirfd, std::string_view relative,
+                                                        const FileURL& bundle) {
+  return fromDirectory(bundle, OpenBeneath(dirfd, relative, O_RDONLY | O_DIRECTORY));
+}
+
+std::unique_ptr<BundleHandle> BundleHandle::fromDirectory(const FileURL& bundle,
+                                                          UniqueFd directory) {
   if (!directory) return nullptr;
   std::optional<PlistValue> contents = ReadInfoPlist(directory.get());
   if (contents) {
@@ -64,11 +62,15 @@ std::unique_ptr<BundleHandle> BundleHandle::open(const FileURL& bundle) {
           PlistValue(bundle.URLByAppendingPathComponent("Info.plist", false));
     }
   }
-  return std::unique_ptr<BundleHandle>(new BundleHandle(bundle, std::move(contents)));
+  return std::unique_ptr<BundleHandle>(
+      new BundleHandle(bundle, std::move(directory), std::move(contents)));
 }
 
-BundleHandle::BundleHandle(FileURL bundleURL, std::optional<PlistValue> contents)
-    : bundleURL_(std::move(bundleURL)), contents_(std::move(contents)) {
+BundleHandle::BundleHandle(FileURL bundleURL, UniqueFd directory,
+                           std::optional<PlistValue> contents)
+    : bundleURL_(std::move(bundleURL)),
+      directory_(std::move(directory)),
+      contents_(std::move(contents)) {
   size_t now = ++gOpenCount;
   size_t peak = gPeakOpenCount.load();
   while (peak < now && !gPeakOpenCount.compare_exchange_weak(peak, now)) {

@@ -10,7 +10,9 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
+#include "platform/files/UniqueFd.h"
 #include "support/types/FileURL.h"
 #include "support/types/PlistValue.h"
 
@@ -30,11 +32,19 @@ class BundleHandle {
   // top level is not a dictionary gives no information dictionary, and a filtered read of
   // the top level as it is.
   static std::unique_ptr<BundleHandle> open(const FileURL& bundle);
+  // The same for a bundle inside a tree that its application could write: the directory is
+  // reached from `dirfd` by `relative` without following any link on the way
+  // (OpenBeneath). `bundle` is the location the handle reports.
+  static std::unique_ptr<BundleHandle> openBeneath(int dirfd, std::string_view relative,
+                                                   const FileURL& bundle);
   ~BundleHandle();
   BundleHandle(const BundleHandle&) = delete;
   BundleHandle& operator=(const BundleHandle&) = delete;
 
   const FileURL& bundleURL() const { return bundleURL_; }
+  // The bundle's directory as the open found it. What is read of the bundle later is read
+  // beneath it, so that a rename or a link planted after the open cannot redirect the read.
+  int directory() const { return directory_.get(); }
   // The whole information dictionary, including "KBBundleInfoPlistURL"; nullptr when the
   // file could not be read or its top level is not a dictionary.
   const PlistDictionary* infoDictionary() const {
@@ -51,8 +61,10 @@ class BundleHandle {
   static size_t takePeakOpenCount();
 
  private:
-  BundleHandle(FileURL bundleURL, std::optional<PlistValue> contents);
+  BundleHandle(FileURL bundleURL, UniqueFd directory, std::optional<PlistValue> contents);
+  static std::unique_ptr<BundleHandle> fromDirectory(const FileURL& bundle, UniqueFd directory);
   FileURL bundleURL_;
+  UniqueFd directory_;
   std::optional<PlistValue> contents_;  // nothing: "Info.plist" could not be read
 };
 

@@ -5,7 +5,8 @@
 #include <set>
 
 #include "platform/bundle/BundleHandle.h"
-#include "platform/files/AtomicFile.h"
+#include "platform/files/Beneath.h"
+#include "platform/files/ReadBounded.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/image/IconImage.h"
 
@@ -62,18 +63,18 @@ std::set<std::string> IconFileNames(const PlistDictionary* info) {
 
 namespace {
 
-// A link is no icon: followed, it could make any file of the device the one decoded.
-bool IsRegularFile(const std::string& path, off_t* size) {
+// An icon is read beneath the bundle's open directory, only as a regular file: a link could
+// make any file of the device the one decoded, and a FIFO would stop the run.
+UniqueFd OpenIconFile(const BundleHandle& bundle, const std::string& name, off_t* size) {
   struct stat st {};
-  if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
-  *size = st.st_size;
-  return true;
+  UniqueFd fd = OpenRegularFileAt(bundle.directory(), name.c_str(), &st);
+  if (fd) *size = st.st_size;
+  return fd;
 }
 
-std::vector<uint8_t> ReadHeader(const std::string& path) {
+std::vector<uint8_t> ReadHeader(int fd) {
   std::vector<uint8_t> header(24);
-  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  ssize_t n = fd ? ::read(fd.get(), header.data(), header.size()) : -1;
+  const ssize_t n = ::pread(fd, header.data(), header.size(), 0);
   header.resize(n > 0 ? static_cast<size_t>(n) : 0);
   return header;
 }
@@ -91,20 +92,22 @@ std::string DisplayName(const BundleHandle& bundle, const PlistDictionary* info)
 
 std::optional<IconImage> IconRenderer::homeScreenIcon(const BundleHandle& bundle) {
   const PlistDictionary* info = bundle.infoDictionary();
-  std::optional<std::string> largest;
+  UniqueFd largest;
+  off_t largestSize = 0;
   uint64_t largestArea = 0;
   bool named = false;
   for (const std::string& name : IconFileNames(info)) {
-    const std::string path = bundle.bundleURL().URLByAppendingPathComponent(name, false).path();
     off_t fileSize = 0;
-    if (!IsRegularFile(path, &fileSize)) continue;
+    UniqueFd file = OpenIconFile(bundle, name, &fileSize);
+    if (!file) continue;
     named = true;
     if (fileSize > kMaxIconFileSize) continue;
-    auto size = PNGDimensions(ReadHeader(path));
+    auto size = PNGDimensions(ReadHeader(file.get()));
     if (!size) continue;
     const uint64_t area = uint64_t{size->first} * size->second;
     if (!largest || area > largestArea) {
-      largest = path;
+      largest = std::move(file);
+      largestSize = fileSize;
       largestArea = area;
     }
   }
@@ -115,7 +118,7 @@ std::optional<IconImage> IconRenderer::homeScreenIcon(const BundleHandle& bundle
     return GenerateIcon(identifier, DisplayName(bundle, info), kHomeScreenIconSize);
   }
   if (!largest) return std::nullopt;
-  auto bytes = ReadFileContents(*largest, nullptr);
+  auto bytes = ReadBounded(largest.get(), static_cast<size_t>(largestSize), kMaxIconFileSize);
   if (!bytes) return std::nullopt;
   std::optional<IconImage> decoded = DecodePNG(*bytes);
   if (!decoded) return std::nullopt;

@@ -75,6 +75,9 @@ class AppWorkspace {
                           ErrorRef* error) {
     return installApplication(location, options, error, nullptr);
   }
+  // Removes what installations left to remove later: the containers of replaced
+  // placeholders. A caller that installs many applications in a row calls it when done.
+  virtual void removeRetiredContainers() {}
 };
 
 }  // namespace vx

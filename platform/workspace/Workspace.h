@@ -42,6 +42,7 @@ class DeviceWorkspace final : public AppWorkspace {
                           const InstallProgressCallback& progress) override;
   using AppWorkspace::installApplication;
   std::vector<std::string> installedBundleIdentifiers() override;
+  void removeRetiredContainers() override;
 
   // What is known of an identifier without making anything: containers that do not exist
   // yet are absent from the proxy. For tools that only look.

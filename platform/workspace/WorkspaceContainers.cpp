@@ -144,11 +144,16 @@ std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const Cont
   return made;
 }
 
-bool RetireContainer(const FileURL& container, ErrorRef* error) {
+std::optional<FileURL> HideContainer(const FileURL& container, ErrorRef* error) {
   const FileURL parent = container.URLByDeletingLastPathComponent();
-  const FileURL retired = parent.URLByAppendingPathComponent(NewRetiredName(), true);
-  if (!Files().moveItemAtURL(container, retired, error)) return false;
-  return Files().removeItemAtURL(retired, error);
+  FileURL retired = parent.URLByAppendingPathComponent(NewRetiredName(), true);
+  if (!Files().moveItemAtURL(container, retired, error)) return std::nullopt;
+  return retired;
+}
+
+bool RetireContainer(const FileURL& container, ErrorRef* error) {
+  const std::optional<FileURL> retired = HideContainer(container, error);
+  return retired && Files().removeItemAtURL(*retired, error);
 }
 
 std::optional<FileURL> EnsureDataContainer(const WorkspaceLayout& layout, WorkspaceIndex& index,

@@ -38,8 +38,11 @@ void RemovePackageLeftovers(const FileURL& container);
 std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const ContainerRecord& record,
                                        const ContainerFiller& fill, ErrorRef* error);
 
-// Takes a container out of every future scan with one rename, then removes it. A failed
-// removal leaves a hidden leftover that a later recovery removes.
+// Takes a container out of every future scan with one rename; the hidden location it now
+// has, which a later recovery removes if nobody else does.
+std::optional<FileURL> HideContainer(const FileURL& container, ErrorRef* error);
+// Hides a container, then removes it. A failed removal leaves a hidden leftover that a later
+// recovery removes.
 bool RetireContainer(const FileURL& container, ErrorRef* error);
 
 // The identifier's data container (of `containerClass`, Data or PluginData), made with

@@ -6,6 +6,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "filemanager/VXFileManager.h"
 #include "platform/log/InstallerLog.h"
 #include "platform/workspace/WorkspaceContainers.h"
 
@@ -74,6 +75,17 @@ std::optional<WorkspaceIndexCache::Change> WorkspaceIndexCache::begin(ErrorRef* 
   std::optional<WorkspaceLock> lock = WorkspaceLock::acquire(layout_, error);
   if (!lock || !refresh(*lock, true, error)) return std::nullopt;
   return Change(this, std::move(*lock));
+}
+
+void WorkspaceIndexCache::removeRetired() {
+  for (const FileURL& hidden : retired_) {
+    ErrorRef error;
+    // Another writer's recovery may have been quicker; what is gone is no failure.
+    if (!VXFileManager::defaultManager().removeItemAtURL(hidden, &error) && Exists(hidden)) {
+      VX_INSTALLER_LOG(3, kFunction, "Failed to remove retired container %@: %@", hidden, error);
+    }
+  }
+  retired_.clear();
 }
 
 }  // namespace vx

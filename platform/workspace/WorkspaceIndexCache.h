@@ -5,6 +5,7 @@
 #pragma once
 
 #include <optional>
+#include <vector>
 
 #include "platform/workspace/WorkspaceLayout.h"
 #include "platform/workspace/WorkspaceLock.h"
@@ -28,6 +29,8 @@ class WorkspaceIndexCache {
    public:
     WorkspaceIndex& index() { return cache_->index_; }
     void failed() { cache_->valid_ = false; }
+    // A hidden container (HideContainer) whose removal waits for removeRetired().
+    void removeLater(FileURL hidden) { cache_->retired_.push_back(std::move(hidden)); }
 
    private:
     friend class WorkspaceIndexCache;
@@ -38,6 +41,10 @@ class WorkspaceIndexCache {
   };
   std::optional<Change> begin(ErrorRef* error);
 
+  // Removes the containers that changes left for later. A removal that fails is logged; the
+  // leftover is hidden, and the next recovery removes it.
+  void removeRetired();
+
  private:
   explicit WorkspaceIndexCache(const WorkspaceLayout& layout) : layout_(layout) {}
   // Under the lock: scans when the stamp moved, moves it on when anything must change.
@@ -47,6 +54,7 @@ class WorkspaceIndexCache {
   WorkspaceIndex index_;
   std::optional<WorkspaceGeneration> generation_;
   bool valid_ = false;
+  std::vector<FileURL> retired_;
 };
 
 }  // namespace vx

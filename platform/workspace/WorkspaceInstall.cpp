@@ -308,6 +308,7 @@ bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndexCache::Change& cha
   const PackageBundle& bundle = *placement.bundle;
   WorkspaceIndex& index = change.index();
   std::optional<FileURL> previous;
+  bool previousIsPlaceholder = false;
   ContainerRecord record;
   record.containerClass = ContainerClass::Bundle;
   record.identifier = bundle.identifier;
@@ -319,6 +320,7 @@ bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndexCache::Change& cha
   record.installSequence = 1;
   if (const IndexedContainer* installed = index.bundle(bundle.identifier)) {
     previous = installed->url;
+    previousIsPlaceholder = installed->record.bundleType == "Placeholder";
     record.installSequence = installed->record.installSequence + 1;
   }
 
@@ -335,7 +337,20 @@ bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndexCache::Change& cha
     return false;
   }
   index.bundles.insert_or_assign(bundle.identifier, IndexedContainer{*placed, record});
-  if (previous && !RetireContainer(*previous, &error)) {
+  if (!previous) return true;
+  // A placeholder's container is a handful of small files that nobody needs once hidden:
+  // removing it with the others when the installer is done keeps the removal, and what it
+  // costs the file system's next allocations, out of a run of installations.
+  bool retired = false;
+  if (previousIsPlaceholder) {
+    if (std::optional<FileURL> hidden = HideContainer(*previous, &error)) {
+      change.removeLater(std::move(*hidden));
+      retired = true;
+    }
+  } else {
+    retired = RetireContainer(*previous, &error);
+  }
+  if (!retired) {
     // The new container already wins every scan; the old one goes at the next scan.
     change.failed();
     VX_INSTALLER_LOG(3, kInstallFunction, "Failed to retire old bundle container %@: %@",

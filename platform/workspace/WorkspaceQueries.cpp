@@ -151,4 +151,9 @@ std::optional<BundleProxy> DeviceWorkspace::proxy(const std::string& identifier,
   return proxy;
 }
 
+void DeviceWorkspace::removeRetiredContainers() {
+  std::lock_guard lock(mutex());
+  WorkspaceIndexCache::forLayout(layout_).removeRetired();
+}
+
 }  // namespace vx
