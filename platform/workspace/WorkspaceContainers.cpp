@@ -127,6 +127,19 @@ void RemovePackageLeftovers(const FileURL& container) {
   }
 }
 
+std::optional<FileURL> HidePackageLeftovers(const FileURL& container) {
+  const FileURL package = container.URLByAppendingPathComponent(kPackageDirectoryName, true);
+  struct stat st {};
+  if (::lstat(package.fileSystemRepresentation(), &st) != 0) return std::nullopt;
+  FileURL hidden =
+      container.URLByDeletingLastPathComponent().URLByAppendingPathComponent(NewRetiredName(), true);
+  if (sys::Rename(package.fileSystemRepresentation(), hidden.fileSystemRepresentation()) == 0) {
+    return hidden;
+  }
+  RemovePackageLeftovers(container);
+  return std::nullopt;
+}
+
 std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const ContainerRecord& record,
                                        const ContainerFiller& fill, ErrorRef* error) {
   const FileURL parent = layout.directoryForClass(record.containerClass);

@@ -33,6 +33,10 @@ bool MarkInstalledBundle(const FileURL& bundle, const ContainerRecord& record, E
 bool FinishBundleAssembly(const FileURL& assembly, const ContainerRecord& record, ErrorRef* error);
 // Removes what is left of the package in a committed container; a failure is only logged.
 void RemovePackageLeftovers(const FileURL& container);
+// Takes what is left of the package out of a committed container with one rename, beside
+// the container under a hidden name, for a later removal; that location, or nothing when
+// there was nothing to take (or it could only be removed at once).
+std::optional<FileURL> HidePackageLeftovers(const FileURL& container);
 
 // The new container's location once it is in place; on failure the assembly is removed.
 std::optional<FileURL> CreateContainer(const WorkspaceLayout& layout, const ContainerRecord& record,

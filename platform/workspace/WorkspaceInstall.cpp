@@ -262,13 +262,17 @@ std::optional<FileURL> AssembleBundleContainer(const WorkspaceLayout& layout,
   if (metadata || !placement.storeMetadata) {
     written = WorkspaceLayout::writeRecordIntoAssembly(assembly, record, error);
   }
-  // The record is synced before the package comes in: should a power cut keep the package's
+  // The record is synced before a package comes in: should a power cut keep the package's
   // rename but lose the record, the bundle would lie in a directory no scan recognises. So is
   // the assembly's own name, or a cut could keep the package's move and take back the
   // directory it moved into. The first sync commits both on a journaling file system; the
-  // second then finds nothing left to write.
+  // second then finds nothing left to write. A placeholder is no one's only copy of
+  // anything (its maker can build it again from what it was made of), so its assembly is
+  // made durable once, with the rest of the container.
+  const bool placeholder = record.bundleType == "Placeholder";
   ErrorRef syncError;
-  if (written && (sys::Fsync(written.get()) != 0 || !SyncDirectory(parent, &syncError))) {
+  if (written && !placeholder &&
+      (sys::Fsync(written.get()) != 0 || !SyncDirectory(parent, &syncError))) {
     SetError(error,
              syncError ? syncError : PosixFailure(__LINE__, errno, "sync the record in", assembly));
     written.reset();
@@ -278,18 +282,15 @@ std::optional<FileURL> AssembleBundleContainer(const WorkspaceLayout& layout,
     // A package brought its bytes with it, durable long since; a placeholder's files were
     // written just now, unsynced, and are synced with the rest of the container.
     std::vector<UniqueFd> placeholderFiles;
-    if (record.bundleType == "Placeholder") {
+    if (placeholder) {
       placeholderFiles =
           OpenPlaceholderFiles(assembly.URLByAppendingPathComponent(record.bundleName, true));
     }
-    std::vector<int> toSync{metadata.get()};
+    std::vector<int> toSync{metadata.get(), placeholder ? written.get() : -1};
     for (const UniqueFd& file : placeholderFiles) toSync.push_back(file.get());
     placed = CommitAssembly(assembly, toSync, error);
   }
-  if (placed) {
-    RemovePackageLeftovers(*placed);
-    return placed;
-  }
+  if (placed) return placed;
   // Nothing is committed, so nothing may have changed: what came in goes back, and only
   // then may the assembly go.
   if (moved && !SendBack(arrival, assembly, record.bundleName)) {
@@ -337,10 +338,14 @@ bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndexCache::Change& cha
     return false;
   }
   index.bundles.insert_or_assign(bundle.identifier, IndexedContainer{*placed, record});
+  // What the package leaves behind, and a replaced placeholder's container, are removed with
+  // the others when the installer is done: removals amid a run of installations cost the
+  // file system's allocations that follow them.
+  if (std::optional<FileURL> leftovers = HidePackageLeftovers(*placed)) {
+    change.removeLater(std::move(*leftovers));
+  }
   if (!previous) return true;
-  // A placeholder's container is a handful of small files that nobody needs once hidden:
-  // removing it with the others when the installer is done keeps the removal, and what it
-  // costs the file system's next allocations, out of a run of installations.
+  // A placeholder's container is a handful of small files that nobody needs once hidden.
   bool retired = false;
   if (previousIsPlaceholder) {
     if (std::optional<FileURL> hidden = HideContainer(*previous, &error)) {
