@@ -107,6 +107,9 @@ bool WriteRows(png_structp png, png_infop info, png_uint_32 width, png_uint_32 h
   if (setjmp(png_jmpbuf(png))) return false;
   png_set_IHDR(png, info, width, height, 8, PNG_COLOR_TYPE_RGBA, PNG_INTERLACE_NONE,
                PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  // Icons are small and written once per application of a migration: deflating them hard
+  // would cost more time than the bytes it saves are worth.
+  png_set_compression_level(png, 1);
   png_write_info(png, info);
   png_write_image(png, rows);
   png_write_end(png, info);
