@@ -13,6 +13,7 @@
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/files/DirectoryStream.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/plist/PlistFile.h"
@@ -61,31 +62,44 @@ std::string NamePrefix(const std::string& identifier) {
 }
 
 // Walks by descriptors without following any link: the tree was written by an application.
-bool DirectoryHoldsUserBytes(int dirfd, const std::set<std::string>& ignoredNames, int depth) {
+// The listing's type is enough to judge most entries; only one of unknown type, or one that
+// changed since it was listed, is looked at.
+bool DirectoryHoldsUserBytes(UniqueFd directory, const std::set<std::string>& ignoredNames,
+                             int depth) {
   if (depth > kMaxWalkDepth) return true;
-  const int listFd = ::dup(dirfd);
-  if (listFd < 0) return true;
-  UniqueDir dir(::fdopendir(listFd));
-  if (!dir) {
-    ::close(listFd);
-    return true;
-  }
-  while (struct dirent* entry = ::readdir(dir.get())) {
-    const std::string name = entry->d_name;
-    if (name == "." || name == "..") continue;
-    struct stat st {};
-    if (::fstatat(dirfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-      if (errno == ENOENT) continue;
-      return true;  // what cannot be looked at is kept
+  DirectoryStream stream(std::move(directory));
+  DirentRecord entry;
+  while (stream.Next(&entry)) {
+    const std::string name(entry.name);
+    unsigned char type = entry.type;
+    for (int look = 0; look < 2; ++look) {
+      if (type == DT_UNKNOWN) {
+        struct stat st {};
+        if (::fstatat(stream.fd(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+          if (errno == ENOENT) break;
+          return true;  // what cannot be looked at is kept
+        }
+        type = S_ISREG(st.st_mode) ? DT_REG : S_ISDIR(st.st_mode) ? DT_DIR : DT_LNK;
+        look = 1;  // what we saw ourselves is not looked at again
+      }
+      if (type == DT_REG) {
+        if (!ignoredNames.count(name)) return true;
+      } else if (type == DT_DIR) {
+        UniqueFd child(
+            ::openat(stream.fd(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (child) {
+          if (DirectoryHoldsUserBytes(std::move(child), ignoredNames, depth + 1)) return true;
+        } else if (errno == ENOTDIR || errno == ELOOP) {
+          type = DT_UNKNOWN;  // replaced since it was listed: look at what stands there now
+          continue;
+        } else if (errno != ENOENT) {
+          return true;
+        }
+      }
+      break;
     }
-    if (S_ISREG(st.st_mode)) {
-      if (!ignoredNames.count(name)) return true;
-    } else if (S_ISDIR(st.st_mode)) {
-      UniqueFd child(::openat(dirfd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-      if (!child || DirectoryHoldsUserBytes(child.get(), ignoredNames, depth + 1)) return true;
-    }
   }
-  return false;
+  return errno != 0;  // a listing cut short may have hidden anything
 }
 
 bool SyncDirectory(const std::string& path) {
@@ -110,13 +124,11 @@ std::optional<RecoveredEntry> ReadEntry(const FileURL& area, const std::string& 
                   Text(*record, "OriginalPath")};
   entry.time = Text(*record, "Time");
   entry.content = directory.URLByAppendingPathComponent(kContentName, true);
-  UniqueDir content(::opendir(entry.content.fileSystemRepresentation()));
+  DirectoryStream content(
+      UniqueFd(::open(entry.content.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
   if (!content) return std::nullopt;
-  while (struct dirent* item = ::readdir(content.get())) {
-    if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
-      entry.items.emplace_back(item->d_name);
-    }
-  }
+  DirentRecord item;
+  while (content.Next(&item)) entry.items.emplace_back(item.name);
   // A cut between the record and the move leaves an entry with nothing in it.
   if (entry.items.empty()) return std::nullopt;
   std::sort(entry.items.begin(), entry.items.end());
@@ -131,12 +143,17 @@ FileURL RecoveryAreaURL() {
 }
 
 bool ItemHoldsUserBytes(const FileURL& item, const std::set<std::string>& ignoredNames) {
+  // Mostly a directory: opened at once, with no look first. The open follows no link and
+  // waits on nothing (O_DIRECTORY refuses a FIFO before opening it).
+  UniqueFd dir(::open(item.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (dir) return DirectoryHoldsUserBytes(std::move(dir), ignoredNames, 0);
+  if (errno == ENOENT) return false;
+  if (errno != ENOTDIR && errno != ELOOP) return true;  // what cannot be looked at is kept
   struct stat st {};
   if (::lstat(item.fileSystemRepresentation(), &st) != 0) return errno != ENOENT;
   if (S_ISREG(st.st_mode)) return !ignoredNames.count(item.lastPathComponent());
-  if (!S_ISDIR(st.st_mode)) return false;
-  UniqueFd dir(::open(item.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  return !dir || DirectoryHoldsUserBytes(dir.get(), ignoredNames, 0);
+  // A directory here was swapped in since the open: kept, as what could not be looked at.
+  return S_ISDIR(st.st_mode);
 }
 
 std::optional<FileURL> MoveToRecoveryArea(const FileURL& item, const RecoveryRecord& record,
@@ -191,11 +208,13 @@ std::optional<FileURL> MoveToRecoveryArea(const FileURL& item, const RecoveryRec
 std::vector<RecoveredEntry> RecoveredEntries() {
   std::vector<RecoveredEntry> entries;
   const FileURL area = RecoveryAreaURL();
-  UniqueDir dir(::opendir(area.fileSystemRepresentation()));
+  DirectoryStream dir(
+      UniqueFd(::open(area.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
   if (!dir) return entries;
-  while (struct dirent* item = ::readdir(dir.get())) {
-    if (item->d_name[0] == '.') continue;
-    if (auto entry = ReadEntry(area, item->d_name)) entries.push_back(std::move(*entry));
+  DirentRecord item;
+  while (dir.Next(&item)) {
+    if (item.name[0] == '.') continue;
+    if (auto entry = ReadEntry(area, std::string(item.name))) entries.push_back(std::move(*entry));
   }
   std::sort(entries.begin(), entries.end(), [](const RecoveredEntry& a, const RecoveredEntry& b) {
     return a.time != b.time ? a.time < b.time : a.name < b.name;
