@@ -126,14 +126,15 @@ TEST(PurgeTreeTest, ReportsEachStuckItemAndRemovesTheRest) {
   DisarmAtEnd disarm;
   const char* files[] = {"tree/d/one", "tree/two", "tree/three"};
   auto filesLeft = [&] { return std::count_if(files, files + 3, [&](const char* f) { return Exists(t / f); }); };
-  // The first removal in a fresh tree fails: with EPERM while the callback lets the removal
-  // go on, with EIO while it stops it at once, and with ENOENT as for an item that vanished
-  // (yet is still there), which is no failure: its directory is read again.
+  // The first removal in a fresh tree (after the try to remove it as an empty directory)
+  // fails: with EPERM while the callback lets the removal go on, with EIO while it stops it
+  // at once, and with ENOENT as for an item that vanished (yet is still there), which is no
+  // failure: its directory is read again.
   for (const int error : {EPERM, EIO, ENOENT}) {
     for (const char* f : files) WriteFile(t / f, "x");
     Reports reports;
     if (error == EIO) reports.decision = PurgeTreeDecision::Stop;
-    fault::Arm(1, fault::Action::Fail, error);
+    fault::Arm(2, fault::Action::Fail, error);
     EXPECT_EQ(Purge(t / "tree", &reports), error == ENOENT ? 0 : error);
     ASSERT_EQ(reports.items.size(), 1u) << "the directories that keep it are not reported";
     EXPECT_EQ(reports.items[0].second, error);

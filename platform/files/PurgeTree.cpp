@@ -89,10 +89,12 @@ class Remover {
  public:
   Remover(PurgeTreeState* state, std::string path) : state_(state), path_(std::move(path)) {}
 
-  int Run(bool recursive);
+  // `rmdirError`: how a try to remove the path as an empty directory failed, or -1 when it
+  // is still to be made.
+  int Run(bool recursive, int rmdirError);
 
  private:
-  int RemoveDirectory(bool recursive);
+  int RemoveItem(bool recursive, int rmdirError);
   void Walk();
   void VisitEntry(const char* name, unsigned char type);
   void RemoveNonDirectory(int dirfd, const char* name);
@@ -114,16 +116,8 @@ class Remover {
   bool stopped_ = false;
 };
 
-int Remover::Run(bool recursive) {
-  struct stat st {};
-  int topLevelError = 0;
-  if (::lstat(path_.c_str(), &st) != 0) {
-    topLevelError = errno;
-  } else if (S_ISDIR(st.st_mode)) {
-    topLevelError = RemoveDirectory(recursive);
-  } else if (sys::Unlink(path_.c_str()) != 0) {
-    topLevelError = errno;
-  }
+int Remover::Run(bool recursive, int rmdirError) {
+  const int topLevelError = RemoveItem(recursive, rmdirError);
   // Nothing at the path is for the caller to judge, not a failure worth a report.
   if (topLevelError && topLevelError != ENOENT) Report(path_, topLevelError);
   const int e = topLevelError == ENOENT ? ENOENT : firstError_;
@@ -132,17 +126,26 @@ int Remover::Run(bool recursive) {
   return -1;
 }
 
-// Returns the errno of a failure on the directory itself, before its contents were reached.
-int Remover::RemoveDirectory(bool recursive) {
-  if (!recursive) return sys::Rmdir(path_.c_str()) == 0 ? 0 : errno;
-  UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!fd) {
-    const int openError = errno;
-    if (openError == ENOENT) return ENOENT;
-    // Without read permission the contents are out of reach, but an empty one can go.
+// Returns the errno of a failure on the item itself, before a directory's contents were
+// reached.
+int Remover::RemoveItem(bool recursive, int rmdirError) {
+  // Most trees removed are empty directories by then: one call, with no look first and no
+  // walk to set up. rmdir never follows a link; it also takes an empty directory whose
+  // contents we could not read.
+  if (rmdirError < 0) {
     if (sys::Rmdir(path_.c_str()) == 0) return 0;
-    return errno == ENOENT ? ENOENT : openError;
+    rmdirError = errno;
   }
+  if (rmdirError == ENOENT) return ENOENT;
+  // Only a directory can be non-empty; anything else is looked at first.
+  if (rmdirError != ENOTEMPTY && rmdirError != EEXIST) {
+    struct stat st {};
+    if (::lstat(path_.c_str(), &st) != 0) return errno;
+    if (!S_ISDIR(st.st_mode)) return sys::Unlink(path_.c_str()) == 0 ? 0 : errno;
+  }
+  if (!recursive) return rmdirError;
+  UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) return errno;
   Push(path_.c_str(), std::move(fd));
   Walk();
   frames_.clear();
@@ -335,7 +338,13 @@ int purgetree(const char* path, PurgeTreeState* state, bool recursive) {
     return -1;
   }
   Remover remover(state, WithoutTrailingSlashes(path));
-  return remover.Run(recursive);
+  return remover.Run(recursive, -1);
+}
+
+int PurgeTreeAfterRmdir(const std::string& path, PurgeTreeState* state, bool recursive,
+                        int rmdirError) {
+  Remover remover(state, path);
+  return remover.Run(recursive, rmdirError);
 }
 
 }  // namespace vx
