@@ -61,42 +61,39 @@ std::string NamePrefix(const std::string& identifier) {
   return prefix;
 }
 
+bool DirectoryHoldsUserBytes(UniqueFd directory, const std::set<std::string>& ignoredNames,
+                             int depth);
+
+// One entry of a directory, judged by the listing's type where it answers: only an entry of
+// unknown type, or one replaced since it was listed, is looked at.
+bool EntryHoldsUserBytes(int dirfd, const std::string& name, unsigned char type,
+                         const std::set<std::string>& ignoredNames, int depth) {
+  bool lookedAt = false;
+  if (type == DT_UNKNOWN) {
+    struct stat st {};
+    if (::fstatat(dirfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno != ENOENT;
+    type = S_ISREG(st.st_mode) ? DT_REG : S_ISDIR(st.st_mode) ? DT_DIR : DT_LNK;
+    lookedAt = true;
+  }
+  if (type == DT_REG) return !ignoredNames.count(name);
+  if (type != DT_DIR) return false;  // links, FIFOs, sockets, device nodes: nothing of the user's
+  UniqueFd child(::openat(dirfd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (child) return DirectoryHoldsUserBytes(std::move(child), ignoredNames, depth + 1);
+  if (errno == ENOENT) return false;  // gone since it was listed
+  // What cannot be looked at is kept, and so is an entry that keeps changing.
+  if (lookedAt || (errno != ENOTDIR && errno != ELOOP)) return true;
+  return EntryHoldsUserBytes(dirfd, name, DT_UNKNOWN, ignoredNames, depth);
+}
+
 // Walks by descriptors without following any link: the tree was written by an application.
-// The listing's type is enough to judge most entries; only one of unknown type, or one that
-// changed since it was listed, is looked at.
 bool DirectoryHoldsUserBytes(UniqueFd directory, const std::set<std::string>& ignoredNames,
                              int depth) {
   if (depth > kMaxWalkDepth) return true;
   DirectoryStream stream(std::move(directory));
   DirentRecord entry;
   while (stream.Next(&entry)) {
-    const std::string name(entry.name);
-    unsigned char type = entry.type;
-    for (int look = 0; look < 2; ++look) {
-      if (type == DT_UNKNOWN) {
-        struct stat st {};
-        if (::fstatat(stream.fd(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-          if (errno == ENOENT) break;
-          return true;  // what cannot be looked at is kept
-        }
-        type = S_ISREG(st.st_mode) ? DT_REG : S_ISDIR(st.st_mode) ? DT_DIR : DT_LNK;
-        look = 1;  // what we saw ourselves is not looked at again
-      }
-      if (type == DT_REG) {
-        if (!ignoredNames.count(name)) return true;
-      } else if (type == DT_DIR) {
-        UniqueFd child(
-            ::openat(stream.fd(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (child) {
-          if (DirectoryHoldsUserBytes(std::move(child), ignoredNames, depth + 1)) return true;
-        } else if (errno == ENOTDIR || errno == ELOOP) {
-          type = DT_UNKNOWN;  // replaced since it was listed: look at what stands there now
-          continue;
-        } else if (errno != ENOENT) {
-          return true;
-        }
-      }
-      break;
+    if (EntryHoldsUserBytes(stream.fd(), std::string(entry.name), entry.type, ignoredNames, depth)) {
+      return true;
     }
   }
   return errno != 0;  // a listing cut short may have hidden anything
