@@ -64,12 +64,14 @@ std::string NamePrefix(const std::string& identifier) {
 bool DirectoryHoldsUserBytes(UniqueFd directory, const std::set<std::string>& ignoredNames,
                              int depth);
 
-// One entry of a directory, judged by the listing's type where it answers: only an entry of
-// unknown type, or one replaced since it was listed, is looked at.
+// One entry of a directory. The listing's type settles it only where it keeps the entry, or
+// leads into it (and the open, which follows no link, says whether it still is a directory).
+// An entry that would be passed over is looked at as it is now: one swapped since the
+// listing must not hide a directory of the user's.
 bool EntryHoldsUserBytes(int dirfd, const std::string& name, unsigned char type,
                          const std::set<std::string>& ignoredNames, int depth) {
   bool lookedAt = false;
-  if (type == DT_UNKNOWN) {
+  if (type == DT_REG ? ignoredNames.count(name) > 0 : type != DT_DIR) {
     struct stat st {};
     if (::fstatat(dirfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno != ENOENT;
     type = S_ISREG(st.st_mode) ? DT_REG : S_ISDIR(st.st_mode) ? DT_DIR : DT_LNK;
@@ -92,9 +94,8 @@ bool DirectoryHoldsUserBytes(UniqueFd directory, const std::set<std::string>& ig
   DirectoryStream stream(std::move(directory));
   DirentRecord entry;
   while (stream.Next(&entry)) {
-    if (EntryHoldsUserBytes(stream.fd(), std::string(entry.name), entry.type, ignoredNames, depth)) {
-      return true;
-    }
+    const std::string name(entry.name);
+    if (EntryHoldsUserBytes(stream.fd(), name, entry.type, ignoredNames, depth)) return true;
   }
   return errno != 0;  // a listing cut short may have hidden anything
 }
@@ -121,8 +122,8 @@ std::optional<RecoveredEntry> ReadEntry(const FileURL& area, const std::string& 
                   Text(*record, "OriginalPath")};
   entry.time = Text(*record, "Time");
   entry.content = directory.URLByAppendingPathComponent(kContentName, true);
-  DirectoryStream content(
-      UniqueFd(::open(entry.content.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+  DirectoryStream content(UniqueFd(
+      ::open(entry.content.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
   if (!content) return std::nullopt;
   DirentRecord item;
   while (content.Next(&item)) entry.items.emplace_back(item.name);
