@@ -158,11 +158,11 @@ TEST(PurgeTreeTest, DirectoryWithoutWritePermissionKeepsItsEntries) {
 // a rewind, must neither lose a name nor hand one out twice.
 TEST(DirectoryStreamTest, ListsADirectoryOfManyBuffersWholeAndAgainAfterARewind) {
   TempDir t(FastestTemporaryParent());
+  auto nameOf = [](int i) { return std::to_string(i) + std::string(200, 'n'); };
   std::set<std::string> made;
   for (int i = 0; i < 1500; ++i) {
-    std::string name = std::to_string(i) + std::string(200, 'n');
-    WriteFile(t / name, "");
-    made.insert(std::move(name));
+    WriteFile(t / nameOf(i), "");
+    made.insert(nameOf(i));
   }
   auto readAll = [](DirectoryStream& stream) {
     std::multiset<std::string> names;
@@ -177,7 +177,7 @@ TEST(DirectoryStreamTest, ListsADirectoryOfManyBuffersWholeAndAgainAfterARewind)
   EXPECT_EQ(std::set<std::string>(first.begin(), first.end()), made);
   EXPECT_EQ(first.size(), made.size()) << "no name twice, no \".\" or \"..\"";
 
-  for (int i = 0; i < 1500; i += 2) ::unlink((t / (std::to_string(i) + std::string(200, 'n'))).c_str());
+  for (int i = 0; i < 1500; i += 2) ASSERT_EQ(::unlink((t / nameOf(i)).c_str()), 0);
   ASSERT_TRUE(stream.Rewind());
   EXPECT_EQ(readAll(stream).size(), 750u);
 
