@@ -53,11 +53,13 @@ TEST(FileManagerRemovalTest, TreesAbsentLocationsAndFailures) {
   EXPECT_EQ(error->code(), 14);
   EXPECT_EQ(*error->localizedDescription(), "nil url passed to -removeItemAtURL:error:");
 
-  // One item that cannot be removed: the removal fails with its errno, and says where.
+  // One item that cannot be removed: the removal fails with its errno, and says where. The
+  // first mutation is the try to remove the tree as an empty directory; the second, the
+  // first removal inside it.
   FaultGuard guard;
   WriteFile(t / "tree2/d/one", "1");
   LogCapture log;
-  fault::Arm(1, fault::Action::Fail, EPERM);
+  fault::Arm(2, fault::Action::Fail, EPERM);
   EXPECT_FALSE(fm().removeItemAtURL(U(t / "tree2"), &error));
   EXPECT_EQ(error->domain(), VXPOSIXErrorDomain);
   EXPECT_EQ(error->code(), EPERM);
@@ -65,7 +67,7 @@ TEST(FileManagerRemovalTest, TreesAbsentLocationsAndFailures) {
   EXPECT_EQ(log.count("purgetree hit error for", 3), 1u);
 
   // An item that vanished (ENOENT) while the tree was removed is no failure: the rest goes.
-  fault::Arm(1, fault::Action::Fail, ENOENT);
+  fault::Arm(2, fault::Action::Fail, ENOENT);
   log.clear();
   EXPECT_TRUE(fm().removeItemAtURL(U(t / "tree2"), &error));
   EXPECT_EQ(log.count("purgetree hit error for", 3), 0u);

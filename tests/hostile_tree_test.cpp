@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "AppMigrator/ItemCensus.h"
 #include "filemanager/VXFileManager.h"
 #include "platform/files/AtomicFile.h"
 #include "platform/files/CloneTree.h"
@@ -256,6 +257,26 @@ TEST_F(HostileTreeTest, MeasuringNeverCountsWhatASwappedLinkLeadsTo) {
   Race([&] {
     ASSERT_LT(fm().diskUsageForURL(URL(root)), 1u << 20);
     ASSERT_LT(fm().diskUsageForURL(URL(root), 4), 1u << 20);
+  });
+}
+
+// The census takes the listing's word for an entry's type wherever it can; a directory
+// swapped for a link after it was listed must still not be entered, and a FIFO never opened.
+TEST_F(HostileTreeTest, CensusCountsByTypeAndNeverThroughASwappedLink) {
+  PlantSwappableTree(root, outside.path());
+  ASSERT_EQ(::mkfifo((root + "/a/fifo").c_str(), 0600), 0);
+  const ItemCensus whole = CensusOfItemAtPath(root);
+  EXPECT_TRUE(whole.exists && whole.complete);
+  EXPECT_EQ(whole.files, 11u);
+  EXPECT_EQ(whole.bytes, 66u);
+  EXPECT_EQ(whole.others, 2u) << "the link and the FIFO";
+
+  test::WriteFile(outside.path() + "/sub/big", std::string(1 << 20, 'b'));
+  Swapper swapper(root + "/a", root + "/l");
+  Race([&] {
+    const ItemCensus census = CensusOfItemAtPath(root);
+    ASSERT_LE(census.bytes, 66u);
+    ASSERT_LE(census.files, 11u);
   });
 }
 

@@ -248,9 +248,10 @@ TEST(ParallelWalkTest, RemovalTakesDirectoriesLastAndFailsAsTheSerialRemoval) {
 
     ErrorRef serial;
     ErrorRef parallel;
-    fault::Arm(1, fault::Action::Fail, EPERM);
+    // The first removal inside the tree, after the try to remove it as an empty directory.
+    fault::Arm(2, fault::Action::Fail, EPERM);
     EXPECT_FALSE(fm().removeItemAtURL(U(t / "tree"), &serial));
-    fault::Arm(1, fault::Action::Fail, EPERM);
+    fault::Arm(2, fault::Action::Fail, EPERM);
     EXPECT_FALSE(fm().removeItemAtURL(U(t / "tree"), kWorkers, &parallel));
     fault::Disarm();
     EXPECT_EQ(*serial->localizedDescription(), *parallel->localizedDescription());

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "platform/files/Beneath.h"
 #include "platform/files/CloneTree.h"
 #include "platform/files/DirChain.h"
+#include "platform/files/DirectoryStream.h"
 #include "platform/files/Fault.h"
 #include "platform/files/ProtectionClass.h"
 #include "platform/files/PurgeTree.h"
@@ -124,14 +126,15 @@ TEST(PurgeTreeTest, ReportsEachStuckItemAndRemovesTheRest) {
   DisarmAtEnd disarm;
   const char* files[] = {"tree/d/one", "tree/two", "tree/three"};
   auto filesLeft = [&] { return std::count_if(files, files + 3, [&](const char* f) { return Exists(t / f); }); };
-  // The first removal in a fresh tree fails: with EPERM while the callback lets the removal
-  // go on, with EIO while it stops it at once, and with ENOENT as for an item that vanished
-  // (yet is still there), which is no failure: its directory is read again.
+  // The first removal in a fresh tree (after the try to remove it as an empty directory)
+  // fails: with EPERM while the callback lets the removal go on, with EIO while it stops it
+  // at once, and with ENOENT as for an item that vanished (yet is still there), which is no
+  // failure: its directory is read again.
   for (const int error : {EPERM, EIO, ENOENT}) {
     for (const char* f : files) WriteFile(t / f, "x");
     Reports reports;
     if (error == EIO) reports.decision = PurgeTreeDecision::Stop;
-    fault::Arm(1, fault::Action::Fail, error);
+    fault::Arm(2, fault::Action::Fail, error);
     EXPECT_EQ(Purge(t / "tree", &reports), error == ENOENT ? 0 : error);
     ASSERT_EQ(reports.items.size(), 1u) << "the directories that keep it are not reported";
     EXPECT_EQ(reports.items[0].second, error);
@@ -149,6 +152,46 @@ TEST(PurgeTreeTest, DirectoryWithoutWritePermissionKeepsItsEntries) {
   Reports reports;
   EXPECT_EQ(Purge(t / "tree", &reports), EACCES);
   EXPECT_EQ(reports.items, (std::vector{std::pair(t / "tree/locked/f", EACCES)}));
+}
+
+// Long names fill many reads of the stream's buffer; entries removed while it reads, and
+// a rewind, must neither lose a name nor hand one out twice.
+TEST(DirectoryStreamTest, ListsADirectoryOfManyBuffersWholeAndAgainAfterARewind) {
+  TempDir t(FastestTemporaryParent());
+  auto nameOf = [](int i) { return std::to_string(i) + std::string(200, 'n'); };
+  std::set<std::string> made;
+  for (int i = 0; i < 1500; ++i) {
+    WriteFile(t / nameOf(i), "");
+    made.insert(nameOf(i));
+  }
+  auto readAll = [](DirectoryStream& stream) {
+    std::multiset<std::string> names;
+    DirentRecord entry;
+    while (stream.Next(&entry)) names.emplace(entry.name);
+    EXPECT_EQ(errno, 0);
+    return names;
+  };
+  DirectoryStream stream(UniqueFd(::open(t.path().c_str(), O_RDONLY | O_DIRECTORY)));
+  ASSERT_TRUE(stream);
+  const std::multiset<std::string> first = readAll(stream);
+  EXPECT_EQ(std::set<std::string>(first.begin(), first.end()), made);
+  EXPECT_EQ(first.size(), made.size()) << "no name twice, no \".\" or \"..\"";
+
+  for (int i = 0; i < 1500; i += 2) ASSERT_EQ(::unlink((t / nameOf(i)).c_str()), 0);
+  ASSERT_TRUE(stream.Rewind());
+  EXPECT_EQ(readAll(stream).size(), 750u);
+
+  // What is not a directory, or no descriptor at all, fails and keeps failing.
+  WriteFile(t / "file", "x");
+  DirectoryStream notDirectory(UniqueFd(::open((t / "file").c_str(), O_RDONLY)));
+  DirentRecord entry;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_FALSE(notDirectory.Next(&entry));
+    EXPECT_EQ(errno, ENOTDIR);
+  }
+  DirectoryStream none;
+  EXPECT_FALSE(none.Next(&entry));
+  EXPECT_EQ(errno, EBADF);
 }
 
 // Deeper than both the descriptor budget and PATH_MAX: both walk by descriptors.

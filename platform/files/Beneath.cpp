@@ -40,25 +40,25 @@ bool SplitBeneath(std::string_view relative, std::vector<std::string>& component
 // Kernels before 5.6 lack openat2; remember the answer rather than asking on every open.
 std::atomic<bool> gNoOpenat2{false};
 
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+// The first `count` (at least one) components, opened as directories from `dirfd` itself:
+// the start needs no descriptor of its own.
 UniqueFd OpenDirectoryChain(int dirfd, const std::vector<std::string>& components, size_t count) {
-  UniqueFd current(::openat(dirfd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!current || count == 0) return current;
   if (!gNoOpenat2.load(std::memory_order_relaxed)) {
     std::string path;
     for (size_t i = 0; i < count; ++i) path += (i ? "/" : "") + components[i];
     open_how how{};
-    how.flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    how.flags = kDirectoryFlags;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
     long fd = ::syscall(SYS_openat2, dirfd, path.c_str(), &how, sizeof how);
     if (fd >= 0) return UniqueFd(static_cast<int>(fd));
     if (errno != ENOSYS) return UniqueFd();
     gNoOpenat2.store(true, std::memory_order_relaxed);
   }
-  for (size_t i = 0; i < count; ++i) {
-    UniqueFd next(::openat(current.get(), components[i].c_str(),
-                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!next) return next;
-    current = std::move(next);
+  UniqueFd current(::openat(dirfd, components[0].c_str(), kDirectoryFlags));
+  for (size_t i = 1; current && i < count; ++i) {
+    current = UniqueFd(::openat(current.get(), components[i].c_str(), kDirectoryFlags));
   }
   return current;
 }
@@ -69,9 +69,12 @@ UniqueFd OpenBeneath(int dirfd, std::string_view relative, int flags, mode_t mod
   std::vector<std::string> components;
   if (!SplitBeneath(relative, components)) return UniqueFd();
   if (components.empty()) return UniqueFd(sys::Openat(dirfd, ".", flags, mode));
+  const char* last = components.back().c_str();
+  // One name needs no directory of its own to be opened in.
+  if (components.size() == 1) return UniqueFd(sys::Openat(dirfd, last, flags | O_NOFOLLOW, mode));
   UniqueFd parent = OpenDirectoryChain(dirfd, components, components.size() - 1);
   if (!parent) return parent;
-  return UniqueFd(sys::Openat(parent.get(), components.back().c_str(), flags | O_NOFOLLOW, mode));
+  return UniqueFd(sys::Openat(parent.get(), last, flags | O_NOFOLLOW, mode));
 }
 
 UniqueFd OpenDirectoryNoFollow(const char* path) {
@@ -89,9 +92,9 @@ UniqueFd OpenWithoutWaiting(int dirfd, const char* name, struct stat* status, bo
     errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
     return UniqueFd();
   }
-  // Reads of a regular file never block; clearing the flag keeps later reads ordinary.
-  int fl = ::fcntl(fd.get(), F_GETFL);
-  if (fl >= 0) ::fcntl(fd.get(), F_SETFL, fl & ~O_NONBLOCK);
+  // Reads of a regular file never block; clearing the flag keeps later reads ordinary. Of
+  // the flags the open set, F_SETFL can change only this one, so there is nothing to keep.
+  ::fcntl(fd.get(), F_SETFL, 0);
   if (status) *status = st;
   return fd;
 }

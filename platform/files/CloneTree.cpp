@@ -17,6 +17,7 @@
 
 #include "platform/files/Beneath.h"
 #include "platform/files/CloneItems.h"
+#include "platform/files/DirectoryNames.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 
@@ -194,16 +195,7 @@ int Cloner::EnterDirectory(int srcDir, const std::string& srcName, int dstDir,
   if (!IdentityOf(level.dst.get(), &level.dstIdentity)) return errno;
 
   if (flags_ & kCloneRecursive) {
-    UniqueFd listing(::fcntl(level.src.get(), F_DUPFD_CLOEXEC, 0));
-    UniqueDir dir(listing ? ::fdopendir(listing.get()) : nullptr);
-    if (!dir) return errno;
-    listing.release();  // the stream owns it now
-    errno = 0;
-    while (const dirent* entry = ::readdir(dir.get())) {
-      const std::string_view name(entry->d_name);
-      if (name != "." && name != "..") level.names.emplace_back(name);
-    }
-    if (errno) return errno;
+    if (!ReadDirectoryNames(level.src.get(), &level.names)) return errno;
   }
   level.dstPathLength = dstPath_.size();
   levels_.push_back(std::move(level));

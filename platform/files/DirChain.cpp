@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <string>
+#include <vector>
 
 #include "platform/files/Sys.h"
 
@@ -35,16 +36,13 @@ int Make(const std::string& path, mode_t mode, bool durable) {
   return durable ? SyncParentOf(path) : 0;
 }
 
-// An ancestor counts when it is a directory or a link to one, as for any path lookup.
-int EnsureAncestor(const std::string& prefix, mode_t mode, bool durable) {
-  struct stat st {};
-  if (::stat(prefix.c_str(), &st) == 0) return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
-  if (errno != ENOENT) return errno;
-  const int made = Make(prefix, mode, durable);
-  if (made == 0 || made != EEXIST) return made;
-  // Someone else made it between our look and our mkdir: fine if it is a directory.
-  if (::stat(prefix.c_str(), &st) != 0) return errno;
-  return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+// The length of the parent's path within the first `length` bytes of `path`, its trailing
+// slashes left out ("a//b" has the parent "a", "/a" the parent "/"); 0 when there is none.
+size_t ParentLength(const std::string& path, size_t length) {
+  size_t slash = path.rfind('/', length - 1);
+  if (slash == std::string::npos) return 0;
+  while (slash > 0 && path[slash - 1] == '/') --slash;
+  return slash == 0 ? 1 : slash;
 }
 
 }  // namespace
@@ -53,16 +51,29 @@ int dirchain(const char* path, mode_t mode, DirChainSync sync) {
   if (!path || !*path) return ENOENT;
   const bool durable = sync == DirChainSync::Durable;
   const std::string target = WithoutTrailingSlashes(path);
-  // Most calls find the parent in place; look at ancestors only when it is not.
-  const int made = Make(target, mode, durable);
-  if (made != ENOENT) return made;
-
-  for (size_t slash = target.find('/', 1); slash != std::string::npos;
-       slash = target.find('/', slash + 1)) {
-    if (target[slash - 1] == '/') continue;  // "a//b": the prefix "a/" was already seen
-    if (int e = EnsureAncestor(target.substr(0, slash), mode, durable)) return e;
+  // Most calls find the parent in place. Otherwise climb only as far as mkdir says that a
+  // parent is missing; the path lookup of each mkdir judges what stands there (a link to a
+  // directory counts as one, anything else gives ENOTDIR), so no ancestor needs a look.
+  std::vector<size_t> missing;  // lengths of the prefixes still to make, deepest first
+  size_t length = target.size();
+  for (;;) {
+    const int made = Make(target.substr(0, length), mode, durable);
+    if (made != ENOENT) {
+      if (missing.empty()) return made;
+      // Someone else may have made this ancestor meanwhile: as good as ours.
+      if (made != 0 && made != EEXIST) return made;
+      break;
+    }
+    missing.push_back(length);
+    length = ParentLength(target, length);
+    if (length == 0 || (length == 1 && target[0] == '/')) return ENOENT;
   }
-  return Make(target, mode, durable);
+  // Back down: each made now has its parent. Only the target's own EEXIST is for the caller.
+  for (size_t i = missing.size(); i-- > 0;) {
+    const int made = Make(target.substr(0, missing[i]), mode, durable);
+    if (made != 0 && (i == 0 || made != EEXIST)) return made;
+  }
+  return 0;
 }
 
 }  // namespace vx

@@ -6,8 +6,9 @@
 
 namespace vx {
 
-// Appends the names in the directory open as `dirfd` ("." and ".." left out), reading through
-// a duplicate so that the caller's descriptor keeps its position. False with errno.
+// Appends the names in the directory open as `dirfd` ("." and ".." left out), reading from
+// the descriptor's position (a descriptor just opened lists them all) and leaving it at the
+// end; the descriptor stays the caller's. False with errno.
 bool ReadDirectoryNames(int dirfd, std::vector<std::string>* names);
 
 }  // namespace vx

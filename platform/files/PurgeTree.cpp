@@ -10,6 +10,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "platform/files/DirectoryStream.h"
 #include "platform/files/PurgeTreeState.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
@@ -65,10 +66,6 @@ bool IdentityOf(int fd, Identity* id) {
   return true;
 }
 
-bool IsDotOrDotDot(const char* name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
-}
-
 UniqueFd OpenDirectoryAt(int dirfd, const char* name) {
   return UniqueFd(::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
@@ -78,8 +75,11 @@ UniqueFd OpenDirectoryAt(int dirfd, const char* name) {
 struct Frame {
   std::string name;  // within the parent frame; the whole path for the top directory
   size_t pathLength = 0;
+  // Taken from the stream's descriptor as it is closed, to know the directory again when
+  // it is reopened; only then is it needed.
   Identity identity;
-  UniqueDir dir;
+  bool identityKnown = false;
+  DirectoryStream dir;
   std::unordered_set<std::string> leftBehind;
   bool changedThisPass = false;  // an entry went, by our hand or another's
   bool descendantFailed = false;
@@ -89,10 +89,12 @@ class Remover {
  public:
   Remover(PurgeTreeState* state, std::string path) : state_(state), path_(std::move(path)) {}
 
-  int Run(bool recursive);
+  // `rmdirError`: how a try to remove the path as an empty directory failed, or -1 when it
+  // is still to be made.
+  int Run(bool recursive, int rmdirError);
 
  private:
-  int RemoveDirectory(bool recursive);
+  int RemoveItem(bool recursive, int rmdirError);
   void Walk();
   void VisitEntry(const char* name, unsigned char type);
   void RemoveNonDirectory(int dirfd, const char* name);
@@ -114,16 +116,8 @@ class Remover {
   bool stopped_ = false;
 };
 
-int Remover::Run(bool recursive) {
-  struct stat st {};
-  int topLevelError = 0;
-  if (::lstat(path_.c_str(), &st) != 0) {
-    topLevelError = errno;
-  } else if (S_ISDIR(st.st_mode)) {
-    topLevelError = RemoveDirectory(recursive);
-  } else if (sys::Unlink(path_.c_str()) != 0) {
-    topLevelError = errno;
-  }
+int Remover::Run(bool recursive, int rmdirError) {
+  const int topLevelError = RemoveItem(recursive, rmdirError);
   // Nothing at the path is for the caller to judge, not a failure worth a report.
   if (topLevelError && topLevelError != ENOENT) Report(path_, topLevelError);
   const int e = topLevelError == ENOENT ? ENOENT : firstError_;
@@ -132,17 +126,26 @@ int Remover::Run(bool recursive) {
   return -1;
 }
 
-// Returns the errno of a failure on the directory itself, before its contents were reached.
-int Remover::RemoveDirectory(bool recursive) {
-  if (!recursive) return sys::Rmdir(path_.c_str()) == 0 ? 0 : errno;
-  UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!fd) {
-    const int openError = errno;
-    if (openError == ENOENT) return ENOENT;
-    // Without read permission the contents are out of reach, but an empty one can go.
+// Returns the errno of a failure on the item itself, before a directory's contents were
+// reached.
+int Remover::RemoveItem(bool recursive, int rmdirError) {
+  // Most trees removed are empty directories by then: one call, with no look first and no
+  // walk to set up. rmdir never follows a link; it also takes an empty directory whose
+  // contents we could not read.
+  if (rmdirError < 0) {
     if (sys::Rmdir(path_.c_str()) == 0) return 0;
-    return errno == ENOENT ? ENOENT : openError;
+    rmdirError = errno;
   }
+  if (rmdirError == ENOENT) return ENOENT;
+  // Only a directory can be non-empty; anything else is looked at first.
+  if (rmdirError != ENOTEMPTY && rmdirError != EEXIST) {
+    struct stat st {};
+    if (::lstat(path_.c_str(), &st) != 0) return errno;
+    if (!S_ISDIR(st.st_mode)) return sys::Unlink(path_.c_str()) == 0 ? 0 : errno;
+  }
+  if (!recursive) return rmdirError;
+  UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) return errno;
   Push(path_.c_str(), std::move(fd));
   Walk();
   frames_.clear();
@@ -152,10 +155,11 @@ int Remover::RemoveDirectory(bool recursive) {
 void Remover::Walk() {
   while (!stopped_ && !frames_.empty()) {
     Frame& top = Top();
-    errno = 0;
-    if (const dirent* entry = ::readdir(top.dir.get())) {
-      if (!IsDotOrDotDot(entry->d_name) && !top.leftBehind.count(entry->d_name)) {
-        VisitEntry(entry->d_name, entry->d_type);
+    DirentRecord entry;
+    if (top.dir.Next(&entry)) {
+      // The name lies in the stream's buffer, which stays put while frames are pushed.
+      if (top.leftBehind.empty() || !top.leftBehind.count(std::string(entry.name))) {
+        VisitEntry(entry.name.data(), entry.type);
       }
       continue;
     }
@@ -168,7 +172,7 @@ void Remover::Walk() {
 }
 
 void Remover::VisitEntry(const char* name, unsigned char type) {
-  const int dirfd = ::dirfd(Top().dir.get());
+  const int dirfd = Top().dir.fd();
   if (type == DT_UNKNOWN) {
     struct stat st {};
     if (::fstatat(dirfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -222,21 +226,15 @@ void Remover::Descend(int dirfd, const char* name) {
 void Remover::Push(const char* name, UniqueFd fd) {
   Frame frame;
   frame.name = name;
-  DIR* dir = nullptr;
-  if (!IdentityOf(fd.get(), &frame.identity) || !(dir = ::fdopendir(fd.get()))) {
-    if (frames_.empty()) {
-      Report(path_, errno);
-    } else {
-      FailChild(name, errno);
-    }
-    return;
-  }
-  fd.release();
-  frame.dir.reset(dir);
+  frame.dir = DirectoryStream(std::move(fd));
   if (!frames_.empty()) path_ += "/" + frame.name;
   frame.pathLength = path_.size();
   frames_.push_back(std::move(frame));
-  if (frames_.size() - firstOpen_ > kMaxOpenDirectories) frames_[firstOpen_++].dir.reset();
+  if (frames_.size() - firstOpen_ > kMaxOpenDirectories) {
+    Frame& shallowest = frames_[firstOpen_++];
+    shallowest.identityKnown = IdentityOf(shallowest.dir.fd(), &shallowest.identity);
+    shallowest.dir.reset();
+  }
 }
 
 // The top directory's contents are dealt with: remove it, or give up on it and let its
@@ -248,20 +246,20 @@ void Remover::FinishTop() {
 
   Frame& child = Top();
   // The top-level directory's name is its whole path.
-  const int parentFd = isTopLevel ? AT_FDCWD : ::dirfd(frames_[parentIndex].dir.get());
+  const int parentFd = isTopLevel ? AT_FDCWD : frames_[parentIndex].dir.fd();
   bool failed = child.descendantFailed;
   int error = 0;
   if (!failed) {
     if (sys::Unlinkat(parentFd, child.name.c_str(), AT_REMOVEDIR) == 0) {
       if (!isTopLevel) frames_[parentIndex].changedThisPass = true;
-    } else if ((errno == ENOTEMPTY || errno == EEXIST) && child.changedThisPass) {
-      // Removing entries while reading may hide others from the stream: read it again.
-      ::rewinddir(child.dir.get());
-      child.changedThisPass = false;
-      return;
     } else {
-      failed = errno != ENOENT;
       error = errno;
+      // Removing entries while reading may hide others from the stream: read it again.
+      if ((error == ENOTEMPTY || error == EEXIST) && child.changedThisPass && child.dir.Rewind()) {
+        child.changedThisPass = false;
+        return;
+      }
+      failed = error != ENOENT;
     }
   }
   const std::string childPath = path_;
@@ -286,28 +284,24 @@ bool Remover::ReopenParentOfTop() {
   const size_t parentIndex = frames_.size() - 2;
   Frame& parent = frames_[parentIndex];
   const std::string parentPath(path_, 0, parent.pathLength);
-  UniqueFd fd(::openat(::dirfd(Top().dir.get()), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd fd(::openat(Top().dir.fd(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   Identity id;
-  if (!fd || !IdentityOf(fd.get(), &id) || id != parent.identity) {
-    fd.reset(::fcntl(::dirfd(frames_[0].dir.get()), F_DUPFD_CLOEXEC, 0));
+  const auto isParent = [&] {
+    return parent.identityKnown && IdentityOf(fd.get(), &id) && id == parent.identity;
+  };
+  if (!fd || !isParent()) {
+    fd.reset(::fcntl(frames_[0].dir.fd(), F_DUPFD_CLOEXEC, 0));
     for (size_t i = 1; fd && i <= parentIndex; ++i) {
       fd = OpenDirectoryAt(fd.get(), frames_[i].name.c_str());
     }
-    if (!fd || !IdentityOf(fd.get(), &id) || id != parent.identity) {
+    if (!fd || !isParent()) {
       // The tree moved under us: what is left of it is no longer at this path.
       Report(parentPath, fd ? ESTALE : errno);
       stopped_ = true;
       return false;
     }
   }
-  DIR* dir = ::fdopendir(fd.get());
-  if (!dir) {
-    Report(parentPath, errno);
-    stopped_ = true;
-    return false;
-  }
-  fd.release();
-  parent.dir.reset(dir);
+  parent.dir = DirectoryStream(std::move(fd));
   parent.changedThisPass = false;
   firstOpen_ = parentIndex;
   return true;
@@ -344,7 +338,13 @@ int purgetree(const char* path, PurgeTreeState* state, bool recursive) {
     return -1;
   }
   Remover remover(state, WithoutTrailingSlashes(path));
-  return remover.Run(recursive);
+  return remover.Run(recursive, -1);
+}
+
+int PurgeTreeAfterRmdir(const std::string& path, PurgeTreeState* state, bool recursive,
+                        int rmdirError) {
+  Remover remover(state, path);
+  return remover.Run(recursive, rmdirError);
 }
 
 }  // namespace vx

@@ -248,9 +248,15 @@ std::string WithoutTrailingSlashes(const char* path) {
 int purgetree(const char* path, PurgeTreeState* state, bool recursive, unsigned workers) {
   if (workers <= 1 || !recursive || !path || !*path) return purgetree(path, state, recursive);
   const std::string top = WithoutTrailingSlashes(path);
-  // Anything but a directory that opens is the one-worker remover's case from the start.
-  UniqueFd fd(::open(top.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!fd) return purgetree(path, state, recursive);
+  // As with one worker, an empty directory goes in one call, and no worker is started.
+  if (sys::Rmdir(top.c_str()) == 0) return 0;
+  const int rmdirError = errno;
+  // Anything but a directory that opens is the one-worker remover's case.
+  UniqueFd fd;
+  if (rmdirError != ENOENT) {
+    fd.reset(::open(top.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  }
+  if (!fd) return PurgeTreeAfterRmdir(top, state, recursive, rmdirError);
   ParallelRemover remover(state, top);
   if (int e = remover.Run(std::move(fd), workers)) {
     errno = e;

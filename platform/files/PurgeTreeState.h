@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cerrno>
+#include <string>
 
 #include "platform/files/PurgeTree.h"
 
@@ -26,5 +27,11 @@ inline bool ReportPurgeError(PurgeTreeState* state, const char* path, int error,
   state->reporting = false;
   return decision == PurgeTreeDecision::Stop;
 }
+
+// The one-worker removal of `path` (without trailing slashes) after a try to remove it as an
+// empty directory failed with `rmdirError`; returns as purgetree does. The many-worker
+// removal hands over what it does not walk itself, and the try is not made twice.
+int PurgeTreeAfterRmdir(const std::string& path, PurgeTreeState* state, bool recursive,
+                        int rmdirError);
 
 }  // namespace vx

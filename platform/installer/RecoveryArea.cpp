@@ -13,6 +13,7 @@
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/files/DirectoryStream.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/plist/PlistFile.h"
@@ -60,32 +61,43 @@ std::string NamePrefix(const std::string& identifier) {
   return prefix;
 }
 
-// Walks by descriptors without following any link: the tree was written by an application.
-bool DirectoryHoldsUserBytes(int dirfd, const std::set<std::string>& ignoredNames, int depth) {
-  if (depth > kMaxWalkDepth) return true;
-  const int listFd = ::dup(dirfd);
-  if (listFd < 0) return true;
-  UniqueDir dir(::fdopendir(listFd));
-  if (!dir) {
-    ::close(listFd);
-    return true;
-  }
-  while (struct dirent* entry = ::readdir(dir.get())) {
-    const std::string name = entry->d_name;
-    if (name == "." || name == "..") continue;
+bool DirectoryHoldsUserBytes(UniqueFd directory, const std::set<std::string>& ignoredNames,
+                             int depth);
+
+// One entry of a directory. The listing's type settles it only where it keeps the entry, or
+// leads into it (and the open, which follows no link, says whether it still is a directory).
+// An entry that would be passed over is looked at as it is now: one swapped since the
+// listing must not hide a directory of the user's.
+bool EntryHoldsUserBytes(int dirfd, const std::string& name, unsigned char type,
+                         const std::set<std::string>& ignoredNames, int depth) {
+  bool lookedAt = false;
+  if (type == DT_REG ? ignoredNames.count(name) > 0 : type != DT_DIR) {
     struct stat st {};
-    if (::fstatat(dirfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-      if (errno == ENOENT) continue;
-      return true;  // what cannot be looked at is kept
-    }
-    if (S_ISREG(st.st_mode)) {
-      if (!ignoredNames.count(name)) return true;
-    } else if (S_ISDIR(st.st_mode)) {
-      UniqueFd child(::openat(dirfd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-      if (!child || DirectoryHoldsUserBytes(child.get(), ignoredNames, depth + 1)) return true;
-    }
+    if (::fstatat(dirfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno != ENOENT;
+    type = S_ISREG(st.st_mode) ? DT_REG : S_ISDIR(st.st_mode) ? DT_DIR : DT_LNK;
+    lookedAt = true;
   }
-  return false;
+  if (type == DT_REG) return !ignoredNames.count(name);
+  if (type != DT_DIR) return false;  // links, FIFOs, sockets, device nodes: nothing of the user's
+  UniqueFd child(::openat(dirfd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (child) return DirectoryHoldsUserBytes(std::move(child), ignoredNames, depth + 1);
+  if (errno == ENOENT) return false;  // gone since it was listed
+  // What cannot be looked at is kept, and so is an entry that keeps changing.
+  if (lookedAt || (errno != ENOTDIR && errno != ELOOP)) return true;
+  return EntryHoldsUserBytes(dirfd, name, DT_UNKNOWN, ignoredNames, depth);
+}
+
+// Walks by descriptors without following any link: the tree was written by an application.
+bool DirectoryHoldsUserBytes(UniqueFd directory, const std::set<std::string>& ignoredNames,
+                             int depth) {
+  if (depth > kMaxWalkDepth) return true;
+  DirectoryStream stream(std::move(directory));
+  DirentRecord entry;
+  while (stream.Next(&entry)) {
+    const std::string name(entry.name);
+    if (EntryHoldsUserBytes(stream.fd(), name, entry.type, ignoredNames, depth)) return true;
+  }
+  return errno != 0;  // a listing cut short may have hidden anything
 }
 
 bool SyncDirectory(const std::string& path) {
@@ -110,13 +122,11 @@ std::optional<RecoveredEntry> ReadEntry(const FileURL& area, const std::string& 
                   Text(*record, "OriginalPath")};
   entry.time = Text(*record, "Time");
   entry.content = directory.URLByAppendingPathComponent(kContentName, true);
-  UniqueDir content(::opendir(entry.content.fileSystemRepresentation()));
+  DirectoryStream content(UniqueFd(
+      ::open(entry.content.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
   if (!content) return std::nullopt;
-  while (struct dirent* item = ::readdir(content.get())) {
-    if (std::strcmp(item->d_name, ".") != 0 && std::strcmp(item->d_name, "..") != 0) {
-      entry.items.emplace_back(item->d_name);
-    }
-  }
+  DirentRecord item;
+  while (content.Next(&item)) entry.items.emplace_back(item.name);
   // A cut between the record and the move leaves an entry with nothing in it.
   if (entry.items.empty()) return std::nullopt;
   std::sort(entry.items.begin(), entry.items.end());
@@ -131,12 +141,17 @@ FileURL RecoveryAreaURL() {
 }
 
 bool ItemHoldsUserBytes(const FileURL& item, const std::set<std::string>& ignoredNames) {
+  // Mostly a directory: opened at once, with no look first. The open follows no link and
+  // waits on nothing (O_DIRECTORY refuses a FIFO before opening it).
+  UniqueFd dir(::open(item.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (dir) return DirectoryHoldsUserBytes(std::move(dir), ignoredNames, 0);
+  if (errno == ENOENT) return false;
+  if (errno != ENOTDIR && errno != ELOOP) return true;  // what cannot be looked at is kept
   struct stat st {};
   if (::lstat(item.fileSystemRepresentation(), &st) != 0) return errno != ENOENT;
   if (S_ISREG(st.st_mode)) return !ignoredNames.count(item.lastPathComponent());
-  if (!S_ISDIR(st.st_mode)) return false;
-  UniqueFd dir(::open(item.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  return !dir || DirectoryHoldsUserBytes(dir.get(), ignoredNames, 0);
+  // A directory here was swapped in since the open: kept, as what could not be looked at.
+  return S_ISDIR(st.st_mode);
 }
 
 std::optional<FileURL> MoveToRecoveryArea(const FileURL& item, const RecoveryRecord& record,
@@ -191,11 +206,13 @@ std::optional<FileURL> MoveToRecoveryArea(const FileURL& item, const RecoveryRec
 std::vector<RecoveredEntry> RecoveredEntries() {
   std::vector<RecoveredEntry> entries;
   const FileURL area = RecoveryAreaURL();
-  UniqueDir dir(::opendir(area.fileSystemRepresentation()));
+  DirectoryStream dir(
+      UniqueFd(::open(area.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
   if (!dir) return entries;
-  while (struct dirent* item = ::readdir(dir.get())) {
-    if (item->d_name[0] == '.') continue;
-    if (auto entry = ReadEntry(area, item->d_name)) entries.push_back(std::move(*entry));
+  DirentRecord item;
+  while (dir.Next(&item)) {
+    if (item.name[0] == '.') continue;
+    if (auto entry = ReadEntry(area, std::string(item.name))) entries.push_back(std::move(*entry));
   }
   std::sort(entries.begin(), entries.end(), [](const RecoveredEntry& a, const RecoveredEntry& b) {
     return a.time != b.time ? a.time < b.time : a.name < b.name;

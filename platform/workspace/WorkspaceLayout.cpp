@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "platform/files/DirChain.h"
+#include "platform/files/DirectoryStream.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/plist/PlistFile.h"
@@ -226,16 +227,10 @@ bool IsAbandonedHiddenName(const std::string& name) {
 
 std::vector<std::string> SortedEntryNames(const FileURL& directory) {
   std::vector<std::string> names;
-  UniqueFd fd(::open(directory.fileSystemRepresentation(),
-                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!fd) return names;
-  UniqueDir dir(::fdopendir(fd.get()));
-  if (!dir) return names;
-  fd.release();
-  while (const dirent* entry = ::readdir(dir.get())) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
+  DirectoryStream dir(UniqueFd(::open(directory.fileSystemRepresentation(),
+                                      O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+  DirentRecord entry;
+  while (dir.Next(&entry)) names.emplace_back(entry.name);
   std::sort(names.begin(), names.end());
   return names;
 }
