@@ -26,7 +26,6 @@ constexpr const char* kProgressOperation =
     "__93-[VXAppMigrator _stageAndInstallBundleAtURL:withIdentifier:andVPNPluginAtURL:"
     "inContainerURL:]_block_invoke";
 constexpr mode_t kStagingMode = 0755;
-constexpr unsigned kMigrationInstallType = 6;
 constexpr const char* kPlaceholderBundleType = "Placeholder";
 
 PlistDictionary CustomerInstallOptions(const std::string& identifier) {

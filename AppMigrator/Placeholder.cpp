@@ -32,7 +32,6 @@ constexpr const char* kStagingDirectoryName = "com.tarsel.velotrix.migrator";
 constexpr const char* kStoreMetadataName = "LyrandMetadata.plist";
 constexpr const char* kIconFileName = "Icon.png";
 constexpr mode_t kPlaceholderMode = 0755;
-constexpr unsigned kMigrationInstallType = 6;
 constexpr const char* kCopiedInfoKeys[] = {
     "KBBundleIdentifier",       "KBBundleDisplayName", "KBBundleExecutable",
     "KBBundleVersion",          "KBBundleShortVersionString",

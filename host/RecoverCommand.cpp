@@ -16,6 +16,7 @@
 #include "platform/installer/RecoveryArea.h"
 #include "platform/plist/PlistFile.h"
 #include "platform/system/DeviceRoot.h"
+#include "platform/workspace/AppWorkspace.h"
 #include "platform/workspace/Workspace.h"
 
 namespace vx::host {
@@ -25,7 +26,6 @@ constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 // The install type a migration gives the bundles it installs; a recovered bundle finishes
 // that migration.
-constexpr unsigned kMigrationInstallType = 6;
 const std::set<std::string> kMigrationFiles{"com.tarsel.velotrix.container_migrator.plist"};
 // What the migration reads in a group's entry of the old install map: the application whose
 // group container takes the group's items.

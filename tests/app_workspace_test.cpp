@@ -85,6 +85,8 @@ TEST_F(AppWorkspaceTest, ReplacementsKeepDataAndSharedGroupContainers) {
   EXPECT_TRUE(VXFileManager::defaultManager().bundleAtURLIsPlaceholder(*before->bundleURL));
   EXPECT_EQ(ReadFile(before->bundleContainerURL->path() + "/LyrandMetadata.plist"),
             std::string("\0\xFFmd", 4));
+  // A migration's placeholder gets no default items: the old container's take their place.
+  EXPECT_TRUE(ContainerNames(before->dataContainerURL->path()).empty());
   WriteFile(before->dataContainerURL->path() + "/Documents/notes.txt", "precious");
 
   TestBundle notes{.identifier = "com.example.notes",
@@ -96,6 +98,9 @@ TEST_F(AppWorkspaceTest, ReplacementsKeepDataAndSharedGroupContainers) {
   EXPECT_EQ(after->bundleType, "User");
   EXPECT_EQ(ReadFile(after->bundleURL->path() + "/App"), "real");
   EXPECT_EQ(after->dataContainerURL, before->dataContainerURL);
+  // The application's own installation makes those that did not come.
+  EXPECT_EQ(ContainerNames(after->dataContainerURL->path()),
+            (std::vector<std::string>{"Documents", "Library", "tmp"}));
   // Should a cut leave the replaced container beside its successor, the successor wins
   // every later scan by its higher sequence, not by the chance of its name.
   auto sequence = [](const BundleProxy& proxy) {

@@ -27,6 +27,9 @@ extern const char* const PackageTypeKey;          // "PackageType"
 extern const char* const PackageTypeCustomer;     // "Customer"
 extern const char* const PackageTypePlaceholder;  // "Placeholder"
 extern const char* const StoreMetadataKey;        // "StoreMetadata"
+// The install type of an application that comes over from the old layout, its data following
+// item by item from its old container.
+inline constexpr unsigned kMigrationInstallType = 6;
 // Progress report entries.
 extern const char* const kInstallProgressPercentKey;         // "PercentComplete"
 extern const char* const kInstallProgressStatusKey;          // "Status"

@@ -21,11 +21,21 @@ constexpr const char* kRecoverFunction = "RecoverWorkspace";
 
 const VXFileManager& Files() { return VXFileManager::defaultManager(); }
 
+constexpr std::initializer_list<const char*> kDataDefaults = {"Documents", "Library", "tmp"};
+
+// `existingToo`: an item already there, whatever it is, is no failure.
 bool MakeDirectories(const FileURL& container, std::initializer_list<const char*> names,
-                     ErrorRef* error) {
+                     bool existingToo, ErrorRef* error) {
   for (const char* name : names) {
-    if (!Files().createDirectoryAtURL(container.URLByAppendingPathComponent(name, true), false,
-                                      kContainerMode, error)) {
+    const FileURL item = container.URLByAppendingPathComponent(name, true);
+    if (existingToo) {
+      // The container is its application's: what stands at the name is left as it is.
+      if (sys::Mkdir(item.fileSystemRepresentation(), kContainerMode) != 0 && errno != EEXIST) {
+        SetError(error, PosixError("MakeDirectories", __LINE__, errno, "Failed to make %s: %s",
+                                   item.path(), std::strerror(errno)));
+        return false;
+      }
+    } else if (!Files().createDirectoryAtURL(item, false, kContainerMode, error)) {
       return false;
     }
   }
@@ -171,17 +181,24 @@ bool RetireContainer(const FileURL& container, ErrorRef* error) {
 
 std::optional<FileURL> EnsureDataContainer(const WorkspaceLayout& layout, WorkspaceIndex& index,
                                            const std::string& identifier,
-                                           ContainerClass containerClass, ErrorRef* error) {
-  if (const IndexedContainer* existing = index.dataContainer(identifier)) return existing->url;
+                                           ContainerClass containerClass, DataDefaults defaults,
+                                           ErrorRef* error) {
+  if (const IndexedContainer* existing = index.dataContainer(identifier)) {
+    if (defaults == DataDefaults::Made && !MakeDirectories(existing->url, kDataDefaults, true, error)) {
+      return std::nullopt;
+    }
+    return existing->url;
+  }
   ContainerRecord record;
   record.containerClass = containerClass;
   record.identifier = identifier;
-  auto made = CreateContainer(
-      layout, record,
-      [](const FileURL& assembly, ErrorRef* e) {
-        return MakeDirectories(assembly, {"Documents", "Library", "tmp"}, e);
-      },
-      error);
+  ContainerFiller fill;
+  if (defaults == DataDefaults::Made) {
+    fill = [](const FileURL& assembly, ErrorRef* e) {
+      return MakeDirectories(assembly, kDataDefaults, false, e);
+    };
+  }
+  auto made = CreateContainer(layout, record, fill, error);
   if (made) index.dataContainers.emplace(identifier, IndexedContainer{*made, record});
   return made;
 }

@@ -49,11 +49,18 @@ std::optional<FileURL> HideContainer(const FileURL& container, ErrorRef* error);
 // recovery removes.
 bool RetireContainer(const FileURL& container, ErrorRef* error);
 
-// The identifier's data container (of `containerClass`, Data or PluginData), made with
-// "Documents", "Library" and "tmp" when there is none yet. Updates `index`.
+// Whether a data container gets its default items, "Documents", "Library" and "tmp".
+enum class DataDefaults {
+  Made,      // made with a new container; made again where missing in an existing one
+  Deferred,  // left out of a new container: its owner's items are about to move in
+};
+
+// The identifier's data container (of `containerClass`, Data or PluginData), made when there
+// is none yet. Updates `index`.
 std::optional<FileURL> EnsureDataContainer(const WorkspaceLayout& layout, WorkspaceIndex& index,
                                            const std::string& identifier,
-                                           ContainerClass containerClass, ErrorRef* error);
+                                           ContainerClass containerClass, DataDefaults defaults,
+                                           ErrorRef* error);
 
 // The group's container, made when there is none yet. Updates `index`.
 std::optional<FileURL> EnsureGroupContainer(const WorkspaceLayout& layout, WorkspaceIndex& index,

@@ -365,14 +365,16 @@ bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndexCache::Change& cha
 }
 
 bool MakeContainers(const WorkspaceLayout& layout, WorkspaceIndex& index,
-                    const InstallPackage& package, InstallFailure* failure) {
+                    const InstallPackage& package, DataDefaults defaults,
+                    InstallFailure* failure) {
   std::vector<std::pair<const PackageBundle*, ContainerClass>> owners{
       {&package.main,
        package.main.isVPNPlugin ? ContainerClass::PluginData : ContainerClass::Data}};
   if (package.plugin) owners.emplace_back(&*package.plugin, ContainerClass::PluginData);
   for (const auto& [bundle, containerClass] : owners) {
     ErrorRef error;
-    if (!EnsureDataContainer(layout, index, bundle->identifier, containerClass, &error)) {
+    if (!EnsureDataContainer(layout, index, bundle->identifier, containerClass, defaults,
+                             &error)) {
       *failure = {kWorkspaceContainerError, "ContainerCreationFailed",
                   Format("Failed to make the data container of %@", bundle->identifier), error};
       return false;
@@ -472,13 +474,19 @@ bool DeviceWorkspace::installApplication(const FileURL& location, const PlistDic
     }
   }
   reporter.step(30, "CreatingContainers");
-  if (!MakeContainers(layout_, change->index(), *package, &failure)) {
+  const auto installType = RequestedInstallType(options);
+  // A migration's placeholder holds the place of an application whose items follow from its
+  // old container: default items made now would only be removed again to make way. Its
+  // real installation makes whichever of them did not come.
+  const DataDefaults defaults = package->placeholder && installType == kMigrationInstallType
+                                    ? DataDefaults::Deferred
+                                    : DataDefaults::Made;
+  if (!MakeContainers(layout_, change->index(), *package, defaults, &failure)) {
     change->failed();
     return fail(failure);
   }
 
   reporter.step(50, "InstallingApplication");
-  const auto installType = RequestedInstallType(options);
   if (package->plugin) {
     BundlePlacement plugin{&*package->plugin, "VPNPlugin", installType, std::nullopt, nullptr};
     if (!PlaceBundle(layout_, *change, location, false, plugin, &failure)) return fail(failure);

@@ -130,7 +130,8 @@ std::optional<BundleProxy> DeviceWorkspace::proxy(const std::string& identifier,
     return proxy;
   }
   proxy.dataContainerURL =
-      EnsureDataContainer(layout_, change->index(), identifier, dataClass, &error);
+      EnsureDataContainer(layout_, change->index(), identifier, dataClass, DataDefaults::Made,
+                          &error);
   if (!proxy.dataContainerURL) {
     change->failed();
     VX_INSTALLER_LOG(3, kProxyFunction, "Failed to make the data container of %@: %@", identifier,
