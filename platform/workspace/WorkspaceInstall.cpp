@@ -211,8 +211,8 @@ bool SendBack(const Arrival& arrival, const FileURL& assembly, const std::string
                        arrival.name.c_str()) == 0;
 }
 
-// Bytes that exist nowhere else, written into an assembly; the open file, synced when the
-// container is committed.
+// Bytes written into an assembly; the open file, for the commit to sync when they exist
+// nowhere else.
 UniqueFd WriteFileIntoAssembly(const FileURL& file, const PlistData& bytes, ErrorRef* error) {
   UniqueFd fd(sys::Open(file.fileSystemRepresentation(),
                         O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
@@ -221,22 +221,6 @@ UniqueFd WriteFileIntoAssembly(const FileURL& file, const PlistData& bytes, Erro
     return UniqueFd();
   }
   return fd;
-}
-
-// The files of a placeholder bundle, which we wrote ourselves: a handful, at its top.
-std::vector<UniqueFd> OpenPlaceholderFiles(const FileURL& bundle) {
-  constexpr size_t kMostFiles = 16;
-  std::vector<UniqueFd> files;
-  UniqueFd directory = OpenDirectoryNoFollow(bundle.fileSystemRepresentation());
-  if (!directory) return files;
-  for (const std::string& name : SortedEntryNames(bundle)) {
-    if (files.size() == kMostFiles) break;
-    struct stat st {};
-    if (UniqueFd file = OpenRegularFileAt(directory.get(), name.c_str(), &st)) {
-      files.push_back(std::move(file));
-    }
-  }
-  return files;
 }
 
 // Assembles the bundle container of `placement` and commits it: its location in place.
@@ -279,15 +263,12 @@ std::optional<FileURL> AssembleBundleContainer(const WorkspaceLayout& layout,
   }
   if (written && BringIn(arrival, placement, assembly, &moved, error) &&
       FinishBundleAssembly(assembly, record, error)) {
-    // A package brought its bytes with it, durable long since; a placeholder's files were
-    // written just now, unsynced, and are synced with the rest of the container.
-    std::vector<UniqueFd> placeholderFiles;
-    if (placeholder) {
-      placeholderFiles =
-          OpenPlaceholderFiles(assembly.URLByAppendingPathComponent(record.bundleName, true));
-    }
-    std::vector<int> toSync{metadata.get(), placeholder ? written.get() : -1};
-    for (const UniqueFd& file : placeholderFiles) toSync.push_back(file.get());
+    // A package brought its bytes with it, durable long since. A placeholder's own files
+    // (its information list, its icon, the store metadata it was handed) are copies of what
+    // its maker keeps until the application's own installation replaces it; should a power
+    // cut take their bytes, the placeholder only looks blank until then. Its record, which
+    // makes the container someone's, is synced with the container.
+    const std::vector<int> toSync{placeholder ? written.get() : metadata.get()};
     placed = CommitAssembly(assembly, toSync, error);
   }
   if (placed) return placed;
