@@ -42,6 +42,10 @@ bool IsTolerated(const std::string& name) {
 bool VXAppMigrator::_migrateDataContainerForIdentifier(const std::string& identifier,
                                                        const FileURL& from, const FileURL& to) {
   const VXFileManager& fileManager = VXFileManager::defaultManager();
+  // Items are counted before they move, for the run's report only.
+  ContainerReport* report = _currentReport();
+  const UniqueFd counted =
+      report ? OpenDirectoryNoFollow(from.fileSystemRepresentation()) : UniqueFd();
   for (const std::string& name : VXGlobalConfiguration::sharedInstance().appUserDataItemNames()) {
     const FileURL source = from.URLByAppendingPathComponent(name);
     const FileURL destination = to.URLByAppendingPathComponent(name);
@@ -52,14 +56,7 @@ bool VXAppMigrator::_migrateDataContainerForIdentifier(const std::string& identi
     // replaces; one that holds bytes (a second old container of the same application) is
     // kept in the recovery area instead.
     if (!_setAsideItemAtURL(destination, identifier, kRecoveryCourseGaveWay)) return false;
-    // Counted before it moves, for the run's report only.
-    ContainerReport* report = _currentReport();
-    ItemCensus census;
-    if (report) {
-      if (const UniqueFd container = OpenDirectoryNoFollow(from.fileSystemRepresentation())) {
-        census = CensusOfItemAt(container.get(), name);
-      }
-    }
+    const ItemCensus census = counted ? CensusOfItemAt(counted.get(), name) : ItemCensus{};
     ErrorRef error;
     if (!fileManager.moveItemIfExistsAtURL(source, destination, &error)) {
       VX_MIGRATION_LOG(3, kMoveOperation,

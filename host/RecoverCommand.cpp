@@ -161,6 +161,7 @@ int Install(const RecoveredEntry& entry) {
               << (error ? Describe(*error) : std::string("no reason given")) << "\n";
     return kExitFailure;
   }
+  workspace.removeRetiredContainers();
   std::cout << "Installed " << identifier << " from " << entry.name << ".\n";
   if (MarkWaitingGroups(workspace, identifier)) {
     std::cout << "Moving the group containers of " << identifier << ".\n";
