@@ -4,10 +4,10 @@
 // information list and a rendering of its icon.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <set>
 
 #include "AppMigrator/ContainerFiles.h"
 #include "AppMigrator/VXAppMigrator.h"
@@ -43,7 +43,6 @@ constexpr const char* kDeviceTemporaryLocation = "private/var/tmp";
 constexpr const char* kPrivateDirectoryTemplate = "vxmigrator.XXXXXX";
 constexpr mode_t kSharedTemporaryMode = 01777;
 constexpr size_t kStoreMetadataSizeLimit = 16 << 20;
-constexpr size_t kIconFileSizeLimit = 32 << 20;
 
 // The device's temporary location, made when the device has none, open to every user as a
 // temporary directory is, so that root's run does not shut out the device's owner. A link
