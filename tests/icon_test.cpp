@@ -1,4 +1,7 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include "platform/bundle/BundleHandle.h"
 #include "platform/image/IconImage.h"
@@ -72,6 +75,28 @@ TEST(IconTest, HomeScreenIconIsTheLargestNamedOneOrGenerated) {
   // The "O" of "One": its left stroke is white, its hollow keeps the background.
   EXPECT_EQ(Pixel(*one, 31, 60), (Bytes{255, 255, 255, 255}));
   EXPECT_EQ(Pixel(*one, 60, 60), Pixel(*one, 2, 60));
+}
+
+TEST(IconTest, IconsAreReadBeneathTheBundleAsOpenedAndNeverThroughALink) {
+  test::TempDir dir;
+  const PlistDictionary info{{"KBBundleIconFile", PlistValue("Icon.png")}};
+  test::WriteFile(dir / "outside.png", Png(Solid(60, 60, 255, 0, 0)));
+  test::MakeDirs(dir / "Linked.app");
+  ASSERT_EQ(::symlink((dir / "outside.png").c_str(), (dir / "Linked.app/Icon.png").c_str()), 0);
+  auto linked = IconOf(dir / "Linked.app", info);
+  ASSERT_TRUE(linked) << "a link is no icon: one is generated instead";
+  EXPECT_NE(Pixel(*linked, 60, 60), (Bytes{255, 0, 0, 255}));
+
+  // A bundle moved away after it was opened, and another put in its place, changes nothing.
+  test::WriteFile(dir / "Swapped.app/Icon.png", Png(Solid(60, 60, 0, 255, 0)));
+  ASSERT_TRUE(WritePropertyListFile(dir / "Swapped.app/Info.plist", PlistValue(info)));
+  auto handle = BundleHandle::open(FileURL::fileURLWithPath(dir / "Swapped.app", true));
+  ASSERT_TRUE(handle);
+  std::filesystem::rename(dir / "Swapped.app", dir / "Moved.app");
+  test::WriteFile(dir / "Swapped.app/Icon.png", Png(Solid(60, 60, 255, 0, 0)));
+  auto swapped = IconRenderer::homeScreenIcon(*handle);
+  ASSERT_TRUE(swapped);
+  EXPECT_EQ(Pixel(*swapped, 60, 60), (Bytes{0, 255, 0, 255}));
 }
 
 TEST(IconTest, CodecAndScaling) {
