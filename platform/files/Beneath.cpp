@@ -77,6 +77,10 @@ UniqueFd OpenBeneath(int dirfd, std::string_view relative, int flags, mode_t mod
   return UniqueFd(sys::Openat(parent.get(), last, flags | O_NOFOLLOW, mode));
 }
 
+UniqueFd OpenDirectoryAt(int dirfd, const char* name) {
+  return UniqueFd(::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
 UniqueFd OpenDirectoryNoFollow(const char* path) {
   return UniqueFd(::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }

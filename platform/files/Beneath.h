@@ -23,6 +23,10 @@ namespace vx {
 // fault seam.
 UniqueFd OpenBeneath(int dirfd, std::string_view relative, int flags, mode_t mode = 0);
 
+// Opens the directory `name` in `dirfd`, never through a link: O_RDONLY | O_DIRECTORY |
+// O_NOFOLLOW.
+UniqueFd OpenDirectoryAt(int dirfd, const char* name);
+
 // Opens a directory given by an absolute or relative path whose last component must not be a
 // symbolic link (its ancestors are the caller's trusted path). O_RDONLY | O_DIRECTORY |
 // O_NOFOLLOW.

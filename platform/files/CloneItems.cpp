@@ -116,19 +116,6 @@ int StampNodeAt(int dstDir, const std::string& name, const struct stat& st, bool
 
 }  // namespace
 
-Identity IdentityOf(const struct stat& st) { return {st.st_dev, st.st_ino}; }
-
-bool IdentityOf(int fd, Identity* id) {
-  struct stat st {};
-  if (::fstat(fd, &st) != 0) return false;
-  *id = IdentityOf(st);
-  return true;
-}
-
-UniqueFd OpenDirectoryAt(int dirfd, const char* name) {
-  return UniqueFd(::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-}
-
 int CopyData(int src, int dst, std::atomic<bool>* noReflink) {
   if (!noReflink || !noReflink->load(std::memory_order_relaxed)) {
     if (sys::CloneFile(dst, src) == 0) return 0;

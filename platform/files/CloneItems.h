@@ -10,21 +10,15 @@
 #include <functional>
 #include <string>
 
+#include "platform/files/Beneath.h"
+#include "platform/files/FileIdentity.h"
 #include "platform/files/UniqueFd.h"
 
 namespace vx::clone {
 
-struct Identity {
-  dev_t dev = 0;
-  ino_t ino = 0;
-  bool operator==(const Identity&) const = default;
-};
-
-Identity IdentityOf(const struct stat& st);
-bool IdentityOf(int fd, Identity* id);
-
-// O_RDONLY | O_DIRECTORY | O_NOFOLLOW.
-UniqueFd OpenDirectoryAt(int dirfd, const char* name);
+using Identity = FileIdentity;
+using vx::IdentityOf;
+using vx::OpenDirectoryAt;
 
 // Copies the bytes of `src` into `dst`: shared blocks where the file system can, else in the
 // kernel, else by reads and writes. Returns 0 or an errno. `noReflink`, when given, remembers

@@ -10,7 +10,9 @@
 #include <unordered_set>
 #include <vector>
 
+#include "platform/files/Beneath.h"
 #include "platform/files/DirectoryStream.h"
+#include "platform/files/FileIdentity.h"
 #include "platform/files/PurgeTreeState.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
@@ -53,22 +55,7 @@ namespace {
 // shallowest ones are closed and opened again when the walk climbs back to them.
 constexpr size_t kMaxOpenDirectories = 64;
 
-struct Identity {
-  dev_t dev = 0;
-  ino_t ino = 0;
-  bool operator==(const Identity&) const = default;
-};
-
-bool IdentityOf(int fd, Identity* id) {
-  struct stat st {};
-  if (::fstat(fd, &st) != 0) return false;
-  *id = {st.st_dev, st.st_ino};
-  return true;
-}
-
-UniqueFd OpenDirectoryAt(int dirfd, const char* name) {
-  return UniqueFd(::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-}
+using Identity = FileIdentity;
 
 // One directory being emptied. Its stream may be closed to save descriptors; reopened, it
 // is read from the start, where only the entries in `leftBehind` may still stand.

@@ -22,6 +22,7 @@
 #include "platform/files/Beneath.h"
 #include "platform/files/DirentRecords.h"
 #include "platform/files/PurgeTree.h"
+#include "platform/files/FileIdentity.h"
 #include "platform/files/PurgeTreeState.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
@@ -32,11 +33,7 @@ namespace {
 
 constexpr size_t kEntriesSize = 64 * 1024;
 
-struct Identity {
-  dev_t dev = 0;
-  ino_t ino = 0;
-  bool operator==(const Identity&) const = default;
-};
+using Identity = FileIdentity;
 
 struct Node {
   Node* parent = nullptr;
@@ -58,7 +55,7 @@ class ParallelRemover {
     struct stat st {};
     if (::fstat(top.get(), &st) != 0) return errno;
     top_ = std::move(top);
-    Node* root = NewNode(nullptr, path_, std::string(), {st.st_dev, st.st_ino});
+    Node* root = NewNode(nullptr, path_, std::string(), IdentityOf(st));
     queue_.Push(root);
     queue_.Run(workers, [this](Node*& node) { Read(node); });
     return 0;
@@ -89,7 +86,7 @@ class ParallelRemover {
     struct stat st {};
     if (!fd) return fd;
     if (::fstat(fd.get(), &st) != 0) return UniqueFd();
-    if (!(Identity{st.st_dev, st.st_ino} == node->identity)) {
+    if (!(IdentityOf(st) == node->identity)) {
       errno = ESTALE;
       return UniqueFd();
     }
@@ -156,7 +153,7 @@ class ParallelRemover {
     }
     ++node->pending;
     queue_.Push(NewNode(node, name, node->relative.empty() ? name : node->relative + "/" + name,
-                        {st.st_dev, st.st_ino}));
+                        IdentityOf(st)));
   }
 
   static bool IsDirectory(int dirfd, const std::string& name) {
