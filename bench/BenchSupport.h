@@ -7,8 +7,18 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace vx::bench {
+
+// `argv` as exec wants it: pointers into the strings, ended by a null pointer. The strings
+// must outlive the result.
+inline std::vector<char*> ExecArguments(const std::vector<std::string>& argv) {
+  std::vector<char*> args;
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  return args;
+}
 
 // A directory under /tmp, removed with everything in it when the benchmark binary ends.
 class ScratchDir {

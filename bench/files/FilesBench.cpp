@@ -40,6 +40,8 @@
 #include <tuple>
 #include <vector>
 
+#include "BenchSupport.h"
+
 namespace {
 
 struct Options {
@@ -58,9 +60,7 @@ constexpr size_t kBigBytes = size_t{1} << 30;
 
 // Runs `argv` with standard output and error thrown away; the wall time, or -1 on failure.
 double Time(const std::vector<std::string>& argv) {
-  std::vector<char*> args;
-  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
+  std::vector<char*> args = vx::bench::ExecArguments(argv);
   const auto start = std::chrono::steady_clock::now();
   const pid_t child = ::fork();
   if (child == 0) {
@@ -237,6 +237,18 @@ std::map<std::string, std::string> Xattrs(const std::string& path) {
   return out;
 }
 
+// The names in a directory of the benchmark's own trees, "." and ".." left out.
+std::vector<std::string> NamesIn(const std::string& path) {
+  std::vector<std::string> names;
+  if (DIR* dir = ::opendir(path.c_str())) {
+    while (const dirent* e = ::readdir(dir)) {
+      if (std::strcmp(e->d_name, ".") && std::strcmp(e->d_name, "..")) names.push_back(e->d_name);
+    }
+    ::closedir(dir);
+  }
+  return names;
+}
+
 // Every item's status is taken before anything of it is read, so that the check does not
 // move the access times it compares.
 void Scan(const std::string& root, const std::string& relative, std::map<std::string, Item>* out) {
@@ -260,14 +272,7 @@ void Scan(const std::string& root, const std::string& relative, std::map<std::st
   }
   (*out)[relative] = item;
   if (!S_ISDIR(st.st_mode)) return;
-  std::vector<std::string> names;
-  if (DIR* dir = ::opendir(path.c_str())) {
-    while (const dirent* e = ::readdir(dir)) {
-      if (std::strcmp(e->d_name, ".") && std::strcmp(e->d_name, "..")) names.push_back(e->d_name);
-    }
-    ::closedir(dir);
-  }
-  for (const std::string& name : names) Scan(root, relative.empty() ? name : relative + "/" + name, out);
+  for (const std::string& name : NamesIn(path)) Scan(root, relative.empty() ? name : relative + "/" + name, out);
 }
 
 // Reads a byte of every file, every directory and every link of the tree once. Under relatime
@@ -292,14 +297,7 @@ void SettleAccessTimes(const std::string& path) {
     return;
   }
   if (!S_ISDIR(st.st_mode)) return;
-  std::vector<std::string> names;
-  if (DIR* dir = ::opendir(path.c_str())) {
-    while (const dirent* e = ::readdir(dir)) {
-      if (std::strcmp(e->d_name, ".") && std::strcmp(e->d_name, "..")) names.push_back(e->d_name);
-    }
-    ::closedir(dir);
-  }
-  for (const std::string& name : names) SettleAccessTimes(path + "/" + name);
+  for (const std::string& name : NamesIn(path)) SettleAccessTimes(path + "/" + name);
 }
 
 bool SameBytes(const std::string& first, const std::string& second) {

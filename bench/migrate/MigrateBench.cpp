@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
+
 namespace {
 
 struct Run {
@@ -53,9 +55,7 @@ unsigned long long WriteBytesOf(pid_t pid) {
 // Runs `argv` with its output going to `logPath` and measures it.
 Run Measure(const std::vector<std::string>& argv, const std::string& logPath,
             const std::string& tmpDir = "") {
-  std::vector<char*> args;
-  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
+  std::vector<char*> args = vx::bench::ExecArguments(argv);
   const auto start = std::chrono::steady_clock::now();
   const pid_t child = ::fork();
   if (child == 0) {
