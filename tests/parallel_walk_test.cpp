@@ -4,7 +4,9 @@
 // directory whose last entry another worker removes, directory times set before the last
 // entry is made in them).
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -77,6 +79,21 @@ TEST(WorkQueueTest, RunsWhatItemsQueueAndStopsWhenAsked) {
   });
   EXPECT_LE(ran.load(), 5 + static_cast<int>(kWorkers));
   EXPECT_TRUE(stopping.stopped());
+
+  // A process held to one core (a container's cpuset, taskset) gets one worker, whatever
+  // the machine has: more would only take turns on that core.
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(0, &one);
+    if (::sched_setaffinity(0, sizeof one, &one) != 0) ::_exit(2);
+    ::_exit(DefaultWorkerCount() == 1 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
 }
 
 TEST(ParallelWalkTest, DiskUsageCountsEachFileOnceWhicheverWorkerMeetsIt) {
