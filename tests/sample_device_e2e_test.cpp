@@ -1,11 +1,18 @@
 // The whole job, from outside: a sample device in the old layout is migrated by the built
 // host and plug-in, and the manifest proves that nothing was lost, also when the run is cut
 // off at any step and started again.
+#include <fcntl.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+#include <vector>
 
 #include "host/sample/ManifestCheck.h"
 #include "host/sample/SampleDevice.h"
@@ -114,15 +121,55 @@ TEST(SampleDeviceEndToEndTest, RunWithAFailureReportsItAndKeepsWhatItCouldNotMig
 
 enum class Cut { Failure, Crash, PowerCut, PartialPowerCut };
 
+// Which mutating calls a sweep cuts: every stride-th from `first`, or, for devices whose
+// every course (a VPN plug-in, a shared group, a safe harbor) makes a full sweep too long,
+// the first call made at each distinct place in the code, so that no call site goes uncut.
+struct Sweep {
+  int stride = 1;
+  int first = 1;
+  bool callSites = false;
+};
+
+// Sweeps cut on tmpfs where it keeps user attributes: a sync costs nothing there, and the
+// power-cut journal, not the disk, decides what a cut keeps.
+std::string SweepScratch() {
+  const std::string probe = "/dev/shm/vx-sweep-probe-" + std::to_string(::getpid());
+  const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) return "";
+  const bool attributes = ::fsetxattr(fd, "user.vx.probe", "1", 1, 0) == 0;
+  ::close(fd);
+  ::unlink(probe.c_str());
+  return attributes ? "/dev/shm" : "";
+}
+
+// The mutation numbers at which a clean run of the device first reaches each call site.
+std::vector<int> FirstCallAtEverySite(const std::string& pristine, const std::string& work) {
+  const std::string root = work + "/listing";
+  std::filesystem::copy(pristine, root, std::filesystem::copy_options::recursive |
+                                            std::filesystem::copy_options::copy_symlinks);
+  test::RunOptions listing;
+  listing.environment["VX_FAULT_SITES"] = work + "/sites";
+  auto run = Migrate(root, listing);
+  EXPECT_EQ(run.exitStatus, 0) << run.describe();
+  std::map<std::string, int> first;
+  std::istringstream lines(test::ReadFile(work + "/sites"));
+  int n = 0;
+  std::string operation, site;
+  while (lines >> n >> operation >> site) first.try_emplace(operation + " " + site, n);
+  std::set<int> cuts;
+  for (const auto& [where, at] : first) cuts.insert(at);
+  std::filesystem::remove_all(root);
+  std::filesystem::remove_all(root + "-tmp");
+  return {cuts.begin(), cuts.end()};
+}
+
 // One application's migration, cut off at every mutating call in turn (by a fault, by the
 // process ending there, or by a power cut that loses what was not synced), and then run
-// again cleanly: the second run must finish the job. With `stride` above 1, only every
-// stride-th call is cut (starting at `first`), for devices whose every course (a VPN
-// plug-in, a shared group, a safe harbor) makes a full sweep too long.
-void CutOffAtEveryStep(Cut how, int apps = 1, int stride = 1, int first = 1) {
+// again cleanly: the second run must finish the job.
+void CutOffAtEveryStep(Cut how, int apps = 1, Sweep sweep = {}) {
   const bool crash = how != Cut::Failure;
   const char* action[] = {"fail", "crash", "power-cut", "power-cut-partial"};
-  test::TempDir t;
+  test::TempDir t(SweepScratch());
   const std::string pristine = t / "pristine";
   sample::SampleDeviceOptions options;
   options.apps = apps;
@@ -130,9 +177,17 @@ void CutOffAtEveryStep(Cut how, int apps = 1, int stride = 1, int first = 1) {
   std::string problem;
   ASSERT_TRUE(sample::WriteSampleDevice(pristine, options, &problem)) << problem;
 
+  const std::vector<int> sites =
+      sweep.callSites ? FirstCallAtEverySite(pristine, t.path()) : std::vector<int>{};
+  size_t nextSite = 0;
+  auto nextCut = [&](int previous) {
+    if (sweep.callSites) return nextSite < sites.size() ? sites[nextSite++] : 0;
+    const int n = previous == 0 ? sweep.first : previous + sweep.stride;
+    return n < 20000 ? n : 0;
+  };
   int completedAt = 0;
   int placeholderOutcomes = 0;
-  for (int n = first; n < 20000 && completedAt == 0; n += stride) {
+  for (int n = nextCut(0); n != 0 && completedAt == 0; n = nextCut(n)) {
     const std::string root = t / ("run-" + std::to_string(n));
     std::filesystem::copy(pristine, root, std::filesystem::copy_options::recursive |
                                               std::filesystem::copy_options::copy_symlinks);
@@ -187,7 +242,11 @@ void CutOffAtEveryStep(Cut how, int apps = 1, int stride = 1, int first = 1) {
   }
   ::testing::Test::RecordProperty("mutations", completedAt - 1);
   ::testing::Test::RecordProperty("placeholderOutcomes", placeholderOutcomes);
-  EXPECT_GT(completedAt, 10) << "the run makes more than a handful of mutations";
+  if (sweep.callSites) {
+    EXPECT_GT(sites.size(), 10u) << "the run mutates from more than a handful of places";
+  } else {
+    EXPECT_GT(completedAt, 10) << "the run makes more than a handful of mutations";
+  }
   if (!crash) {
     EXPECT_GT(placeholderOutcomes, 0) << "no failure reached the bundle's installation";
   }
@@ -200,34 +259,29 @@ TEST(SampleDeviceCrashTest, EveryMutationFailingIsRecoveredByTheNextRun) {
 }
 
 TEST(SampleDeviceCrashTest, FailuresAcrossEveryCourseLoseNoByte) {
-  CutOffAtEveryStep(Cut::Failure, 7, 23);
+  CutOffAtEveryStep(Cut::Failure, 7, {.callSites = true});
+}
+
+TEST(SampleDeviceCrashTest, CrashesAcrossEveryCourseLoseNoByte) {
+  CutOffAtEveryStep(Cut::Crash, 7, {.callSites = true});
 }
 
 // Seven applications take every course. The whole sweep (`make test-power`, which sets
 // VX_POWER_SWEEP=full) cuts the power at every one of their mutations, VX_POWER_SWEEP=N at
-// every Nth; otherwise a sample of them, a different one each day, is cut.
-int PowerSweepStride(int* first) {
+// every Nth; otherwise the first call of every call site is cut.
+Sweep PowerSweep() {
   const char* sweep = std::getenv("VX_POWER_SWEEP");
-  if (sweep && std::string(sweep) == "full") return *first = 1;
-  if (sweep && std::atoi(sweep) > 0) {
-    *first = 1;
-    return std::atoi(sweep);
-  }
-  constexpr int kStride = 41;
-  *first = 1 + static_cast<int>(std::time(nullptr) / 86400 % kStride);
-  return kStride;
+  if (sweep && std::string(sweep) == "full") return {};
+  if (sweep && std::atoi(sweep) > 0) return {.stride = std::atoi(sweep)};
+  return {.callSites = true};
 }
 
 TEST(SampleDevicePowerCutTest, EveryByteSurvivesAPowerCutAtAnyMutation) {
-  int first = 1;
-  const int stride = PowerSweepStride(&first);
-  CutOffAtEveryStep(Cut::PowerCut, 7, stride, first);
+  CutOffAtEveryStep(Cut::PowerCut, 7, PowerSweep());
 }
 
 TEST(SampleDevicePowerCutTest, EveryByteSurvivesAPartlyWrittenDirectoryAtAnyMutation) {
-  int first = 1;
-  const int stride = PowerSweepStride(&first);
-  CutOffAtEveryStep(Cut::PartialPowerCut, 7, stride, first);
+  CutOffAtEveryStep(Cut::PartialPowerCut, 7, PowerSweep());
 }
 
 }  // namespace

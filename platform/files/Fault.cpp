@@ -2,12 +2,16 @@
 
 #include "platform/files/PowerCut.h"
 
+#include <dlfcn.h>
+#include <execinfo.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -19,6 +23,7 @@ std::atomic<uint64_t> gCount{0};
 std::atomic<uint64_t> gTarget{0};  // 0: disarmed
 std::atomic<int> gAction{0};
 std::atomic<int> gError{EIO};
+std::atomic<int> gSitesFd{-1};  // VX_FAULT_SITES: where each mutation's call site is listed
 
 void Announce(const char* what, uint64_t n, const char* operation) {
   // Plain write(2): the process may be about to die, and no lock may be taken here.
@@ -42,6 +47,38 @@ int ErrnoFromName(const char* text) {
   long value = std::strtol(text, &end, 10);
   if (end && *end == '\0' && value > 0 && value < 4096) return static_cast<int>(value);
   return 0;
+}
+
+// The code that asked for a mutation, as "<module>+0x<offset>": the frame just outside the
+// system-call wrappers (the exported vx::sys functions), numbered alike in every run of one
+// build, so that a sweep can cut each distinct call at least once instead of every Nth call.
+std::string CallSite() {
+  void* frames[32];
+  const int depth = ::backtrace(frames, 32);
+  int caller = -1;
+  for (int i = 0; i < depth; ++i) {
+    Dl_info info{};
+    if (::dladdr(frames[i], &info) && info.dli_sname &&
+        std::strncmp(info.dli_sname, "_ZN2vx3sys", 10) == 0) {
+      caller = i + 1;
+    }
+  }
+  Dl_info info{};
+  if (caller <= 0 || caller >= depth || !::dladdr(frames[caller], &info) || !info.dli_fname) {
+    return "?";
+  }
+  const char* slash = std::strrchr(info.dli_fname, '/');
+  char offset[32];
+  std::snprintf(offset, sizeof offset, "+0x%zx",
+                static_cast<size_t>(static_cast<const char*>(frames[caller]) -
+                                    static_cast<const char*>(info.dli_fbase)));
+  return std::string(slash ? slash + 1 : info.dli_fname) + offset;
+}
+
+void ListSite(int fd, uint64_t n, const char* operation) {
+  const std::string line = std::to_string(n) + " " + operation + " " + CallSite() + "\n";
+  ssize_t ignored = write(fd, line.data(), line.size());  // O_APPEND: one line, whole
+  (void)ignored;
 }
 
 }  // namespace
@@ -68,6 +105,13 @@ void Disarm() {
 uint64_t MutationCount() { return gCount.load(); }
 
 bool ConfigureFromEnvironment(const char** problem) {
+  if (const char* sites = std::getenv("VX_FAULT_SITES"); sites && *sites && gSitesFd < 0) {
+    gSitesFd = ::open(sites, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (gSitesFd < 0) {
+      if (problem) *problem = "VX_FAULT_SITES names a file that cannot be written";
+      return false;
+    }
+  }
   const char* at = std::getenv("VX_FAULT_AT");
   if (!at || !*at) return true;
   // strtoull alone would take "-1" (as a huge count) and leading blanks.
@@ -119,6 +163,7 @@ bool ConfigureFromEnvironment(const char** problem) {
 
 int BeforeMutation(const char* operation) {
   const uint64_t n = ++gCount;
+  if (const int sites = gSitesFd.load(); sites >= 0) ListSite(sites, n, operation);
   const uint64_t target = gTarget.load();
   if (target == 0 || n != target) return 0;
   switch (static_cast<Action>(gAction.load())) {

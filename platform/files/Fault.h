@@ -30,7 +30,9 @@ uint64_t MutationCount();
 // Reads VX_FAULT_AT (N), VX_FAULT_ACTION ("fail", "crash", "power-cut" or
 // "power-cut-partial"; default "fail"), VX_FAULT_ERRNO (a number or a name such as EIO,
 // ENOSPC; default EIO), and for a power cut VX_FAULT_SEED (default N), VX_FAULT_STASH and
-// VX_FAULT_TRACE (non-empty: the cut lists what it undoes).
+// VX_FAULT_TRACE (non-empty: the cut lists what it undoes). VX_FAULT_SITES=FILE, armed or
+// not, appends a line "N operation site" to FILE for every mutating call, the site naming the
+// code that made it (module and offset), for sweeps that cut every distinct call.
 // Returns false with a message in `problem` when a variable is malformed; absent variables
 // arm nothing.
 bool ConfigureFromEnvironment(const char** problem);
