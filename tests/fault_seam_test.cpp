@@ -2,7 +2,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -110,10 +112,11 @@ bool CutPowerAt(uint64_t nth, const fault::PowerCutOptions& options, Work work) 
 int OpenDirectory(const std::string& path) { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY); }
 
 TEST_F(FaultSeamTest, PowerCutKeepsOnlyWhatWasSynced) {
-  for (const char* name : {"a/gone", "a/grown", "a/moved", "b/replaced", "s/lost"}) {
+  for (const char* name : {"a/gone", "a/grown", "a/moved", "b/replaced", "s/lost", "m/loose", "m/kept"}) {
     test::WriteFile(t / name, name);
   }
   test::MakeDirs(t / "c");
+  const bool attributes = ::setxattr((t / "m/loose").c_str(), "user.vx.class", "1", 1, 0) == 0;
   ASSERT_TRUE(CutPowerAt(1000, {.stashDirectory = t / "stash"}, [&] {
     // Never synced: a new directory, a removal, an append.
     Make("new");
@@ -131,8 +134,27 @@ TEST_F(FaultSeamTest, PowerCutKeepsOnlyWhatWasSynced) {
     UniqueFd b(OpenDirectory(t / "b")), source(OpenDirectory(t / "s"));
     sys::Fsync(b.get());
     sys::Fsync(source.get());
+    // A new mode or attribute reaches the disk with its node's fsync, not before.
+    UniqueFd loose(sys::Open((t / "m/loose").c_str(), O_RDONLY)), kept(sys::Open((t / "m/kept").c_str(), O_RDONLY));
+    for (int fd : {loose.get(), kept.get()}) {
+      sys::Fchmod(fd, 0600);
+      sys::Fsetxattr(fd, "user.vx.class", "4", 1, 0);
+    }
+    sys::Fsync(kept.get());
     for (;;) Make("the cut comes");
   }));
+  struct stat loose {}, kept {};
+  ASSERT_EQ(::stat((t / "m/loose").c_str(), &loose), 0);
+  ASSERT_EQ(::stat((t / "m/kept").c_str(), &kept), 0);
+  EXPECT_EQ(loose.st_mode & 0777, 0644u);
+  EXPECT_EQ(kept.st_mode & 0777, 0600u);
+  char value[4] = {};
+  if (attributes) {
+    EXPECT_EQ(::getxattr((t / "m/loose").c_str(), "user.vx.class", value, sizeof value), 1);
+    EXPECT_EQ(value[0], '1');
+    EXPECT_EQ(::getxattr((t / "m/kept").c_str(), "user.vx.class", value, sizeof value), 1);
+    EXPECT_EQ(value[0], '4');
+  }
   EXPECT_FALSE(Exists(t / "new"));
   EXPECT_EQ(test::ReadFile(t / "a/gone"), "a/gone");
   EXPECT_EQ(test::ReadFile(t / "a/grown"), "a/grown") << "unsynced data is cut off";

@@ -12,6 +12,7 @@
 #include <map>
 #include <set>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 #include "host/sample/ManifestCheck.h"
@@ -180,19 +181,28 @@ void CutOffAtEveryStep(Cut how, int apps = 1, Sweep sweep = {}) {
   const std::vector<int> sites =
       sweep.callSites ? FirstCallAtEverySite(pristine, t.path()) : std::vector<int>{};
   size_t nextSite = 0;
-  auto nextCut = [&](int previous) {
-    if (sweep.callSites) return nextSite < sites.size() ? sites[nextSite++] : 0;
-    const int n = previous == 0 ? sweep.first : previous + sweep.stride;
-    return n < 20000 ? n : 0;
-  };
   int completedAt = 0;
+  // The last cut of a power-cut sweep comes as the finished run exits (-1), before the
+  // kernel wrote back what it left unsynced.
+  bool exitCut = how == Cut::PowerCut || how == Cut::PartialPowerCut;
+  auto nextCut = [&](int previous) {
+    int n = 0;
+    if (sweep.callSites) {
+      n = nextSite < sites.size() ? sites[nextSite++] : 0;
+    } else if (completedAt == 0) {
+      n = previous == 0 ? sweep.first : previous + sweep.stride;
+      n = n < 20000 ? n : 0;
+    }
+    if (n == 0 && std::exchange(exitCut, false)) n = -1;
+    return n;
+  };
   int placeholderOutcomes = 0;
-  for (int n = nextCut(0); n != 0 && completedAt == 0; n = nextCut(n)) {
+  for (int n = nextCut(0); n != 0; n = nextCut(n)) {
     const std::string root = t / ("run-" + std::to_string(n));
     std::filesystem::copy(pristine, root, std::filesystem::copy_options::recursive |
                                               std::filesystem::copy_options::copy_symlinks);
     test::RunOptions faulty;
-    faulty.environment["VX_FAULT_AT"] = std::to_string(n);
+    faulty.environment["VX_FAULT_AT"] = n > 0 ? std::to_string(n) : "exit";
     faulty.environment["VX_FAULT_ACTION"] = action[static_cast<int>(how)];
     faulty.environment["VX_FAULT_ERRNO"] = "EIO";
     auto cut = Migrate(root, faulty);
@@ -202,6 +212,11 @@ void CutOffAtEveryStep(Cut how, int apps = 1, Sweep sweep = {}) {
       completedAt = n;
     } else if (crash) {
       ASSERT_EQ(cut.signal, SIGKILL) << "n=" << n << "\n" << cut.describe();
+      // A device whose run is recorded as done is not migrated again: it must be whole now.
+      if (test::Exists(root + kVersionRecord)) {
+        const sample::ManifestReport done = sample::CheckMigratedDevice(root);
+        ASSERT_TRUE(done.ok()) << "recorded done before a cut at n=" << n << ": " << Describe(done);
+      }
     } else {
       // A failure either ends the run with status 1 and a logged reason, or is one the run
       // may take in its stride (a note it could not write).

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "filemanager/VXFileManager.h"
 #include "host/sample/SampleDevice.h"
 #include "platform/workspace/Workspace.h"
 #include "support/FileDigest.h"
@@ -13,6 +14,10 @@ namespace vx::sample {
 namespace {
 
 using nlohmann::json;
+
+constexpr const char* kVersionRecordPath =
+    "/private/var/mobile/Library/Velotrix/AppMigratorLastSystemVersion.plist";
+constexpr int32_t kDataContainerClass = 4;
 
 // Compares one recorded file with what lies at `location`; returns a problem or "".
 std::string CheckFile(const json& file, const FileURL& directory, uint64_t* bytes) {
@@ -42,6 +47,10 @@ ManifestReport CheckMigratedDevice(const std::string& root) {
     return report;
   }
   DeviceWorkspace workspace(root);
+  // A run that recorded the system version has given every data container its protection
+  // class, durably: the record says the run is done.
+  struct stat versionRecord {};
+  const bool runDone = ::lstat((root + kVersionRecordPath).c_str(), &versionRecord) == 0;
   for (const json& app : manifest.at("apps")) {
     const std::string identifier = app.at("identifier").get<std::string>();
     ++report.applications;
@@ -67,6 +76,13 @@ ManifestReport CheckMigratedDevice(const std::string& root) {
     if (!proxy->dataContainerURL) {
       report.problems.push_back(identifier + ": no data container");
       continue;
+    }
+    int32_t protectionClass = 0;
+    if (runDone && (!VXFileManager::defaultManager().dataProtectionClassOfItemAtURL(
+                        *proxy->dataContainerURL, &protectionClass, nullptr) ||
+                    protectionClass != kDataContainerClass)) {
+      report.problems.push_back(identifier + ": data container has protection class " +
+                                std::to_string(protectionClass) + " after a finished run");
     }
     for (const json& file : app.at("files")) {
       std::string problem = CheckFile(file, *proxy->dataContainerURL, &result.bytesVerified);

@@ -81,6 +81,14 @@ void ListSite(int fd, uint64_t n, const char* operation) {
   (void)ignored;
 }
 
+constexpr uint64_t kAtExit = UINT64_MAX;
+
+void CutAtExit() {
+  if (gTarget.load() != kAtExit || static_cast<Action>(gAction.load()) != Action::PowerCut) return;
+  Announce("cutting the power", gCount.load(), "at exit");
+  powercut::Cut();
+}
+
 }  // namespace
 
 void Arm(uint64_t nth, Action action, int error, const PowerCutOptions& power) {
@@ -116,9 +124,11 @@ bool ConfigureFromEnvironment(const char** problem) {
   if (!at || !*at) return true;
   // strtoull alone would take "-1" (as a huge count) and leading blanks.
   char* end = nullptr;
-  unsigned long long nth = std::strtoull(at, &end, 10);
-  if (!std::isdigit(static_cast<unsigned char>(at[0])) || !end || *end != '\0' || nth == 0) {
-    if (problem) *problem = "VX_FAULT_AT must be a positive whole number";
+  const bool atExit = std::strcmp(at, "exit") == 0;
+  unsigned long long nth = atExit ? kAtExit : std::strtoull(at, &end, 10);
+  if (!atExit &&
+      (!std::isdigit(static_cast<unsigned char>(at[0])) || !end || *end != '\0' || nth == 0)) {
+    if (problem) *problem = "VX_FAULT_AT must be a positive whole number or \"exit\"";
     return false;
   }
   Action action = Action::Fail;
@@ -158,6 +168,9 @@ bool ConfigureFromEnvironment(const char** problem) {
     }
   }
   Arm(nth, action, error, power);
+  // The power may also fail once the run is over, before the kernel wrote back what the run
+  // left unsynced: what it reported done must then still be done.
+  if (atExit && action == Action::PowerCut) std::atexit(CutAtExit);
   return true;
 }
 

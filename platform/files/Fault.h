@@ -27,7 +27,7 @@ void Disarm();
 // Mutating calls made since the process started or the seam was last armed or disarmed.
 uint64_t MutationCount();
 
-// Reads VX_FAULT_AT (N), VX_FAULT_ACTION ("fail", "crash", "power-cut" or
+// Reads VX_FAULT_AT (N, or "exit": a power cut as the process ends), VX_FAULT_ACTION ("fail", "crash", "power-cut" or
 // "power-cut-partial"; default "fail"), VX_FAULT_ERRNO (a number or a name such as EIO,
 // ENOSPC; default EIO), and for a power cut VX_FAULT_SEED (default N), VX_FAULT_STASH and
 // VX_FAULT_TRACE (non-empty: the cut lists what it undoes). VX_FAULT_SITES=FILE, armed or

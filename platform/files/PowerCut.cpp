@@ -1,5 +1,7 @@
 #include "platform/files/PowerCut.h"
 
+#include "platform/files/PowerCutMetadata.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -309,6 +311,7 @@ void Stop() {
   j.directories.clear();
   j.files.clear();
   j.operations.clear();
+  metadata::Forget();
 }
 
 bool Recording() { return gRecording.load(std::memory_order_relaxed); }
@@ -340,8 +343,10 @@ void Cut() {
     if (writable >= 0 && ::ftruncate(writable, file.synced) == 0) ++cut;
     if (writable >= 0) ::close(writable);
   }
-  Say("undid " + std::to_string(undone) + " unsynced directory operations and cut " +
-      std::to_string(cut) + " files to their synced length");
+  const size_t restored = metadata::Restore(trace);
+  Say("undid " + std::to_string(undone) + " unsynced directory operations, cut " +
+      std::to_string(cut) + " files to their synced length and put back the metadata of " +
+      std::to_string(restored) + " nodes");
   ::kill(::getpid(), SIGKILL);
   ::_exit(137);
 }
@@ -474,12 +479,44 @@ void BeforeData(int fd) {
   if (::fstat(fd, &st) == 0) Track(j, fd, st.st_size);
 }
 
+void BeforeMetadata(int fd) {
+  if (Recording()) metadata::Remember(fd);
+}
+
+void BeforeMetadataAt(int dirfd, const char* name, bool follow) {
+  if (!Recording()) return;
+  const int fd = ::openat(dirfd, name, O_PATH | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW));
+  if (fd < 0) return;
+  metadata::Remember(fd);
+  ::close(fd);
+}
+
+void AfterSyncFileSystem(int fd) {
+  if (!Recording()) return;
+  Journal& j = TheJournal();
+  std::lock_guard lock(j.mutex);
+  struct stat fileSystem {};
+  if (::fstat(fd, &fileSystem) != 0) return;
+  // The journal follows the device's own tree; a sync of another file system leaves it as
+  // it is.
+  for (Operation& op : j.operations) {
+    if (op.from.device == fileSystem.st_dev) op.fromDurable = true;
+    if (op.to.device == fileSystem.st_dev) op.toDurable = true;
+  }
+  for (auto& [key, file] : j.files) {
+    struct stat st {};
+    if (key.device == fileSystem.st_dev && ::fstat(file.fd, &st) == 0) file.synced = st.st_size;
+  }
+  metadata::AllSynced();
+}
+
 void AfterSync(int fd) {
   if (!Recording()) return;
   Journal& j = TheJournal();
   std::lock_guard lock(j.mutex);
   struct stat st {};
   if (::fstat(fd, &st) != 0) return;
+  metadata::Synced(st);
   if (S_ISDIR(st.st_mode)) {
     MarkDurable(j, KeyOf(st));
   } else if (S_ISREG(st.st_mode)) {

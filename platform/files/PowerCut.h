@@ -5,6 +5,8 @@
 // back to what the disk could hold afterwards:
 //   - a file's data is cut to the length it had at its last fsync (its length when first
 //     touched, or nothing for a file made since);
+//   - a node's owner, mode and extended attributes go back to what they were at its last
+//     fsync (PowerCutMetadata.h);
 //   - the creations, renames and removals in a directory since its last fsync are undone,
 //     each directory on its own: a rename whose source directory was synced but whose
 //     destination was not loses the item, as a real file system may. One whose destination
@@ -79,6 +81,12 @@ void AfterOpen(int dirfd, const char* name, int fd, const Pending& pending);
 void AfterCreate(int dirfd, const char* name, bool newNode = true);
 // Before a write, truncation, copy or clone into `fd`.
 void BeforeData(int fd);
+// Before a change of owner, mode or extended attributes: of the node `fd` refers to, or of
+// `name` in `dirfd` (its final link followed only with `follow`).
+void BeforeMetadata(int fd);
+void BeforeMetadataAt(int dirfd, const char* name, bool follow);
 void AfterSync(int fd);
+// A sync of the whole file system `fd` lies on: everything journaled is durable.
+void AfterSyncFileSystem(int fd);
 
 }  // namespace vx::powercut

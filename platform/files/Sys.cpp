@@ -75,6 +75,16 @@ int OpenAt(int dirfd, const char* name, int flags, mode_t mode, const char* oper
   return fd;
 }
 
+// Before a change of owner or mode by name, or of the descriptor itself (AT_EMPTY_PATH).
+void BeforeMetadataOf(int dirfd, const char* name, int flags) {
+  if (!powercut::Recording()) return;
+  if ((flags & AT_EMPTY_PATH) && name && !*name) {
+    powercut::BeforeMetadata(dirfd);
+  } else {
+    powercut::BeforeMetadataAt(dirfd, name, !(flags & AT_SYMLINK_NOFOLLOW));
+  }
+}
+
 // Before a call that changes a file's data through its descriptor.
 bool RefusedData(const char* operation, int fd) {
   if (Refused(operation)) return true;
@@ -150,16 +160,29 @@ int Fsync(int fd) {
   return result;
 }
 
+int Syncfs(int fd) {
+  if (Refused("syncfs")) return -1;
+  const int result = ::syncfs(fd);
+  if (result == 0) powercut::AfterSyncFileSystem(fd);
+  return result;
+}
+
 int Lsetxattr(const char* path, const char* name, const void* value, size_t size, int flags) {
-  return Refused("lsetxattr") ? -1 : ::lsetxattr(path, name, value, size, flags);
+  if (Refused("lsetxattr")) return -1;
+  powercut::BeforeMetadataAt(AT_FDCWD, path, false);
+  return ::lsetxattr(path, name, value, size, flags);
 }
 
 int Fsetxattr(int fd, const char* name, const void* value, size_t size, int flags) {
-  return Refused("fsetxattr") ? -1 : ::fsetxattr(fd, name, value, size, flags);
+  if (Refused("fsetxattr")) return -1;
+  powercut::BeforeMetadata(fd);
+  return ::fsetxattr(fd, name, value, size, flags);
 }
 
 int Lremovexattr(const char* path, const char* name) {
-  return Refused("lremovexattr") ? -1 : ::lremovexattr(path, name);
+  if (Refused("lremovexattr")) return -1;
+  powercut::BeforeMetadataAt(AT_FDCWD, path, false);
+  return ::lremovexattr(path, name);
 }
 
 int Symlink(const char* target, const char* linkPath) {
@@ -180,16 +203,28 @@ int Mknodat(int dirfd, const char* name, mode_t mode, dev_t device) {
   return Refused("mknodat") ? -1 : Created(::mknodat(dirfd, name, mode, device), dirfd, name);
 }
 
-int Fchown(int fd, uid_t uid, gid_t gid) { return Refused("fchown") ? -1 : ::fchown(fd, uid, gid); }
-
-int Fchownat(int dirfd, const char* name, uid_t uid, gid_t gid, int flags) {
-  return Refused("fchownat") ? -1 : ::fchownat(dirfd, name, uid, gid, flags);
+int Fchown(int fd, uid_t uid, gid_t gid) {
+  if (Refused("fchown")) return -1;
+  powercut::BeforeMetadata(fd);
+  return ::fchown(fd, uid, gid);
 }
 
-int Fchmod(int fd, mode_t mode) { return Refused("fchmod") ? -1 : ::fchmod(fd, mode); }
+int Fchownat(int dirfd, const char* name, uid_t uid, gid_t gid, int flags) {
+  if (Refused("fchownat")) return -1;
+  BeforeMetadataOf(dirfd, name, flags);
+  return ::fchownat(dirfd, name, uid, gid, flags);
+}
+
+int Fchmod(int fd, mode_t mode) {
+  if (Refused("fchmod")) return -1;
+  powercut::BeforeMetadata(fd);
+  return ::fchmod(fd, mode);
+}
 
 int Fchmodat(int dirfd, const char* name, mode_t mode, int flags) {
-  return Refused("fchmodat") ? -1 : ::fchmodat(dirfd, name, mode, flags);
+  if (Refused("fchmodat")) return -1;
+  BeforeMetadataOf(dirfd, name, flags);
+  return ::fchmodat(dirfd, name, mode, flags);
 }
 
 int Utimensat(int dirfd, const char* path, const struct timespec times[2], int flags) {

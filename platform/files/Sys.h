@@ -32,6 +32,8 @@ int Openat(int dirfd, const char* name, int flags, mode_t mode = 0);
 ssize_t Write(int fd, const void* buffer, size_t size);
 int Ftruncate(int fd, off_t length);
 int Fsync(int fd);
+// Makes everything written to the file system that `fd` lies on durable at once.
+int Syncfs(int fd);
 int Lsetxattr(const char* path, const char* name, const void* value, size_t size, int flags);
 int Fsetxattr(int fd, const char* name, const void* value, size_t size, int flags);
 int Lremovexattr(const char* path, const char* name);

@@ -7,12 +7,15 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstring>
 #include <mutex>
 #include <string>
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/files/Beneath.h"
+#include "platform/files/Sys.h"
 #include "platform/log/InstallerLog.h"
 #include "platform/plist/PlistFile.h"
 #include "platform/system/DeviceRoot.h"
@@ -80,6 +83,7 @@ bool VelotrixUpdateContainerDataProtectionForMigratorOnly(const PlistDictionary&
   const WorkspaceIndex index = ScanWorkspace(WorkspaceLayout(DeviceRoot()));
 
   bool updatedAll = true;
+  bool updatedAny = false;
   for (const auto& [identifier, container] : index.dataContainers) {
     // A built-in application that an installation replaced owns an ordinary container.
     const bool builtInOnly = builtIn && builtIn->count(identifier) && !index.bundle(identifier);
@@ -89,6 +93,20 @@ bool VelotrixUpdateContainerDataProtectionForMigratorOnly(const PlistDictionary&
             container.url, kDataContainerProtectionClass, nullptr, &error)) {
       VX_INSTALLER_LOG(3, kProtectionFunction, "Failed to set data protection of %@ for %@: %@",
                        container.url, identifier, error);
+      updatedAll = false;
+    } else {
+      updatedAny = true;
+    }
+  }
+  // A class lives in its container's attributes, which reach the disk with the inode and not
+  // before; the run records itself done right after this, so the classes are made durable
+  // first: one sync of the file system rather than one fsync per container.
+  if (updatedAny) {
+    const FileURL containers = WorkspaceLayout(DeviceRoot()).containersDirectory();
+    UniqueFd directory = OpenDirectoryNoFollow(containers.fileSystemRepresentation());
+    if (!directory || sys::Syncfs(directory.get()) != 0) {
+      VX_INSTALLER_LOG(3, kProtectionFunction, "Failed to make the data protection of %@ durable: %s",
+                       containers, std::strerror(errno));
       updatedAll = false;
     }
   }
