@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -15,6 +16,7 @@
 #include "filemanager/VXFileManager.h"
 #include "platform/files/Beneath.h"
 #include "platform/files/DirHarvest.h"
+#include "platform/files/DirectoryNodes.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/files/WorkQueue.h"
 #include "platform/log/InstallerLog.h"
@@ -125,9 +127,19 @@ class Measurement {
       return 0;
     }
     rootPath_ = root.path();
+    UniqueFd top(::open(rootPath_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st {};
+    if (!top || ::fstat(top.get(), &st) != 0) {
+      VX_INSTALLER_LOG(3, kDiskUsage, "Failed to open directory %@ : %s", rootPath_,
+                       std::strerror(errno));
+      return 0;
+    }
+    // Directories below are known by their parent and name, not by a path: a tree may be
+    // deeper than any path the kernel takes.
+    tree_.emplace(std::move(top), IdentityOf(st));
     // Workers share the queue of directories, the set of hard-linked files seen and the
     // total; each reads its directory into a batch of its own.
-    queue_.Push({std::string(), 0});
+    queue_.Push(tree_->root());
     queue_.Run(workers < 1 ? 1 : workers, [this](Pending& directory) {
       std::vector<unsigned char> batch = batches_.take();
       readDirectory(directory, batch);
@@ -137,44 +149,19 @@ class Measurement {
   }
 
  private:
-  // A directory waiting to be read: its path below the root and the inode its record gave.
-  struct Pending {
-    std::string relative;
-    uint64_t fileID = 0;
-  };
-
-  std::string pathOf(const std::string& relative) const {
-    if (relative.empty()) return rootPath_;
-    return rootPath_.back() == '/' ? rootPath_ + relative : rootPath_ + "/" + relative;
-  }
-
-  // The tree may change while it is measured: a directory is opened beneath the root with
-  // no symbolic link followed on the way, and must still be the directory that was listed.
-  // The root is read first and alone, so its descriptor is set before any worker needs it.
-  UniqueFd openDirectory(const Pending& pending) {
-    if (pending.relative.empty()) {
-      root_.reset(::open(rootPath_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-      return root_ ? UniqueFd(::fcntl(root_.get(), F_DUPFD_CLOEXEC, 0)) : UniqueFd();
-    }
-    UniqueFd fd = OpenBeneath(root_.get(), pending.relative, O_RDONLY | O_DIRECTORY);
-    struct stat st {};
-    if (fd && pending.fileID != 0 &&
-        (::fstat(fd.get(), &st) != 0 || static_cast<uint64_t>(st.st_ino) != pending.fileID)) {
-      errno = ESTALE;
-      return UniqueFd();
-    }
-    return fd;
-  }
+  using Pending = DirectoryNode*;
 
   void readDirectory(const Pending& pending, std::vector<unsigned char>& batch) {
-    const std::string directory = pathOf(pending.relative);
-    UniqueFd fd = openDirectory(pending);
+    const std::string directory = DirectoryNodes::PathOf(pending, rootPath_);
+    // The tree may change while it is measured: a directory is opened from its parent with
+    // no symbolic link followed, and must still be the directory that was listed.
+    const SharedFd fd = tree_->Open(pending);
     if (!fd) {
       VX_INSTALLER_LOG(3, kDiskUsage, "Failed to open directory %@ : %s", directory,
                        std::strerror(errno));
       return;
     }
-    HarvestCursor cursor(fd.get());
+    HarvestCursor cursor(fd->get());
     uint64_t entryIndex = 0;
     uint64_t sum = 0;  // added to the shared total once, when the directory is done
     for (;;) {
@@ -199,7 +186,7 @@ class Measurement {
           broken = true;
           break;
         }
-        sum += handle(Decode(batch.data() + at, length), entryIndex, directory, pending.relative);
+        sum += handle(Decode(batch.data() + at, length), entryIndex, directory, pending);
         at += length;
       }
       if (broken) break;
@@ -209,7 +196,7 @@ class Measurement {
 
   // The bytes the entry adds to the total.
   uint64_t handle(const HarvestedEntry& entry, uint64_t index, const std::string& directory,
-                  const std::string& relative) {
+                  DirectoryNode* parent) {
     if (entry.error != 0) {
       VX_INSTALLER_LOG(3, kDiskUsage, "Got error %s while processing entry %llu in %@",
                        std::strerror(static_cast<int>(entry.error)), index, directory);
@@ -236,7 +223,8 @@ class Measurement {
                          entry.name, directory);
         return 0;
       }
-      queue_.Push({relative.empty() ? name : relative + "/" + name, entry.fileID});
+      // The record gives the inode alone (a device of 0 asks for no more).
+      queue_.Push(tree_->Add(parent, name, {0, static_cast<ino_t>(entry.fileID)}));
       return 0;
     }
     if (entry.linkCount == 1) return entry.allocatedSize;
@@ -266,7 +254,7 @@ class Measurement {
   }
 
   std::string rootPath_;
-  UniqueFd root_;
+  std::optional<DirectoryNodes> tree_;
   BatchPool batches_;
   WorkQueue<Pending> queue_;
   std::mutex seenMutex_;

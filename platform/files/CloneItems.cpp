@@ -225,13 +225,18 @@ int LinkToCopy(int dstRoot, const std::string& relativePath, const Identity& mad
       slash == std::string::npos ? relativePath : relativePath.substr(slash + 1);
   UniqueFd parent = OpenBeneath(dstRoot, parentPath, O_RDONLY | O_DIRECTORY);
   if (!parent) return ESTALE;
+  return LinkToCopyIn(parent.get(), name, made, dstDir, dstName);
+}
+
+int LinkToCopyIn(int parent, const std::string& name, const Identity& made, int dstDir,
+                 const std::string& dstName) {
   struct stat st {};
-  if (::fstatat(parent.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+  if (::fstatat(parent, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
       IdentityOf(st) != made) {
     return ESTALE;
   }
   int e = Place(dstDir, dstName, [&](const std::string& linkName) {
-    return sys::Linkat(parent.get(), name.c_str(), dstDir, linkName.c_str(), 0) == 0 ? 0 : errno;
+    return sys::Linkat(parent, name.c_str(), dstDir, linkName.c_str(), 0) == 0 ? 0 : errno;
   });
   if (e) return e;
   // The name may have been swapped between the look and the link.
