@@ -99,6 +99,22 @@ bool IsPlainName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
 }
 
+// A directory's path for messages, made only when one is written: the path of a deep
+// directory is long, and most directories never need one.
+class MessagePath {
+ public:
+  MessagePath(const DirectoryNode* node, const std::string& base) : node_(node), base_(base) {}
+  const std::string& path() const {
+    if (path_.empty()) path_ = DirectoryNodes::PathOf(node_, base_);
+    return path_;
+  }
+
+ private:
+  const DirectoryNode* node_;
+  const std::string& base_;
+  mutable std::string path_;
+};
+
 // Batch buffers for the workers: one each, reused from directory to directory.
 class BatchPool {
  public:
@@ -152,12 +168,12 @@ class Measurement {
   using Pending = DirectoryNode*;
 
   void readDirectory(const Pending& pending, std::vector<unsigned char>& batch) {
-    const std::string directory = DirectoryNodes::PathOf(pending, rootPath_);
+    const MessagePath directory(pending, rootPath_);
     // The tree may change while it is measured: a directory is opened from its parent with
     // no symbolic link followed, and must still be the directory that was listed.
     const SharedFd fd = tree_->Open(pending);
     if (!fd) {
-      VX_INSTALLER_LOG(3, kDiskUsage, "Failed to open directory %@ : %s", directory,
+      VX_INSTALLER_LOG(3, kDiskUsage, "Failed to open directory %@ : %s", directory.path(),
                        std::strerror(errno));
       return;
     }
@@ -168,7 +184,7 @@ class Measurement {
       const int count = dirharvest(cursor, request(), batch.data(), batch.size());
       if (count < 0) {
         VX_INSTALLER_LOG(3, kDiskUsage, "dirharvest on entry %llu in %@ returned error %s",
-                         entryIndex, directory, std::strerror(errno));
+                         entryIndex, directory.path(), std::strerror(errno));
         break;
       }
       if (count == 0) break;
@@ -195,16 +211,16 @@ class Measurement {
   }
 
   // The bytes the entry adds to the total.
-  uint64_t handle(const HarvestedEntry& entry, uint64_t index, const std::string& directory,
+  uint64_t handle(const HarvestedEntry& entry, uint64_t index, const MessagePath& directory,
                   DirectoryNode* parent) {
     if (entry.error != 0) {
       VX_INSTALLER_LOG(3, kDiskUsage, "Got error %s while processing entry %llu in %@",
-                       std::strerror(static_cast<int>(entry.error)), index, directory);
+                       std::strerror(static_cast<int>(entry.error)), index, directory.path());
       return 0;
     }
     if (entry.objectType == kHarvestDirectory) {
       if (entry.entryCountReturned && entry.entryCount == 0) {
-        VX_INSTALLER_LOG(7, kDiskUsage, "skipping empty directory at %@/%s", directory,
+        VX_INSTALLER_LOG(7, kDiskUsage, "skipping empty directory at %@/%s", directory.path(),
                          entry.name);
         return 0;
       }
@@ -212,7 +228,7 @@ class Measurement {
         VX_INSTALLER_LOG(3, kDiskUsage,
                          "Failed to get name for directory item %llu in %@; not counting its "
                          "children",
-                         index, directory);
+                         index, directory.path());
         return 0;
       }
       const std::string name =
@@ -220,7 +236,7 @@ class Measurement {
       if (!IsPlainName(name)) {
         VX_INSTALLER_LOG(3, kDiskUsage,
                          "Failed to create path to child directory by appending \"%s\" to %@",
-                         entry.name, directory);
+                         entry.name, directory.path());
         return 0;
       }
       // The record gives the inode alone (a device of 0 asks for no more).
@@ -235,7 +251,8 @@ class Measurement {
       first = seen_.insert(entry.fileID).second;
     }
     if (!first) {
-      VX_INSTALLER_LOG(7, kDiskUsage, "Skipping hardlinked file at %@/%s", directory, entry.name);
+      VX_INSTALLER_LOG(7, kDiskUsage, "Skipping hardlinked file at %@/%s", directory.path(),
+                       entry.name);
       return 0;
     }
     return entry.allocatedSize;

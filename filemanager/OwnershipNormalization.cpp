@@ -81,8 +81,8 @@ struct Identity {
 // The walk of the one-worker form, by several workers: each takes a directory from the
 // shared queue, looks at every item in it through an O_PATH descriptor of its own, and
 // queues the directories it finds. A queued directory is opened again from its parent with
-// no link followed, however deep it lies, and must be the one that was looked at, or the walk stops as the
-// one-worker walk stops at an item that changed under it. Mount points are not entered; a
+// no link followed, however deep it lies, and must be the one that was looked at, or the
+// walk stops as the one-worker walk stops at an item that changed under it. Mount points are not entered; a
 // directory met a second time (a bind mount of an ancestor) is not entered again.
 class ParallelOwnership {
  public:
