@@ -107,8 +107,9 @@ TEST(VxfileTest, ListsInLargeWritesAndWalksWithWorkers) {
 // stay quick under sanitizers.
 constexpr int kDeep = 3000;
 
-// A chain of kDeep directories "d" under `top` and a file "leaf" at the bottom, each level
-// made from the descriptor of the one above: no path to it could be given.
+// A chain of kDeep directories "d" under `top` and a file "leaf" at the bottom, linked as
+// "link" too, each level made from the descriptor of the one above: no path to it could be
+// given.
 void MakeDeepChain(const std::string& top, const std::string& leaf) {
   ASSERT_EQ(::mkdir(top.c_str(), 0755), 0);
   int fd = ::open(top.c_str(), O_RDONLY | O_DIRECTORY);
@@ -122,10 +123,12 @@ void MakeDeepChain(const std::string& top, const std::string& leaf) {
   const int file = ::openat(fd, "leaf", O_WRONLY | O_CREAT, 0644);
   ASSERT_EQ(::write(file, leaf.data(), leaf.size()), static_cast<ssize_t>(leaf.size()));
   ::close(file);
+  ASSERT_EQ(::linkat(fd, "leaf", fd, "link", 0), 0);
   ::close(fd);
 }
 
-// How many "d" levels lie under `top`, and what the bottom's "leaf" holds.
+// How many "d" levels lie under `top`, and what the bottom's "leaf" holds (empty unless
+// "link" there is the same file).
 std::pair<int, std::string> DeepChain(const std::string& top) {
   int fd = ::open(top.c_str(), O_RDONLY | O_DIRECTORY);
   int depth = 0;
@@ -136,7 +139,11 @@ std::pair<int, std::string> DeepChain(const std::string& top) {
   }
   std::string leaf(64, '\0');
   const int file = fd >= 0 ? ::openat(fd, "leaf", O_RDONLY) : -1;
-  const ssize_t n = file >= 0 ? ::read(file, leaf.data(), leaf.size()) : 0;
+  struct stat a {};
+  struct stat b {};
+  const bool linked = ::fstatat(fd, "leaf", &a, 0) == 0 && ::fstatat(fd, "link", &b, 0) == 0 &&
+                      a.st_ino == b.st_ino;
+  const ssize_t n = file >= 0 && linked ? ::read(file, leaf.data(), leaf.size()) : 0;
   leaf.resize(static_cast<size_t>(std::max<ssize_t>(0, n)));
   if (file >= 0) ::close(file);
   if (fd >= 0) ::close(fd);
