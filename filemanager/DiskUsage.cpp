@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -15,6 +16,7 @@
 #include "filemanager/VXFileManager.h"
 #include "platform/files/Beneath.h"
 #include "platform/files/DirHarvest.h"
+#include "platform/files/DirectoryNodes.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/files/WorkQueue.h"
 #include "platform/log/InstallerLog.h"
@@ -97,6 +99,22 @@ bool IsPlainName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
 }
 
+// A directory's path for messages, made only when one is written: the path of a deep
+// directory is long, and most directories never need one.
+class MessagePath {
+ public:
+  MessagePath(const DirectoryNode* node, const std::string& base) : node_(node), base_(base) {}
+  const std::string& path() const {
+    if (path_.empty()) path_ = DirectoryNodes::PathOf(node_, base_);
+    return path_;
+  }
+
+ private:
+  const DirectoryNode* node_;
+  const std::string& base_;
+  mutable std::string path_;
+};
+
 // Batch buffers for the workers: one each, reused from directory to directory.
 class BatchPool {
  public:
@@ -125,9 +143,19 @@ class Measurement {
       return 0;
     }
     rootPath_ = root.path();
+    UniqueFd top(::open(rootPath_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st {};
+    if (!top || ::fstat(top.get(), &st) != 0) {
+      VX_INSTALLER_LOG(3, kDiskUsage, "Failed to open directory %@ : %s", rootPath_,
+                       std::strerror(errno));
+      return 0;
+    }
+    // Directories below are known by their parent and name, not by a path: a tree may be
+    // deeper than any path the kernel takes.
+    tree_.emplace(std::move(top), IdentityOf(st));
     // Workers share the queue of directories, the set of hard-linked files seen and the
     // total; each reads its directory into a batch of its own.
-    queue_.Push({std::string(), 0});
+    queue_.Push(tree_->root());
     queue_.Run(workers < 1 ? 1 : workers, [this](Pending& directory) {
       std::vector<unsigned char> batch = batches_.take();
       readDirectory(directory, batch);
@@ -137,51 +165,26 @@ class Measurement {
   }
 
  private:
-  // A directory waiting to be read: its path below the root and the inode its record gave.
-  struct Pending {
-    std::string relative;
-    uint64_t fileID = 0;
-  };
-
-  std::string pathOf(const std::string& relative) const {
-    if (relative.empty()) return rootPath_;
-    return rootPath_.back() == '/' ? rootPath_ + relative : rootPath_ + "/" + relative;
-  }
-
-  // The tree may change while it is measured: a directory is opened beneath the root with
-  // no symbolic link followed on the way, and must still be the directory that was listed.
-  // The root is read first and alone, so its descriptor is set before any worker needs it.
-  UniqueFd openDirectory(const Pending& pending) {
-    if (pending.relative.empty()) {
-      root_.reset(::open(rootPath_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-      return root_ ? UniqueFd(::fcntl(root_.get(), F_DUPFD_CLOEXEC, 0)) : UniqueFd();
-    }
-    UniqueFd fd = OpenBeneath(root_.get(), pending.relative, O_RDONLY | O_DIRECTORY);
-    struct stat st {};
-    if (fd && pending.fileID != 0 &&
-        (::fstat(fd.get(), &st) != 0 || static_cast<uint64_t>(st.st_ino) != pending.fileID)) {
-      errno = ESTALE;
-      return UniqueFd();
-    }
-    return fd;
-  }
+  using Pending = DirectoryNode*;
 
   void readDirectory(const Pending& pending, std::vector<unsigned char>& batch) {
-    const std::string directory = pathOf(pending.relative);
-    UniqueFd fd = openDirectory(pending);
+    const MessagePath directory(pending, rootPath_);
+    // The tree may change while it is measured: a directory is opened from its parent with
+    // no symbolic link followed, and must still be the directory that was listed.
+    const SharedFd fd = tree_->Open(pending);
     if (!fd) {
-      VX_INSTALLER_LOG(3, kDiskUsage, "Failed to open directory %@ : %s", directory,
+      VX_INSTALLER_LOG(3, kDiskUsage, "Failed to open directory %@ : %s", directory.path(),
                        std::strerror(errno));
       return;
     }
-    HarvestCursor cursor(fd.get());
+    HarvestCursor cursor(fd->get());
     uint64_t entryIndex = 0;
     uint64_t sum = 0;  // added to the shared total once, when the directory is done
     for (;;) {
       const int count = dirharvest(cursor, request(), batch.data(), batch.size());
       if (count < 0) {
         VX_INSTALLER_LOG(3, kDiskUsage, "dirharvest on entry %llu in %@ returned error %s",
-                         entryIndex, directory, std::strerror(errno));
+                         entryIndex, directory.path(), std::strerror(errno));
         break;
       }
       if (count == 0) break;
@@ -199,7 +202,7 @@ class Measurement {
           broken = true;
           break;
         }
-        sum += handle(Decode(batch.data() + at, length), entryIndex, directory, pending.relative);
+        sum += handle(Decode(batch.data() + at, length), entryIndex, directory, pending);
         at += length;
       }
       if (broken) break;
@@ -208,16 +211,16 @@ class Measurement {
   }
 
   // The bytes the entry adds to the total.
-  uint64_t handle(const HarvestedEntry& entry, uint64_t index, const std::string& directory,
-                  const std::string& relative) {
+  uint64_t handle(const HarvestedEntry& entry, uint64_t index, const MessagePath& directory,
+                  DirectoryNode* parent) {
     if (entry.error != 0) {
       VX_INSTALLER_LOG(3, kDiskUsage, "Got error %s while processing entry %llu in %@",
-                       std::strerror(static_cast<int>(entry.error)), index, directory);
+                       std::strerror(static_cast<int>(entry.error)), index, directory.path());
       return 0;
     }
     if (entry.objectType == kHarvestDirectory) {
       if (entry.entryCountReturned && entry.entryCount == 0) {
-        VX_INSTALLER_LOG(7, kDiskUsage, "skipping empty directory at %@/%s", directory,
+        VX_INSTALLER_LOG(7, kDiskUsage, "skipping empty directory at %@/%s", directory.path(),
                          entry.name);
         return 0;
       }
@@ -225,7 +228,7 @@ class Measurement {
         VX_INSTALLER_LOG(3, kDiskUsage,
                          "Failed to get name for directory item %llu in %@; not counting its "
                          "children",
-                         index, directory);
+                         index, directory.path());
         return 0;
       }
       const std::string name =
@@ -233,10 +236,11 @@ class Measurement {
       if (!IsPlainName(name)) {
         VX_INSTALLER_LOG(3, kDiskUsage,
                          "Failed to create path to child directory by appending \"%s\" to %@",
-                         entry.name, directory);
+                         entry.name, directory.path());
         return 0;
       }
-      queue_.Push({relative.empty() ? name : relative + "/" + name, entry.fileID});
+      // The record gives the inode alone (a device of 0 asks for no more).
+      queue_.Push(tree_->Add(parent, name, {0, static_cast<ino_t>(entry.fileID)}));
       return 0;
     }
     if (entry.linkCount == 1) return entry.allocatedSize;
@@ -247,7 +251,8 @@ class Measurement {
       first = seen_.insert(entry.fileID).second;
     }
     if (!first) {
-      VX_INSTALLER_LOG(7, kDiskUsage, "Skipping hardlinked file at %@/%s", directory, entry.name);
+      VX_INSTALLER_LOG(7, kDiskUsage, "Skipping hardlinked file at %@/%s", directory.path(),
+                       entry.name);
       return 0;
     }
     return entry.allocatedSize;
@@ -266,7 +271,7 @@ class Measurement {
   }
 
   std::string rootPath_;
-  UniqueFd root_;
+  std::optional<DirectoryNodes> tree_;
   BatchPool batches_;
   WorkQueue<Pending> queue_;
   std::mutex seenMutex_;

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "filemanager/VXFileManager.h"
 #include "platform/files/Beneath.h"
 #include "platform/files/DirectoryNames.h"
+#include "platform/files/DirectoryNodes.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/files/WorkQueue.h"
@@ -78,9 +80,9 @@ struct Identity {
 
 // The walk of the one-worker form, by several workers: each takes a directory from the
 // shared queue, looks at every item in it through an O_PATH descriptor of its own, and
-// queues the directories it finds. A queued directory is opened again beneath the root with
-// no link followed and must be the one that was looked at, or the walk stops as the
-// one-worker walk stops at an item that changed under it. Mount points are not entered; a
+// queues the directories it finds. A queued directory is opened again from its parent with
+// no link followed, however deep it lies, and must be the one that was looked at, or the
+// walk stops as the one-worker walk stops at an item that changed under it. Mount points are not entered; a
 // directory met a second time (a bind mount of an ancestor) is not entered again.
 class ParallelOwnership {
  public:
@@ -101,10 +103,11 @@ class ParallelOwnership {
     } else if (Visit(item.get(), rootPath_, st) && S_ISDIR(st.st_mode)) {
       rootDevice_ = st.st_dev;
       entered_.insert({st.st_dev, st.st_ino});
-      rootDir_.reset(::openat(item.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      UniqueFd rootDir(::openat(item.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
       // An unreadable root is visited and not entered, as any unreadable directory.
-      if (rootDir_) {
-        queue_.Push({std::string(), {st.st_dev, st.st_ino}});
+      if (rootDir) {
+        tree_.emplace(std::move(rootDir), FileIdentity{st.st_dev, st.st_ino});
+        queue_.Push(tree_->root());
         queue_.Run(workers, [this](Pending& directory) { ReadDirectory(directory); });
       }
     }
@@ -117,15 +120,7 @@ class ParallelOwnership {
  private:
   static constexpr const char* kTraverse = "-[VXFileManager _traverseDirectory:error:withBlock:]";
 
-  struct Pending {
-    std::string relative;
-    Identity identity;
-  };
-
-  std::string PathOf(const std::string& relative) const {
-    if (relative.empty()) return rootPath_;
-    return rootPath_.back() == '/' ? rootPath_ + relative : rootPath_ + "/" + relative;
-  }
+  using Pending = DirectoryNode*;
 
   bool Visit(int fd, const std::string& path, const struct stat& st) {
     ErrorRef refusal;
@@ -151,29 +146,16 @@ class ParallelOwnership {
                     std::strerror(entryError)));
   }
 
-  UniqueFd OpenDirectory(const Pending& pending) {
-    if (pending.relative.empty()) {
-      return UniqueFd(::fcntl(rootDir_.get(), F_DUPFD_CLOEXEC, 0));
-    }
-    UniqueFd dir = OpenBeneath(rootDir_.get(), pending.relative, O_RDONLY | O_DIRECTORY);
-    struct stat st {};
-    if (dir && (::fstat(dir.get(), &st) != 0 ||
-                !(Identity{st.st_dev, st.st_ino} == pending.identity))) {
-      errno = ESTALE;
-      return UniqueFd();
-    }
-    return dir;
-  }
-
   void ReadDirectory(const Pending& pending) {
-    UniqueFd dir = OpenDirectory(pending);
+    const SharedFd dir = tree_->Open(pending);
     if (!dir) {
       // Unreadable: visited already, and not entered.
       if (errno != EACCES) Fail(errno);
       return;
     }
     std::vector<std::string> names;
-    if (!ReadDirectoryNames(dir.get(), &names)) return Fail(errno);
+    if (!ReadDirectoryNames(dir->get(), &names)) return Fail(errno);
+    std::string directoryPath;  // for the visits that need a path, made once
     // Items of one directory tend to need the same: once one needed a change, the next is
     // opened at once rather than looked at by name first.
     bool expectChange = false;
@@ -185,24 +167,27 @@ class ParallelOwnership {
       struct stat st {};
       UniqueFd item;
       if (!expectChange) {
-        if (::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return Fail(errno);
+        if (::fstatat(dir->get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return Fail(errno);
       }
       if (expectChange || st.st_uid != uid_ || st.st_gid != gid_) {
-        item.reset(::openat(dir.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        item.reset(::openat(dir->get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         if (!item || ::fstat(item.get(), &st) != 0) return Fail(errno);
         expectChange = st.st_uid != uid_ || st.st_gid != gid_;
       }
       const bool isDirectory = S_ISDIR(st.st_mode);
       if (!item && !isDirectory && !S_ISLNK(st.st_mode)) continue;  // nothing to do or to enter
-      const std::string relative = pending.relative.empty() ? name : pending.relative + "/" + name;
-      if ((item || S_ISLNK(st.st_mode)) && !Visit(item.get(), PathOf(relative), st)) return;
+      if (item || S_ISLNK(st.st_mode)) {
+        if (directoryPath.empty()) directoryPath = DirectoryNodes::PathOf(pending, rootPath_);
+        const bool slash = directoryPath.back() == '/';
+        if (!Visit(item.get(), directoryPath + (slash ? "" : "/") + name, st)) return;
+      }
       if (!isDirectory || st.st_dev != rootDevice_) continue;
       bool first = false;
       {
         std::lock_guard lock(mutex_);
         first = entered_.insert({st.st_dev, st.st_ino}).second;
       }
-      if (first) queue_.Push({relative, {st.st_dev, st.st_ino}});
+      if (first) queue_.Push(tree_->Add(pending, name, {st.st_dev, st.st_ino}));
     }
   }
 
@@ -211,7 +196,7 @@ class ParallelOwnership {
   const std::string& rootPath_;
   const uid_t uid_;
   const gid_t gid_;
-  UniqueFd rootDir_;
+  std::optional<DirectoryNodes> tree_;
   dev_t rootDevice_ = 0;
   WorkQueue<Pending> queue_;
   std::mutex mutex_;

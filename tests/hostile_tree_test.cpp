@@ -27,8 +27,10 @@
 #include "AppMigrator/ItemCensus.h"
 #include "filemanager/VXFileManager.h"
 #include "platform/files/AtomicFile.h"
+#include "platform/files/Beneath.h"
 #include "platform/files/CloneTree.h"
 #include "platform/files/DirHarvest.h"
+#include "platform/files/DirectoryNodes.h"
 #include "platform/files/DirentRecords.h"
 #include "platform/files/PurgeTree.h"
 #include "support/FileDigest.h"
@@ -247,6 +249,54 @@ TEST_F(HostileTreeTest, RemovalNeverReachesThroughASwappedLink) {
   });
   fm().removeItemAtURL(URL(root), nullptr);
   outside.ExpectUntouched();
+}
+
+// Deep walks hold few descriptors and find a directory again from afar, by names, or
+// through "..". Whichever way, what they reach must be the directory that was met.
+TEST_F(HostileTreeTest, DeepDirectoriesAreFoundAgainOnlyAsTheOnesMet) {
+  constexpr int kLevels = 200;  // several strides of names below the root
+  std::string chain = "d";
+  for (int i = 1; i < kLevels; ++i) chain += "/d";
+  test::MakeDirs(root + "/" + chain);
+  UniqueFd top(::open(root.c_str(), O_RDONLY | O_DIRECTORY));
+  FileIdentity rootId;
+  ASSERT_TRUE(IdentityOf(top.get(), &rootId));
+  DirectoryNodes tree(std::move(top), rootId);
+  std::vector<DirectoryNode*> nodes{tree.root()};
+  UniqueFd level(::open(root.c_str(), O_RDONLY | O_DIRECTORY));
+  for (int i = 0; i < kLevels; ++i) {
+    level = OpenDirectoryAt(level.get(), "d");
+    FileIdentity id;
+    ASSERT_TRUE(level && IdentityOf(level.get(), &id));
+    // Only the middle one keeps its descriptor: the rest are found by names.
+    nodes.push_back(tree.Add(nodes.back(), "d", id,
+                             i == kLevels / 2 ? UniqueFd(::dup(level.get())) : UniqueFd()));
+  }
+  const auto identity = [](const SharedFd& fd) {
+    FileIdentity id;
+    return fd && IdentityOf(fd->get(), &id) ? id : FileIdentity{};
+  };
+  ASSERT_EQ(identity(tree.Open(nodes.back())), nodes.back()->identity);
+
+  // An ancestor replaced by a look-alike chain, then by a link to the real one.
+  DirectoryNode* deep = nodes[kLevels / 2 - 1];  // nothing held between it and the root
+  ASSERT_EQ(::rename((root + "/d").c_str(), (root + "/real").c_str()), 0);
+  test::MakeDirs(root + "/" + chain);
+  errno = 0;
+  EXPECT_FALSE(tree.Open(deep));
+  EXPECT_EQ(errno, ESTALE);
+  fm().removeItemAtURL(URL(root + "/d"), nullptr);
+  test::MakeSymlink("real", root + "/d");
+  EXPECT_FALSE(tree.Open(deep));
+  EXPECT_EQ(errno, ELOOP);
+  ASSERT_EQ(::unlink((root + "/d").c_str()), 0);
+  ASSERT_EQ(::rename((root + "/real").c_str(), (root + "/d").c_str()), 0);
+
+  // The held directory moved away: its ".." is not the parent met, which is found by names.
+  DirectoryNode* held = nodes[kLevels / 2 + 1];
+  const std::string heldPath = root + "/" + chain.substr(0, 2 * (kLevels / 2 + 1) - 1);
+  ASSERT_EQ(::rename(heldPath.c_str(), (root + "/moved").c_str()), 0);
+  EXPECT_EQ(identity(tree.OpenParent(held)), held->parent->identity);
 }
 
 TEST_F(HostileTreeTest, MeasuringNeverCountsWhatASwappedLinkLeadsTo) {

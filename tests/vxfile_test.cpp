@@ -1,4 +1,8 @@
 // vxfile from outside: the built program, its output and its exit statuses.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -96,6 +100,82 @@ TEST(VxfileTest, ListsInLargeWritesAndWalksWithWorkers) {
   EXPECT_EQ(Vxfile({"rm", "-j", "2", tmp / "copy", tmp / "none"}).exitStatus, 0);
   EXPECT_FALSE(test::Exists(tmp / "copy"));
   EXPECT_EQ(Vxfile({"du", "-j", "0", tmp / "dir"}).exitStatus, 2) << "at least one worker";
+}
+
+// A path through it is half as long again as the longest the kernel takes (one-letter
+// names): deep enough that no walk may name a directory from the top, shallow enough to
+// stay quick under sanitizers.
+constexpr int kDeep = 3000;
+
+// A chain of kDeep directories "d" under `top` and a file "leaf" at the bottom, linked as
+// "link" too, each level made from the descriptor of the one above: no path to it could be
+// given.
+void MakeDeepChain(const std::string& top, const std::string& leaf) {
+  ASSERT_EQ(::mkdir(top.c_str(), 0755), 0);
+  int fd = ::open(top.c_str(), O_RDONLY | O_DIRECTORY);
+  for (int i = 0; i < kDeep && fd >= 0; ++i) {
+    ASSERT_EQ(::mkdirat(fd, "d", 0755), 0) << i;
+    const int next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY);
+    ::close(fd);
+    fd = next;
+  }
+  ASSERT_GE(fd, 0);
+  const int file = ::openat(fd, "leaf", O_WRONLY | O_CREAT, 0644);
+  ASSERT_EQ(::write(file, leaf.data(), leaf.size()), static_cast<ssize_t>(leaf.size()));
+  ::close(file);
+  ASSERT_EQ(::linkat(fd, "leaf", fd, "link", 0), 0);
+  ::close(fd);
+}
+
+// How many "d" levels lie under `top`, and what the bottom's "leaf" holds (empty unless
+// "link" there is the same file).
+std::pair<int, std::string> DeepChain(const std::string& top) {
+  int fd = ::open(top.c_str(), O_RDONLY | O_DIRECTORY);
+  int depth = 0;
+  for (int next; fd >= 0 && (next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY | O_NOFOLLOW)) >= 0;
+       ++depth) {
+    ::close(fd);
+    fd = next;
+  }
+  std::string leaf(64, '\0');
+  const int file = fd >= 0 ? ::openat(fd, "leaf", O_RDONLY) : -1;
+  struct stat a {};
+  struct stat b {};
+  const bool linked = ::fstatat(fd, "leaf", &a, 0) == 0 && ::fstatat(fd, "link", &b, 0) == 0 &&
+                      a.st_ino == b.st_ino;
+  const ssize_t n = file >= 0 && linked ? ::read(file, leaf.data(), leaf.size()) : 0;
+  leaf.resize(static_cast<size_t>(std::max<ssize_t>(0, n)));
+  if (file >= 0) ::close(file);
+  if (fd >= 0) ::close(fd);
+  return {depth, leaf};
+}
+
+TEST(VxfileTest, CopiesMeasuresOwnsAndRemovesTreesDeeperThanAnyPath) {
+  // In memory where there is such a place: a disk's journal makes thousands of levels slow,
+  // and depth, not the file system, is what is tried here.
+  test::TempDir tmp(test::Exists("/dev/shm") ? "/dev/shm" : "");
+  MakeDeepChain(tmp / "deep", "at the bottom");
+  ASSERT_FALSE(HasFatalFailure());
+  test::WriteFile(tmp / "flat/leaf", "at the bottom");
+  const std::string leafOnly = Vxfile({"du", tmp / "flat"}).out;
+
+  for (const char* jobs : {"1", "2"}) {
+    const std::string copy = tmp / (std::string("copy") + jobs);
+    auto cp = Vxfile({"cp", "-j", jobs, tmp / "deep", copy});
+    ASSERT_EQ(cp.exitStatus, 0) << cp.describe();
+    EXPECT_EQ(DeepChain(copy), std::make_pair(kDeep, std::string("at the bottom"))) << jobs;
+  }
+  EXPECT_EQ(Vxfile({"du", tmp / "copy2"}).out, leafOnly) << "the leaf is counted";
+  auto own = Vxfile({"own", "-j", "2", tmp / "copy1", std::to_string(::getuid()),
+                     std::to_string(::getgid())});
+  EXPECT_EQ(own.exitStatus, 0) << own.describe();
+
+  auto rm = Vxfile({"rm", tmp / "copy1"});
+  EXPECT_EQ(rm.exitStatus, 0) << rm.describe();
+  rm = Vxfile({"rm", "-j", "4", tmp / "copy2"});
+  EXPECT_EQ(rm.exitStatus, 0) << rm.describe();
+  EXPECT_FALSE(test::Exists(tmp / "copy1"));
+  EXPECT_FALSE(test::Exists(tmp / "copy2"));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <string_view>
@@ -223,15 +224,31 @@ int LinkToCopy(int dstRoot, const std::string& relativePath, const Identity& mad
       slash == std::string::npos ? std::string() : relativePath.substr(0, slash);
   const std::string name =
       slash == std::string::npos ? relativePath : relativePath.substr(slash + 1);
-  UniqueFd parent = OpenBeneath(dstRoot, parentPath, O_RDONLY | O_DIRECTORY);
-  if (!parent) return ESTALE;
+  // The copy may lie deeper than any path the kernel takes: found a stretch at a time.
+  constexpr size_t kStretch = 2048;
+  std::string_view rest = parentPath;
+  UniqueFd parent;
+  do {
+    size_t end = rest.size();
+    if (end > kStretch) end = rest.rfind('/', kStretch);
+    if (end == std::string_view::npos || (end == 0 && !rest.empty())) return ESTALE;
+    parent = OpenBeneath(parent ? parent.get() : dstRoot, rest.substr(0, end),
+                         O_RDONLY | O_DIRECTORY);
+    if (!parent) return ESTALE;
+    rest.remove_prefix(std::min(rest.size(), end + 1));
+  } while (!rest.empty());
+  return LinkToCopyIn(parent.get(), name, made, dstDir, dstName);
+}
+
+int LinkToCopyIn(int parent, const std::string& name, const Identity& made, int dstDir,
+                 const std::string& dstName) {
   struct stat st {};
-  if (::fstatat(parent.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+  if (::fstatat(parent, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
       IdentityOf(st) != made) {
     return ESTALE;
   }
   int e = Place(dstDir, dstName, [&](const std::string& linkName) {
-    return sys::Linkat(parent.get(), name.c_str(), dstDir, linkName.c_str(), 0) == 0 ? 0 : errno;
+    return sys::Linkat(parent, name.c_str(), dstDir, linkName.c_str(), 0) == 0 ? 0 : errno;
   });
   if (e) return e;
   // The name may have been swapped between the look and the link.

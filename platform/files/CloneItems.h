@@ -48,6 +48,9 @@ int MakeSpecial(int dstDir, const std::string& dstName, const struct stat& st, u
 // proven to be the item of identity `made`; ESTALE when it is not there any more.
 int LinkToCopy(int dstRoot, const std::string& relativePath, const Identity& made, int dstDir,
                const std::string& dstName);
+// The same, the copy being `name` in the open directory `parent` of the copy.
+int LinkToCopyIn(int parent, const std::string& name, const Identity& made, int dstDir,
+                 const std::string& dstName);
 
 // Copies the directory `srcName` in `srcDir` to `dstName` in `dstDir` with `workers`
 // threads; what clonetree does for a directory, with the same result.

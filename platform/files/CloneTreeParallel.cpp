@@ -5,8 +5,8 @@
 // - files linked more than once, so that every name of one file is linked to the same copy;
 // - the directories' own metadata, deepest first, so that no entry made in a directory
 //   after its times were set moves them again.
-// Directories are reopened beneath the roots of both trees by their path with no link
-// followed, and must be the directories that were made or looked at.
+// Directories are reopened from their nearest open ancestor in both trees with no link
+// followed, and must be the directories that were made or looked at, however deep they lie.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,6 +26,7 @@
 #include "platform/files/CloneItems.h"
 #include "platform/files/CloneTree.h"
 #include "platform/files/DirectoryNames.h"
+#include "platform/files/DirectoryNodes.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/files/WorkQueue.h"
@@ -32,41 +34,38 @@
 namespace vx::clone {
 namespace {
 
-// A directory of the source and its copy, by their path below the two roots (the same
-// path: the copy keeps every name).
+// A directory of the source and its copy (the same names: the copy keeps every name).
 struct Directory {
-  std::string relative;
-  Identity src;
-  Identity dst;
+  DirectoryNode* src = nullptr;
+  DirectoryNode* dst = nullptr;
   struct stat st {};  // the source's, as it was when the directory was entered
 };
 
 // A file with more than one link, left for after the workers.
 struct LinkedFile {
-  std::string directory;  // relative
+  Directory directory;
   std::string name;
-  Identity srcDirectory;
-  Identity dstDirectory;
 };
 
 // What Enter returns for a source directory gone since it was listed: nothing to copy.
 constexpr int kVanished = -1;
-
-std::string Join(const std::string& relative, const std::string& name) {
-  return relative.empty() ? name : relative + "/" + name;
-}
 
 class ParallelCloner {
  public:
   ParallelCloner(unsigned flags, unsigned workers) : flags_(flags), workers_(workers) {}
 
   int Run(int srcDir, const std::string& srcName, int dstDir, const std::string& dstName) {
-    Directory top;
-    if (int e = Enter(srcDir, srcName, dstDir, dstName, std::string(), &srcRoot_, &dstRoot_,
-                      &top)) {
+    UniqueFd src;
+    UniqueFd dst;
+    struct stat st {};
+    Identity dstIdentity;
+    if (int e = Enter(srcDir, srcName, dstDir, dstName, &src, &dst, &st, &dstIdentity)) {
       return e == kVanished ? 0 : e;
     }
-    dstRootIdentity_ = top.dst;
+    dstRootIdentity_ = dstIdentity;
+    srcTree_.emplace(std::move(src), IdentityOf(st));
+    dstTree_.emplace(std::move(dst), dstIdentity);
+    const Directory top{srcTree_->root(), dstTree_->root(), st};
     directories_.push_back(top);
     queue_.Push(top);
     queue_.Run(workers_, [this](Directory& directory) { Copy(directory); });
@@ -77,33 +76,25 @@ class ParallelCloner {
 
  private:
   // Opens the source directory `srcName`, makes (or finds, to merge into) its copy, and
-  // opens that; the two descriptors and what the directory is.
+  // opens that; the two descriptors, the source's status and the copy's identity.
   int Enter(int srcDir, const std::string& srcName, int dstDir, const std::string& dstName,
-            const std::string& relative, UniqueFd* src, UniqueFd* dst, Directory* directory) {
+            UniqueFd* src, UniqueFd* dst, struct stat* st, Identity* dstIdentity) {
     *src = OpenDirectoryAt(srcDir, srcName.c_str());
     if (!*src) return errno == ENOENT ? kVanished : errno;
-    if (::fstat(src->get(), &directory->st) != 0) return errno;
-    directory->src = IdentityOf(directory->st);
+    if (::fstat(src->get(), st) != 0) return errno;
     if (sys::Mkdirat(dstDir, dstName.c_str(), 0700) != 0 && errno != EEXIST) return errno;
     *dst = OpenDirectoryAt(dstDir, dstName.c_str());
     if (!*dst) return errno == ENOTDIR || errno == ELOOP ? EEXIST : errno;
-    if (!IdentityOf(dst->get(), &directory->dst)) return errno;
-    directory->relative = relative;
+    if (!IdentityOf(dst->get(), dstIdentity)) return errno;
     return 0;
   }
 
   // Both directories, proven to be the ones that were entered; ESTALE when either is not.
-  int Reopen(const std::string& relative, const Identity& srcId, const Identity& dstId,
-             UniqueFd* src, UniqueFd* dst) {
-    *src = relative.empty() ? UniqueFd(::fcntl(srcRoot_.get(), F_DUPFD_CLOEXEC, 0))
-                            : OpenBeneath(srcRoot_.get(), relative, O_RDONLY | O_DIRECTORY);
-    *dst = relative.empty() ? UniqueFd(::fcntl(dstRoot_.get(), F_DUPFD_CLOEXEC, 0))
-                            : OpenBeneath(dstRoot_.get(), relative, O_RDONLY | O_DIRECTORY);
-    if (!*src || !*dst) return errno;
-    Identity s;
-    Identity d;
-    if (!IdentityOf(src->get(), &s) || !IdentityOf(dst->get(), &d)) return errno;
-    return s == srcId && d == dstId ? 0 : ESTALE;
+  int Reopen(const Directory& directory, SharedFd* src, SharedFd* dst) {
+    *src = srcTree_->Open(directory.src);
+    if (!*src) return errno;
+    *dst = dstTree_->Open(directory.dst);
+    return *dst ? 0 : errno;
   }
 
   void Fail(int e) {
@@ -115,24 +106,24 @@ class ParallelCloner {
   }
 
   void Copy(const Directory& directory) {
-    UniqueFd src;
-    UniqueFd dst;
-    if (int e = Reopen(directory.relative, directory.src, directory.dst, &src, &dst)) {
+    SharedFd src;
+    SharedFd dst;
+    if (int e = Reopen(directory, &src, &dst)) {
       // Gone since it was listed, as for any entry: nothing of it to copy.
       if (e != ENOENT) Fail(e);
       return;
     }
     // The names are read when the directory is entered, as the one-worker copy reads them.
     std::vector<std::string> names;
-    if (!ReadDirectoryNames(src.get(), &names)) return Fail(errno);
+    if (!ReadDirectoryNames(src->get(), &names)) return Fail(errno);
     for (const std::string& name : names) {
       if (queue_.stopped()) return;
       struct stat st {};
-      if (::fstatat(src.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (::fstatat(src->get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
         if (errno == ENOENT) continue;  // gone since it was listed
         return Fail(errno);
       }
-      if (int e = CopyEntry(directory, src.get(), dst.get(), name, st)) return Fail(e);
+      if (int e = CopyEntry(directory, src->get(), dst->get(), name, st)) return Fail(e);
     }
   }
 
@@ -141,24 +132,26 @@ class ParallelCloner {
     if (S_ISDIR(st.st_mode)) {
       // The destination inside the source: its copy is what is being made, not a part of it.
       if (IdentityOf(st) == dstRootIdentity_) return 0;
-      Directory child;
       UniqueFd src;
       UniqueFd dst;
-      if (int e = Enter(srcDir, name, dstDir, name, Join(parent.relative, name), &src, &dst,
-                        &child)) {
+      Directory child;
+      Identity dstIdentity;
+      if (int e = Enter(srcDir, name, dstDir, name, &src, &dst, &child.st, &dstIdentity)) {
         return e == kVanished ? 0 : e;
       }
+      child.src = srcTree_->Add(parent.src, name, IdentityOf(child.st), std::move(src));
+      child.dst = dstTree_->Add(parent.dst, name, dstIdentity, std::move(dst));
       {
         std::lock_guard lock(mutex_);
         directories_.push_back(child);
       }
-      queue_.Push(std::move(child));
+      queue_.Push(child);
       return 0;
     }
     if (S_ISREG(st.st_mode)) {
       if (st.st_nlink > 1) {
         std::lock_guard lock(mutex_);
-        linkedFiles_.push_back({parent.relative, name, parent.src, parent.dst});
+        linkedFiles_.push_back({parent, name});
         return 0;
       }
       struct stat opened {};
@@ -167,7 +160,7 @@ class ParallelCloner {
       if (!file) return errno == ENOENT ? 0 : errno;
       if (opened.st_nlink > 1) {
         std::lock_guard lock(mutex_);
-        linkedFiles_.push_back({parent.relative, name, parent.src, parent.dst});
+        linkedFiles_.push_back({parent, name});
         return 0;
       }
       return CopyRegularTo(file.get(), opened, dstDir, name, flags_, &noReflink_);
@@ -179,36 +172,40 @@ class ParallelCloner {
 
   // One name of each file becomes a copy; the others are linked to it, as in the source.
   int CopyLinkedFiles() {
-    std::map<std::pair<dev_t, ino_t>, std::pair<std::string, Identity>> firstCopies;
+    struct FirstCopy {
+      DirectoryNode* directory;  // of the copy
+      const std::string* name;
+      Identity identity;
+    };
+    std::map<std::pair<dev_t, ino_t>, FirstCopy> firstCopies;
     for (const LinkedFile& linked : linkedFiles_) {
-      UniqueFd src;
-      UniqueFd dst;
-      if (int e = Reopen(linked.directory, linked.srcDirectory, linked.dstDirectory, &src, &dst)) {
-        return e;
-      }
+      SharedFd src;
+      SharedFd dst;
+      if (int e = Reopen(linked.directory, &src, &dst)) return e;
       struct stat st {};
-      UniqueFd file = OpenRegularFileAt(src.get(), linked.name.c_str(), &st);
+      UniqueFd file = OpenRegularFileAt(src->get(), linked.name.c_str(), &st);
       if (!file) {
         if (errno == ENOENT) continue;
         return errno;
       }
-      const std::string relative = Join(linked.directory, linked.name);
       const std::pair<dev_t, ino_t> key{st.st_dev, st.st_ino};
       if (auto first = firstCopies.find(key); first != firstCopies.end()) {
-        const int e =
-            LinkToCopy(dstRoot_.get(), first->second.first, first->second.second, dst.get(),
-                       linked.name);
+        const SharedFd firstDirectory = dstTree_->Open(first->second.directory);
+        const int e = firstDirectory ? LinkToCopyIn(firstDirectory->get(), *first->second.name,
+                                                    first->second.identity, dst->get(),
+                                                    linked.name)
+                                     : ESTALE;
         if (e == 0) continue;
         // A file system without hard links, or a first copy no longer where it was made:
         // copy it on its own.
         if (e != EMLINK && e != EPERM && e != EXDEV && e != ESTALE && e != ENOENT) return e;
       }
-      if (int e = CopyRegularTo(file.get(), st, dst.get(), linked.name, flags_, &noReflink_)) {
+      if (int e = CopyRegularTo(file.get(), st, dst->get(), linked.name, flags_, &noReflink_)) {
         return e;
       }
       struct stat made {};
-      if (::fstatat(dst.get(), linked.name.c_str(), &made, AT_SYMLINK_NOFOLLOW) == 0) {
-        firstCopies.emplace(key, std::make_pair(relative, IdentityOf(made)));
+      if (::fstatat(dst->get(), linked.name.c_str(), &made, AT_SYMLINK_NOFOLLOW) == 0) {
+        firstCopies.emplace(key, FirstCopy{linked.directory.dst, &linked.name, IdentityOf(made)});
       }
     }
     return 0;
@@ -216,27 +213,34 @@ class ParallelCloner {
 
   // Deepest first, the top last: a directory's times are set once nothing more is made in it.
   int FinishDirectories() {
-    auto depth = [](const Directory& d) {
-      return d.relative.empty() ? 0 : 1 + std::count(d.relative.begin(), d.relative.end(), '/');
-    };
     std::stable_sort(directories_.begin(), directories_.end(),
-                     [&](const Directory& a, const Directory& b) { return depth(a) > depth(b); });
-    for (const Directory& directory : directories_) {
-      UniqueFd src;
-      UniqueFd dst;
-      if (int e = Reopen(directory.relative, directory.src, directory.dst, &src, &dst)) {
+                     [](const Directory& a, const Directory& b) {
+                       return a.src->depth > b.src->depth;
+                     });
+    for (size_t i = 0; i < directories_.size(); ++i) {
+      const Directory& directory = directories_[i];
+      SharedFd src;
+      SharedFd dst;
+      if (int e = Reopen(directory, &src, &dst)) {
         if (e == ENOENT) continue;
         return e;
       }
-      if (int e = CopyMetadata(src.get(), dst.get(), directory.st, flags_)) return e;
+      if (int e = CopyMetadata(src->get(), dst->get(), directory.st, flags_)) return e;
+      // Climbing a deep tree, the parent comes next: found through "..", not from afar.
+      if (i + 1 < directories_.size() && directories_[i + 1].src == directory.src->parent) {
+        srcTree_->OpenParent(directory.src);
+        dstTree_->OpenParent(directory.dst);
+      }
+      srcTree_->Forget(directory.src);
+      dstTree_->Forget(directory.dst);
     }
     return 0;
   }
 
   const unsigned flags_;
   const unsigned workers_;
-  UniqueFd srcRoot_;
-  UniqueFd dstRoot_;
+  std::optional<DirectoryNodes> srcTree_;
+  std::optional<DirectoryNodes> dstTree_;
   Identity dstRootIdentity_;
   std::atomic<bool> noReflink_{false};
   WorkQueue<Directory> queue_;

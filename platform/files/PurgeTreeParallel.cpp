@@ -2,9 +2,9 @@
 // waits on the file system's lock of that directory; workers that empty different
 // directories at once keep the disk busy. Each directory is a node that counts what it still
 // waits for (its own reading and each subdirectory not yet gone); whoever brings the count to
-// zero removes it, so a directory goes only after its last entry. Nodes are reopened beneath
-// the top directory by their path with no link followed and must be the directory that was
-// listed, so a directory swapped for a link meanwhile leads nowhere.
+// zero removes it, so a directory goes only after its last entry. Nodes are reopened from
+// their nearest open ancestor with no link followed and must be the directory that was
+// listed, so a directory swapped for a link meanwhile leads nowhere, however deep it lies.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,10 +16,12 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/files/Beneath.h"
+#include "platform/files/DirectoryNodes.h"
 #include "platform/files/DirentRecords.h"
 #include "platform/files/PurgeTree.h"
 #include "platform/files/FileIdentity.h"
@@ -33,13 +35,11 @@ namespace {
 
 constexpr size_t kEntriesSize = 64 * 1024;
 
-using Identity = FileIdentity;
 
 struct Node {
   Node* parent = nullptr;
-  std::string name;      // in the parent
-  std::string relative;  // below the top directory; empty for the top itself
-  Identity identity;
+  DirectoryNode* directory = nullptr;  // its name, identity and place in the tree
+  bool reread = false;                 // queued again after a reading
   std::atomic<size_t> pending{1};  // its reading, and each subdirectory not yet gone
   std::atomic<bool> failed{false};  // something below stays
   std::atomic<bool> changed{false};  // an entry went during the last reading
@@ -54,8 +54,8 @@ class ParallelRemover {
   int Run(UniqueFd top, unsigned workers) {
     struct stat st {};
     if (::fstat(top.get(), &st) != 0) return errno;
-    top_ = std::move(top);
-    Node* root = NewNode(nullptr, path_, std::string(), IdentityOf(st));
+    directories_.emplace(std::move(top), IdentityOf(st));
+    Node* root = NewNode(nullptr, directories_->root());
     queue_.Push(root);
     queue_.Run(workers, [this](Node*& node) { Read(node); });
     return 0;
@@ -64,47 +64,37 @@ class ParallelRemover {
   int firstError() const { return firstError_; }
 
  private:
-  Node* NewNode(Node* parent, std::string name, std::string relative, Identity identity) {
+  Node* NewNode(Node* parent, DirectoryNode* directory) {
     auto node = std::make_unique<Node>();
     node->parent = parent;
-    node->name = std::move(name);
-    node->relative = std::move(relative);
-    node->identity = identity;
+    node->directory = directory;
     std::lock_guard lock(nodesMutex_);
     nodes_.push_back(std::move(node));
     return nodes_.back().get();
   }
 
   std::string PathOf(const Node* node) const {
-    return node->relative.empty() ? path_ : path_ + "/" + node->relative;
-  }
-
-  // The node's directory, proven to be the one that was listed; invalid with errno.
-  UniqueFd Open(const Node* node) {
-    if (node->relative.empty()) return UniqueFd(::fcntl(top_.get(), F_DUPFD_CLOEXEC, 0));
-    UniqueFd fd = OpenBeneath(top_.get(), node->relative, O_RDONLY | O_DIRECTORY);
-    struct stat st {};
-    if (!fd) return fd;
-    if (::fstat(fd.get(), &st) != 0) return UniqueFd();
-    if (!(IdentityOf(st) == node->identity)) {
-      errno = ESTALE;
-      return UniqueFd();
-    }
-    return fd;
+    return DirectoryNodes::PathOf(node->directory, path_);
   }
 
   void Read(Node* node) {
-    UniqueFd fd = Open(node);
+    const SharedFd fd = directories_->Open(node->directory);
     if (!fd) {
       // Gone, or no longer the directory that was listed: nothing of it is removed here.
       const int e = errno;
       Report(PathOf(node), e);
-      Leave(node, e == ENOENT, e != ENOENT);
+      Release(Leave(node, e == ENOENT, e != ENOENT));
       return;
+    }
+    // The descriptor may be the one the last reading left at its end.
+    if (node->reread && ::lseek(fd->get(), 0, SEEK_SET) != 0) {
+      Report(PathOf(node), errno);
+      node->failed = true;
+      return Release(node);
     }
     std::vector<unsigned char> entries(kEntriesSize);
     for (;;) {
-      const long n = ::syscall(SYS_getdents64, fd.get(), entries.data(), entries.size());
+      const long n = ::syscall(SYS_getdents64, fd->get(), entries.data(), entries.size());
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) {
         Report(PathOf(node), errno);
@@ -116,7 +106,7 @@ class ParallelRemover {
       DirentRecord entry;
       while (reader.Next(&entry)) {
         if (entry.name == "." || entry.name == "..") continue;
-        VisitEntry(node, fd.get(), std::string(entry.name), entry.type);
+        VisitEntry(node, fd->get(), std::string(entry.name), entry.type);
       }
       if (reader.malformed()) {
         Report(PathOf(node), EIO);
@@ -152,8 +142,7 @@ class ParallelRemover {
       return FailChild(node, name, errno);
     }
     ++node->pending;
-    queue_.Push(NewNode(node, name, node->relative.empty() ? name : node->relative + "/" + name,
-                        IdentityOf(st)));
+    queue_.Push(NewNode(node, directories_->Add(node->directory, name, IdentityOf(st))));
   }
 
   static bool IsDirectory(int dirfd, const std::string& name) {
@@ -171,31 +160,35 @@ class ParallelRemover {
     }
   }
 
-  // One thing the node waited for is done; the last one removes it.
+  // One thing the node waited for is done; the last one removes it, and so on up the tree:
+  // a loop, as a tree may be deeper than any stack.
   void Release(Node* node) {
-    if (--node->pending == 0) Finish(node);
+    while (node && --node->pending == 0) node = Finish(node);
   }
 
-  void Finish(Node* node) {
-    if (stopped_) return;
+  // Removes the node's directory; returns the parent to release, if any.
+  Node* Finish(Node* node) {
+    if (stopped_) return nullptr;
     int error = 0;
     bool failed = node->failed;
     if (!failed) {
       const bool isTop = node->parent == nullptr;
-      UniqueFd parentFd = isTop ? UniqueFd() : Open(node->parent);
+      const SharedFd parentFd = isTop ? SharedFd() : directories_->OpenParent(node->directory);
       int result = -1;
       if (isTop) {
         result = sys::Unlinkat(AT_FDCWD, path_.c_str(), AT_REMOVEDIR);
       } else if (parentFd) {
-        result = sys::Unlinkat(parentFd.get(), node->name.c_str(), AT_REMOVEDIR);
+        result = sys::Unlinkat(parentFd->get(), node->directory->name.c_str(), AT_REMOVEDIR);
       }
       if (result == 0) {
+        directories_->Forget(node->directory);
         if (!isTop) node->parent->changed = true;
       } else if ((errno == ENOTEMPTY || errno == EEXIST) && node->changed.exchange(false)) {
         // Removing entries while reading may hide others from the listing: read it again.
         node->pending = 1;
+        node->reread = true;
         queue_.Push(node);
-        return;
+        return nullptr;
       } else {
         error = errno;
         failed = error != ENOENT;
@@ -203,16 +196,16 @@ class ParallelRemover {
     }
     // A directory that kept a failed descendant is not worth a report of its own.
     if (error) Report(PathOf(node), error);
-    Leave(node, error == ENOENT, failed);
+    return Leave(node, error == ENOENT, failed);
   }
 
-  // The node is dealt with: tell its parent whether it stays.
-  void Leave(Node* node, bool vanished, bool failed) {
+  // The node is dealt with: tell its parent whether it stays. Returns the parent.
+  static Node* Leave(Node* node, bool vanished, bool failed) {
     Node* parent = node->parent;
-    if (!parent) return;
+    if (!parent) return nullptr;
     if (vanished) parent->changed = true;
     if (failed) parent->failed = true;
-    Release(parent);
+    return parent;
   }
 
   void Report(const std::string& path, int error) {
@@ -225,7 +218,7 @@ class ParallelRemover {
 
   PurgeTreeState* state_;
   const std::string path_;
-  UniqueFd top_;
+  std::optional<DirectoryNodes> directories_;
   WorkQueue<Node*> queue_;
   std::mutex nodesMutex_;
   std::deque<std::unique_ptr<Node>> nodes_;
