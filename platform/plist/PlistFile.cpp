@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "platform/files/AtomicFile.h"
+#include "platform/plist/PlistBounds.h"
 
 namespace vx {
 namespace {
@@ -135,14 +136,22 @@ plist_t ToNode(const PlistValue& value) {
 
 }  // namespace
 
-std::optional<PlistValue> ParsePropertyList(std::span<const uint8_t> bytes) {
-  if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max()) return std::nullopt;
+std::optional<PlistValue> ParsePropertyList(std::span<const uint8_t> bytes, std::string* reason) {
+  const auto refuse = [reason](const char* why) -> std::optional<PlistValue> {
+    if (reason) *reason = why;
+    return std::nullopt;
+  };
+  if (bytes.empty()) return refuse("empty");
+  if (bytes.size() > std::numeric_limits<uint32_t>::max()) return refuse("too large");
+  if (!CheckPropertyListBounds(bytes, reason)) return std::nullopt;
   plist_t raw = nullptr;
   plist_from_memory(reinterpret_cast<const char*>(bytes.data()),
                     static_cast<uint32_t>(bytes.size()), &raw);
   PlistNode node(raw);
-  if (!node) return std::nullopt;
-  return FromNode(node.get(), 0);
+  if (!node) return refuse("not a property list");
+  std::optional<PlistValue> value = FromNode(node.get(), 0);
+  if (!value) return refuse("a value of no known type");
+  return value;
 }
 
 std::vector<uint8_t> SerializePropertyList(const PlistValue& value, PlistFormat format) {
