@@ -110,6 +110,7 @@ TEST(BundleInfoTest, ReadsAreWholeOrFilteredAndFreshEachCall) {
 
 // Each hostile shape is refused before the parser (which recurses per level, and copies a
 // shared object wherever it is referenced) sees it, with a reason; the bounds leave room.
+// Nothing a file holds may stop the process.
 TEST(BundleInfoTest, PropertyListsPastTheBoundsAreRefusedUnparsed) {
   const auto refusal = [](const std::vector<uint8_t>& bytes) {
     std::string reason;
@@ -141,6 +142,13 @@ TEST(BundleInfoTest, PropertyListsPastTheBoundsAreRefusedUnparsed) {
             "nesting deeper than 256");
   EXPECT_EQ(refusal(Bytes(open + "<array>" + Repeated("<true/>", 500'000) + "</array></plist>")),
             "more than 500000 objects");
+
+  // A string holding a NUL ends there; a key outside a dictionary is no value. (The
+  // parser's own string getter aborts the process on either.)
+  const auto string = ParsePropertyList(Bytes(std::string("<plist><string>a\0b</string></plist>", 36)));
+  ASSERT_TRUE(string && string->string());
+  EXPECT_EQ(*string->string(), "a");
+  EXPECT_FALSE(ParsePropertyList(Bytes(std::string("\n<key>\xff\0\0", 10))));
 }
 
 TEST(BundleInfoTest, WhatCannotBeReadGivesNothingAndOneLine) {

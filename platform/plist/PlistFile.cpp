@@ -3,6 +3,7 @@
 #include <plist/plist.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <memory>
 
@@ -43,12 +44,13 @@ std::optional<PlistValue> FromNode(plist_t node, int depth) {
       plist_get_real_val(node, &v);
       return PlistValue(v);
     }
-    case PLIST_STRING:
-    case PLIST_KEY: {
-      char* s = nullptr;
-      plist_get_string_val(node, &s);
-      std::unique_ptr<char, decltype(&free)> owned(s, &free);
-      return PlistValue(std::string(s ? s : ""));
+    case PLIST_STRING: {
+      // Read by pointer: the copying getter aborts the process on a string that holds a NUL,
+      // which a hostile XML file can make. Such a string ends at the NUL, as the binary
+      // parser ends it (what the XML parser leaves after it is not the file's bytes).
+      uint64_t length = 0;
+      const char* s = plist_get_string_ptr(node, &length);
+      return PlistValue(s ? std::string(s, ::strnlen(s, length)) : std::string());
     }
     case PLIST_DATA: {
       char* bytes = nullptr;
