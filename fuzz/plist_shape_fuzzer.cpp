@@ -169,7 +169,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<uint8_t> bytes = data[0] & 1 ? Binary(nodes) : XML(nodes);
   auto value = vx::ParsePropertyList(bytes);
   if (!value) return 0;
-  auto again = vx::ParsePropertyList(vx::SerializePropertyList(*value, vx::PlistFormat::Binary));
+  auto again = vx::ParsePropertyList(vx::SerializePropertyList(*value, vx::PlistFormat::XML));
   if (!again) __builtin_trap();
   (void)vx::Describe(*again);
   return 0;
