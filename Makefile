@@ -21,8 +21,9 @@ test-power: build
 	VX_POWER_SWEEP=full ctest --preset asan -R PowerCut --timeout 10800
 
 # Every fuzz target for a bounded time (FUZZ_SECONDS each), with clang's libFuzzer under the
-# sanitizers; the corpus each run grows stays in build/fuzz/corpus for the next.
-FUZZ_SECONDS ?= 45
+# sanitizers; the corpus each run grows stays in build/fuzz/corpus for the next. Inputs reach
+# 1 MiB, room for the deep and wide lists a hostile device can hold.
+FUZZ_SECONDS ?= 38
 fuzz-smoke: deps
 	CC=clang-14 CXX=clang++-14 cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DVX_BUILD_FUZZ=ON -DVX_SANITIZE=ON -DVX_BUILD_TESTS=OFF >/dev/null
@@ -30,7 +31,7 @@ fuzz-smoke: deps
 	@set -e; for target in build/fuzz/bin/*_fuzzer; do \
 	  name=$$(basename $$target); mkdir -p build/fuzz/corpus/$$name; \
 	  echo "fuzz-smoke: $$name for $(FUZZ_SECONDS)s"; \
-	  $$target -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
+	  $$target -max_total_time=$(FUZZ_SECONDS) -max_len=1048576 -timeout=10 -rss_limit_mb=2048 \
 	    -artifact_prefix=build/fuzz/$$name- \
 	    -print_final_stats=1 build/fuzz/corpus/$$name 2>build/fuzz/$$name.log \
 	    || { tail -n 60 build/fuzz/$$name.log; exit 1; }; \

@@ -58,20 +58,31 @@ std::optional<std::vector<uint8_t>> ReadRegularFileBeneath(int dirfd, std::strin
 
 namespace {
 
-std::optional<PlistValue> InfoDictionaryAt(int dirfd, const std::string& relative) {
-  auto bytes = ReadRegularFileBeneath(dirfd, relative, kInfoPlistSizeLimit, nullptr);
-  if (!bytes) return std::nullopt;
-  std::optional<PlistValue> info = ParsePropertyList(*bytes);
-  if (!info || !info->dictionary()) return std::nullopt;
+std::optional<PlistValue> InfoDictionaryAt(int dirfd, const std::string& relative,
+                                           std::string* problem = nullptr) {
+  int error = 0;
+  auto bytes = ReadRegularFileBeneath(dirfd, relative, kInfoPlistSizeLimit, &error);
+  if (!bytes) {
+    if (problem) *problem = DescribeReadFailure(error);
+    return std::nullopt;
+  }
+  std::optional<PlistValue> info = ParsePropertyList(*bytes, problem);
+  if (info && !info->dictionary()) {
+    if (problem) *problem = "not a dictionary";
+    return std::nullopt;
+  }
   return info;
 }
 
 }  // namespace
 
-std::optional<PlistValue> ReadBundleInfo(const FileURL& bundle) {
+std::optional<PlistValue> ReadBundleInfo(const FileURL& bundle, std::string* problem) {
   const UniqueFd directory = OpenDirectoryNoFollow(bundle.fileSystemRepresentation());
-  if (!directory) return std::nullopt;
-  return InfoDictionaryAt(directory.get(), kInfoPlistName);
+  if (!directory) {
+    if (problem) *problem = DescribeReadFailure(errno);
+    return std::nullopt;
+  }
+  return InfoDictionaryAt(directory.get(), kInfoPlistName, problem);
 }
 
 std::optional<PlistValue> ReadBundleInfoBeneath(int containerFd, const std::string& relative) {

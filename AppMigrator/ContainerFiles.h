@@ -38,7 +38,8 @@ std::optional<std::vector<uint8_t>> ReadRegularFileBeneath(int dirfd, std::strin
 
 // The information list of the bundle directory at `bundle` (the directory itself not a
 // link), read as above; nothing when it is missing, unreadable or not a dictionary.
-std::optional<PlistValue> ReadBundleInfo(const FileURL& bundle);
+// `problem`, when given, says why there is nothing.
+std::optional<PlistValue> ReadBundleInfo(const FileURL& bundle, std::string* problem = nullptr);
 // The same for the bundle at `relative` beneath the open container `containerFd`, reached
 // without a link anywhere on the way.
 std::optional<PlistValue> ReadBundleInfoBeneath(int containerFd, const std::string& relative);

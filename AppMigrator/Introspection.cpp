@@ -36,10 +36,14 @@ void SetCourse(IntrospectionOutcome* outcome, IntrospectionCourse course) {
 // The bundle lies in a container its application could write: its information list is
 // read through the bundle's descriptor, and only when it is a regular file, so that a link
 // cannot show us another bundle's list and a FIFO cannot stop the run.
-std::optional<std::string> VXAppMigrator::_bundleIdentifierForBundle(const FileURL& bundle) {
-  const std::optional<PlistValue> info = ReadBundleInfo(bundle);
+std::optional<std::string> VXAppMigrator::_bundleIdentifierForBundle(const FileURL& bundle,
+                                                                     std::string* problem) {
+  const std::optional<PlistValue> info = ReadBundleInfo(bundle, problem);
   const std::string* identifier = info ? info->stringForKey(kKBBundleIdentifierKey) : nullptr;
-  if (!identifier) return std::nullopt;
+  if (!identifier) {
+    if (problem && info) *problem = "no identifier";
+    return std::nullopt;
+  }
   return *identifier;
 }
 
@@ -107,10 +111,13 @@ std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& 
         return std::nullopt;
       }
       VX_MIGRATION_LOG(5, kOperation, "VXAppMigrator: Found app %@", entry.path());
-      std::optional<std::string> identifier = _bundleIdentifierForBundle(entry);
+      std::string problem;
+      std::optional<std::string> identifier = _bundleIdentifierForBundle(entry, &problem);
       if (!identifier) {
-        VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Could not get identifier for bundle at %@",
-                         entry.path());
+        // Why goes with it: it becomes the container's reason in the report and the plan.
+        VX_MIGRATION_LOG(3, kOperation,
+                         "VXAppMigrator: Could not get identifier for bundle at %@%@",
+                         entry.path(), problem.empty() ? std::string() : " : " + problem);
         continue;
       }
       app = entry;

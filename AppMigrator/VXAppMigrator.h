@@ -85,7 +85,9 @@ class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public Mi
   std::optional<ContainerInfo> _introspectContainer(const FileURL& container,
                                                     bool* orderResultEarly,
                                                     IntrospectionOutcome* outcome);
-  std::optional<std::string> _bundleIdentifierForBundle(const FileURL& bundle);
+  // Without an identifier, `problem` (when given) says why the information list gave none.
+  std::optional<std::string> _bundleIdentifierForBundle(const FileURL& bundle,
+                                                        std::string* problem = nullptr);
 
   // --- Migration marker ---------------------------------------------------------------
   bool _writeMigrationMarker(const ContainerInfo& info);

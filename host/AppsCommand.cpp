@@ -9,6 +9,7 @@
 #include <string>
 
 #include "host/Command.h"
+#include "host/DisplayText.h"
 #include "platform/installer/RecoveryArea.h"
 #include "platform/system/DeviceRoot.h"
 #include "platform/workspace/Workspace.h"
@@ -63,20 +64,25 @@ nlohmann::ordered_json Entry(const BundleProxy& proxy, const std::string* recove
                                             : nlohmann::ordered_json(nullptr)}};
 }
 
+// Identifiers, versions and group names are the applications' own: escaped.
 void PrintText(const BundleProxy& proxy, const std::string* recoverable, std::ostream& out) {
-  auto path = [](const std::optional<FileURL>& url) { return url ? url->path() : "-"; };
-  out << proxy.bundleIdentifier << "  " << KindOf(proxy)
+  auto path = [](const std::optional<FileURL>& url) {
+    return url ? EscapedText(url->path()) : "-";
+  };
+  out << EscapedText(proxy.bundleIdentifier) << "  " << KindOf(proxy)
       << (recoverable ? " with a recoverable bundle" : "") << "  "
-      << proxy.bundleVersion.value_or("-") << "\n"
+      << EscapedText(proxy.bundleVersion.value_or("-")) << "\n"
       << "  bundle:           " << path(proxy.bundleURL) << "\n"
       << "  bundle container: " << path(proxy.bundleContainerURL) << "\n"
       << "  data container:   " << path(proxy.dataContainerURL) << "\n";
   if (proxy.groupContainerURLs) {
     for (const auto& [group, url] : *proxy.groupContainerURLs) {
-      out << "  group " << group << ": " << url.path() << "\n";
+      out << "  group " << EscapedText(group) << ": " << EscapedText(url.path()) << "\n";
     }
   }
-  if (recoverable) out << "  recover with:     vxmigrate recover " << *recoverable << "\n";
+  if (recoverable) {
+    out << "  recover with:     vxmigrate recover " << EscapedText(*recoverable) << "\n";
+  }
 }
 
 int RunApps(const AppsOptions& options) {
@@ -99,7 +105,12 @@ int RunApps(const AppsOptions& options) {
       PrintText(*proxy, entry, std::cout);
     }
   }
-  if (options.json) std::cout << list.dump(2) << std::endl;
+  // ASCII only: controls, DEL and C1 come out as JSON escapes, and bytes that are not UTF-8
+  // do not stop the listing.
+  if (options.json) {
+    std::cout << list.dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace)
+              << std::endl;
+  }
   return 0;
 }
 

@@ -64,9 +64,9 @@ void PrintContainerReportTable(const std::string& dataClassName,
     if (++failed > kFailuresShown) continue;
     ++shown;
     const std::string reason = WithoutPluginPrefix(r.reason);
-    out << "  " << r.course << ": " << LastPathComponent(r.path)
-        << (r.identifier.empty() ? "" : " (" + r.identifier + ")")
-        << (reason.empty() ? "" : ": " + reason) << "\n";
+    out << "  " << r.course << ": " << EscapedText(LastPathComponent(r.path))
+        << (r.identifier.empty() ? "" : " (" + EscapedText(r.identifier) + ")")
+        << (reason.empty() ? "" : ": " + EscapedText(reason)) << "\n";
   }
   if (failed > shown) out << "  ... and " << failed - shown << " more (see --json)\n";
 }

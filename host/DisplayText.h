@@ -1,11 +1,14 @@
 // Values as the host shows them to a person: sizes ("512 B", "3.2 KiB", "1.5 GiB"), an
-// entry by its last name, a plug-in's log message without the plug-in's own prefix.
+// entry by its last name, a plug-in's log message without the plug-in's own prefix. Every
+// name, identifier or message that holds a device's bytes passes EscapedText on its way out.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
 #include <iterator>
 #include <string>
+
+#include "platform/log/EscapedText.h"
 
 namespace vx::host {
 

@@ -162,17 +162,21 @@ nlohmann::ordered_json Json(const std::vector<PluginPlan>& plans, const DeviceCh
           {"complete", complete}};
 }
 
-std::string Shorten(const std::string& text, size_t width) {
+// Escaped first, then cut between characters, never inside one.
+std::string Shorten(const std::string& raw, size_t width) {
+  const std::string text = EscapedText(raw);
   if (text.size() <= width) return text;
-  return text.substr(0, width - 1) + "~";
+  size_t cut = width - 1;
+  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+  return text.substr(0, cut) + "~";
 }
 
 // One line per entry, then why the entries that would stop the run would stop it.
 void PrintPlan(const PluginPlan& p, std::ostream& out) {
   const MigrationPlan& plan = p.plan;
-  out << p.dataClassName << ": " << plan.oldContainerRoot;
+  out << p.dataClassName << ": " << EscapedText(plan.oldContainerRoot);
   if (!plan.problem.empty()) {
-    out << ": " << plan.problem << "\n";
+    out << ": " << EscapedText(plan.problem) << "\n";
     return;
   }
   if (!plan.oldRootExists) {
@@ -210,8 +214,9 @@ void PrintPlan(const PluginPlan& p, std::ostream& out) {
   out << std::right;
   for (size_t i = 0; i < stopping.size() && i < kReasonsShown; ++i) {
     const PlannedEntry& e = *stopping[i];
-    out << "  (!) " << LastPathComponent(e.path) << ": "
-        << (e.reason.empty() ? "it would stay in the old layout" : WithoutPluginPrefix(e.reason))
+    out << "  (!) " << EscapedText(LastPathComponent(e.path)) << ": "
+        << (e.reason.empty() ? "it would stay in the old layout"
+                             : EscapedText(WithoutPluginPrefix(e.reason)))
         << "\n";
   }
   if (stopping.size() > kReasonsShown) {
@@ -234,7 +239,9 @@ void PrintDevice(const DeviceChecks& device, const Totals& totals, std::ostream&
       << " inodes\n"
       << "  user extended attributes: " << (device.userExtendedAttributes ? "yes" : "no") << "\n"
       << "  writable by this user:    " << (device.writable ? "yes" : "no") << "\n";
-  for (const std::string& problem : device.problems) out << "  (!) " << problem << "\n";
+  for (const std::string& problem : device.problems) {
+    out << "  (!) " << EscapedText(problem) << "\n";
+  }
 }
 
 int RunPlan(const PlanOptions& options) {
@@ -274,9 +281,11 @@ int RunPlan(const PlanOptions& options) {
   const bool complete = totals.complete && device.problems.empty();
 
   if (options.json) {
-    std::cout << Json(plans, device, totals, complete).dump(2) << std::endl;
+    std::cout << Json(plans, device, totals, complete)
+                     .dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace)
+              << std::endl;
   } else {
-    std::cout << "Plan for " << DeviceRoot() << " (nothing is changed)\n";
+    std::cout << "Plan for " << EscapedText(DeviceRoot()) << " (nothing is changed)\n";
     for (const PluginPlan& p : plans) PrintPlan(p, std::cout);
     PrintDevice(device, totals, std::cout);
     std::cout << (complete ? "A migration would complete: " : "A migration would not complete: ")

@@ -1,5 +1,6 @@
 #include "host/ProgressBar.h"
 #include "platform/files/WriteWhole.h"
+#include "platform/log/EscapedText.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -34,7 +35,13 @@ std::string RenderProgressLine(std::string_view label, float fraction,
   std::string tail = std::string(" ") + percent + "  " + Clock(elapsed);
   tail += remaining ? "  ~" + Clock(*remaining) + " left" : std::string("");
 
-  std::string head(label.substr(0, std::max(0, width / 3)));
+  // The label names what moves (a plug-in's choice): escaped, and cut between characters.
+  std::string head = EscapedText(label);
+  size_t keep = std::min(head.size(), static_cast<size_t>(std::max(0, width / 3)));
+  while (keep > 0 && keep < head.size() && (static_cast<unsigned char>(head[keep]) & 0xC0) == 0x80) {
+    --keep;
+  }
+  head.resize(keep);
   const int barWidth = width - static_cast<int>(head.size() + tail.size()) - 3;
   if (barWidth < 5) return (head + tail).substr(0, std::max(0, width));
   const int filled = static_cast<int>(std::lround(fraction * static_cast<float>(barWidth)));

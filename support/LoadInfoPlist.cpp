@@ -18,6 +18,12 @@ std::mutex& BundleLock() {
   return *lock;
 }
 
+// Why the file could not be read, after the message that says it could not: a list refused
+// for its depth or size must be told from a missing one.
+std::string ProblemSuffix(const BundleHandle& bundle) {
+  return bundle.infoProblem().empty() ? std::string() : " : " + bundle.infoProblem();
+}
+
 PlistArray KeyList(const std::set<std::string>& keys) {
   return PlistArray(keys.begin(), keys.end());
 }
@@ -26,8 +32,8 @@ std::optional<PlistDictionary> FilteredRead(const BundleHandle& bundle,
                                             const std::set<std::string>& keys) {
   std::optional<PlistValue> filtered = bundle.filteredInfoPlist(keys);
   if (!filtered) {
-    VX_INSTALLER_LOG(3, kFunction, "Failed to get filtered Info.plist with keys %@ from bundle %@",
-                     KeyList(keys), Describe(bundle));
+    VX_INSTALLER_LOG(3, kFunction, "Failed to get filtered Info.plist with keys %@ from bundle %@%@",
+                     KeyList(keys), Describe(bundle), ProblemSuffix(bundle));
     return std::nullopt;
   }
   const PlistDictionary* dict = filtered->dictionary();
@@ -48,7 +54,8 @@ std::optional<PlistDictionary> FilteredRead(const BundleHandle& bundle,
 std::optional<PlistDictionary> WholeRead(const BundleHandle& bundle, const FileURL& bundleURL) {
   const PlistDictionary* info = bundle.infoDictionary();
   if (!info) {
-    VX_INSTALLER_LOG(3, kFunction, "KBBundleGetInfoDictionary failed for bundle %@", bundleURL);
+    VX_INSTALLER_LOG(3, kFunction, "KBBundleGetInfoDictionary failed for bundle %@%@", bundleURL,
+                     ProblemSuffix(bundle));
     return std::nullopt;
   }
   PlistDictionary result = *info;

@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/plist/PlistFile.h"
 #include "platform/workspace/Workspace.h"
 #include "support/AppPackages.h"
 #include "support/RunProgram.h"
@@ -55,6 +56,84 @@ TEST(AppsCommandTest, ListsBuiltInInstalledAndPlaceholderApplications) {
   const RunResult text = RunProgram(host, {"apps", "--root", device.path()}, options);
   ASSERT_EQ(text.exitStatus, 0) << text.describe();
   EXPECT_NE(text.out.find("com.tarsel.maps  built-in  7.0\n"), std::string::npos) << text.out;
+}
+
+bool HasRawControls(const std::string& text) {
+  return text.find_first_of("\x1b\x07\r") != std::string::npos ||
+         text.find("\nforged") != std::string::npos;
+}
+
+// Applications write their own Info.plist: one nesting 100,000 arrays deep in each encoding
+// (the parser beneath would overflow its stack) and one whose identifier carries a
+// terminal's control bytes. Planning and migrating go on past them, the deep ones get the
+// reason, and no raw control byte reaches a person's output or the log.
+TEST(AppsCommandTest, HostileInformationListsNeitherStopTheRunNorReachTheTerminalRaw) {
+  TempDir t;
+  const std::string root = t / "device";
+  RunOptions options;
+  options.environment["VX_DEVICE_ROOT"] = std::nullopt;
+  options.environment["TMPDIR"] = t.path();
+  const auto host = [&](std::vector<std::string> arguments) {
+    arguments.insert(arguments.end(), {"--root", root});
+    RunResult run = RunProgram(std::string(VX_BIN_DIR) + "/vxmigrate", arguments, options);
+    EXPECT_TRUE(run.exited()) << run.describe();
+    return run;
+  };
+  ASSERT_EQ(RunProgram(std::string(VX_BIN_DIR) + "/vxmigrate",
+                       {"sample-device", root, "--apps", "2"}, options).exitStatus, 0);
+  const std::string old = root + "/private/var/mobile/Applications/";
+  // Each array holds the next; 900 KB in all.
+  std::vector<uint8_t> deep{'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+  const auto put = [&deep](uint64_t v, int width) {
+    for (int i = width - 1; i >= 0; --i) deep.push_back(static_cast<uint8_t>(v >> (8 * i)));
+  };
+  constexpr uint32_t kDepth = 100'000;
+  for (uint32_t i = 0; i + 1 < kDepth; ++i) deep.push_back(0xA1), put(i + 1, 4);
+  deep.push_back(0xA0);
+  const uint64_t table = deep.size();
+  for (uint32_t i = 0; i < kDepth; ++i) put(8 + uint64_t{i} * 5, 4);
+  deep.insert(deep.end(), {0, 0, 0, 0, 0, 0, 4, 4});
+  put(kDepth, 8), put(0, 8), put(table, 8);
+  std::string xml = "<plist>";
+  for (int i = 0; i < 100'000; ++i) xml += "<array>";
+  WriteFile(old + "DEEP-BINARY/Deep.app/Info.plist", std::string(deep.begin(), deep.end()));
+  WriteFile(old + "DEEP-XML/Deep.app/Info.plist", xml);
+  const std::vector<uint8_t> forged = SerializePropertyList(
+      PlistDictionary{{"KBBundleIdentifier", "com.e\x1b]0;owned\x07\x1b[2J\rx\nforged"},
+                      {"KBBundleExecutable", "Run"},
+                      {"KBBundleVersion", "1"}},
+      PlistFormat::Binary);
+  WriteFile(old + "ESCAPE/Escape.app/Info.plist", std::string(forged.begin(), forged.end()));
+  MakeDirs(old + "ESCAPE/Documents");
+
+  const RunResult planText = host({"plan"});
+  EXPECT_FALSE(HasRawControls(planText.out + planText.err)) << planText.out;
+  const RunResult planned = host({"plan", "--json"});
+  std::map<std::string, nlohmann::json> entries;
+  const nlohmann::json plan = nlohmann::json::parse(planned.out);
+  for (const auto& e : plan["plugins"][0]["entries"]) {
+    entries[e["path"].get<std::string>().substr(old.size())] = e;
+  }
+  for (const char* name : {"DEEP-BINARY", "DEEP-XML"}) {
+    EXPECT_NE(entries[name]["reason"].get<std::string>().find(": nesting deeper than 256"),
+              std::string::npos) << entries[name];
+  }
+
+  const RunResult run = host({"migrate", "--no-progress"});
+  EXPECT_FALSE(HasRawControls(run.out + run.err)) << run.out << run.err;
+  const std::string log = ReadFile(root + "/private/var/mobile/Library/Logs/Transhift/migration.log");
+  EXPECT_NE(log.find("nesting deeper than 256"), std::string::npos);
+  EXPECT_NE(log.find("com.e\\x1b]0;owned\\x07"), std::string::npos);
+  EXPECT_FALSE(HasRawControls(log));
+  const RunResult apps = host({"apps"});
+  EXPECT_FALSE(HasRawControls(apps.out + apps.err)) << apps.out;
+  // Both sample applications migrated past the hostile ones.
+  size_t migrated = 0;
+  const nlohmann::json listed = nlohmann::json::parse(host({"apps", "--json"}).out);
+  for (const auto& app : listed) {
+    migrated += app["kind"] == "user" && app["dataContainerPath"].is_string();
+  }
+  EXPECT_GE(migrated, 2u) << apps.out;
 }
 
 }  // namespace

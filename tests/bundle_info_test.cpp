@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <map>
 #include <thread>
 
 #include "platform/bundle/BundleHandle.h"
@@ -19,6 +20,48 @@ FileURL MakeBundle(const std::string& path, const PlistValue& info) {
   test::MakeDirs(path);
   EXPECT_TRUE(WritePropertyListFile(path + "/Info.plist", info));
   return FileURL::fileURLWithPath(path, true);
+}
+
+// A binary list of arrays only: `children[i]` are object i's references; object 0 is the top.
+std::vector<uint8_t> BinaryArrays(const std::vector<std::vector<uint64_t>>& children) {
+  std::vector<uint8_t> out{'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+  const auto put = [&out](uint64_t value, int width) {
+    for (int i = width - 1; i >= 0; --i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+  };
+  std::vector<uint64_t> offsets;
+  for (const auto& refs : children) {
+    offsets.push_back(out.size());
+    out.push_back(0xAF);
+    out.push_back(0x13);
+    put(refs.size(), 8);
+    for (uint64_t ref : refs) put(ref, 4);
+  }
+  const uint64_t table = out.size();
+  for (uint64_t offset : offsets) put(offset, 4);
+  out.insert(out.end(), 6, 0);
+  out.push_back(4);  // offset width
+  out.push_back(4);  // reference width
+  put(children.size(), 8);
+  put(0, 8);
+  put(table, 8);
+  return out;
+}
+
+// Each object holds the next, `depth` arrays in all.
+std::vector<uint8_t> NestedBinaryArrays(size_t depth) {
+  std::vector<std::vector<uint64_t>> children(depth);
+  for (size_t i = 0; i + 1 < depth; ++i) children[i] = {i + 1};
+  return BinaryArrays(children);
+}
+
+std::vector<uint8_t> Bytes(const std::string& text) {
+  return std::vector<uint8_t>(text.begin(), text.end());
+}
+
+std::string Repeated(const std::string& text, size_t times) {
+  std::string out;
+  for (size_t i = 0; i < times; ++i) out += text;
+  return out;
 }
 
 const PlistDictionary kInfo{{"KBBundleIdentifier", "com.example.a"}, {"KBBundleVersion", "1"},
@@ -65,6 +108,49 @@ TEST(BundleInfoTest, ReadsAreWholeOrFilteredAndFreshEachCall) {
   EXPECT_EQ(BundleHandle::takePeakOpenCount(), 1u);
 }
 
+// Each hostile shape is refused before the parser (which recurses per level, and copies a
+// shared object wherever it is referenced) sees it, with a reason; the bounds leave room.
+// Nothing a file holds may stop the process.
+TEST(BundleInfoTest, PropertyListsPastTheBoundsAreRefusedUnparsed) {
+  const auto refusal = [](const std::vector<uint8_t>& bytes) {
+    std::string reason;
+    EXPECT_FALSE(ParsePropertyList(bytes, &reason));
+    return reason;
+  };
+  EXPECT_TRUE(ParsePropertyList(NestedBinaryArrays(256)));
+  EXPECT_EQ(refusal(NestedBinaryArrays(257)), "nesting deeper than 256");
+  EXPECT_EQ(refusal(NestedBinaryArrays(100'000)), "nesting deeper than 256");
+  // 60 arrays holding the next one twice: 2^60 objects once expanded.
+  std::vector<std::vector<uint64_t>> doubling(60);
+  for (uint64_t i = 0; i + 1 < doubling.size(); ++i) doubling[i] = {i + 1, i + 1};
+  EXPECT_EQ(refusal(BinaryArrays(doubling)), "more than 500000 objects");
+  EXPECT_EQ(refusal(BinaryArrays({{1}, {2}, {1}})), "a reference cycle");
+  EXPECT_EQ(refusal(BinaryArrays({{1}, {7}})), "a reference out of range");
+  std::vector<uint8_t> huge = BinaryArrays({{}});
+  huge[10] = 0x7F;  // an array claiming 2^63 references
+  EXPECT_EQ(refusal(huge), "a malformed container");
+
+  const std::string open = "<?xml version=\"1.0\"?><!DOCTYPE plist><plist version=\"1.0\">";
+  EXPECT_TRUE(ParsePropertyList(Bytes(open + Repeated("<array>", 255) + "<dict/><true/>" +
+                                      Repeated("</array>", 255) + "</plist>")));
+  EXPECT_EQ(refusal(Bytes(open + Repeated("<array>", 100'000) + Repeated("</array>", 100'000) +
+                          "</plist>")),
+            "nesting deeper than 256");
+  // End tags hidden in comments and character data close nothing.
+  EXPECT_EQ(refusal(Bytes(open + Repeated("<dict><!-- </dict> --><key>k</key>", 300) +
+                          Repeated("<![CDATA[</dict>]]>", 300))),
+            "nesting deeper than 256");
+  EXPECT_EQ(refusal(Bytes(open + "<array>" + Repeated("<true/>", 500'000) + "</array></plist>")),
+            "more than 500000 objects");
+
+  // A string holding a NUL ends there; a key outside a dictionary is no value. (The
+  // parser's own string getter aborts the process on either.)
+  const auto string = ParsePropertyList(Bytes(std::string("<plist><string>a\0b</string></plist>", 36)));
+  ASSERT_TRUE(string && string->string());
+  EXPECT_EQ(*string->string(), "a");
+  EXPECT_FALSE(ParsePropertyList(Bytes(std::string("\n<key>\xff\0\0", 10))));
+}
+
 TEST(BundleInfoTest, WhatCannotBeReadGivesNothingAndOneLine) {
   test::TempDir dir;
   test::MakeDirs(dir / "Empty.app");
@@ -100,13 +186,21 @@ TEST(BundleInfoTest, WhatCannotBeReadGivesNothingAndOneLine) {
   test::MakeSymlink(dir / "Real.app/Info.plist", dir / "Linked.app/Info.plist");
   test::MakeDirs(dir / "Fifo.app");
   ASSERT_EQ(::mkfifo((dir / "Fifo.app/Info.plist").c_str(), 0644), 0);
-  for (const char* name : {"Corrupt.app", "Linked.app", "Fifo.app"}) {
+  const std::vector<uint8_t> deep = NestedBinaryArrays(100'000);
+  test::WriteFile(dir / "Deep.app/Info.plist", std::string(deep.begin(), deep.end()));
+  const std::map<std::string, std::string> problems{
+      {"Corrupt.app", "not a property list"},
+      {"Linked.app", "Too many levels of symbolic links"},
+      {"Fifo.app", "Invalid argument"},
+      {"Deep.app", "nesting deeper than 256"}};
+  for (const auto& [name, problem] : problems) {
     SCOPED_TRACE(name);
     const FileURL bundle = FileURL::fileURLWithPath(dir / name, true);
     auto handle = BundleHandle::open(bundle);
     ASSERT_TRUE(handle);
     EXPECT_EQ(handle->infoDictionary(), nullptr);
     EXPECT_EQ(handle->bundleIdentifier(), std::nullopt);
+    EXPECT_EQ(handle->infoProblem(), problem);
     handle.reset();
     log.clear();
     EXPECT_FALSE(VXLoadInfoPlist(bundle, &kScanKeys));
@@ -114,8 +208,9 @@ TEST(BundleInfoTest, WhatCannotBeReadGivesNothingAndOneLine) {
     EXPECT_EQ(log.messages(3),
               (std::vector<std::string>{
                   "Failed to get filtered Info.plist with keys (KBBundleIdentifier, "
-                  "KBBundleVersion) from bundle BundleHandle " + bundle.path(),
-                  "KBBundleGetInfoDictionary failed for bundle " + bundle.path()}));
+                  "KBBundleVersion) from bundle BundleHandle " + bundle.path() + " : " + problem,
+                  "KBBundleGetInfoDictionary failed for bundle " + bundle.path() + " : " +
+                      problem}));
   }
   EXPECT_EQ(BundleHandle::openCount(), 0u);
 }

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <thread>
 
+#include "platform/log/EscapedText.h"
 #include "platform/log/LogSinks.h"
 #include "support/TempDir.h"
 
@@ -34,6 +35,15 @@ TEST(LogSinksTest, JsonLineHasExactlyTheAgreedKeysAndNulls) {
                 "category": "Transhifter", "function": "-[AM migrate]", "file": "AM/AM",
                 "line": 42, "message": "done"})"));
 
+  // Controls are JSON's own escapes: the line holds none raw and reads back to the bytes.
+  const std::string hostile = "a\x1b]0;owned\x07\x7f\r";
+  const std::string escaped = FormatJsonLogLine(Record(LogKind::Migration, hostile));
+  EXPECT_EQ(std::count_if(escaped.begin(), escaped.end(),
+                          [](unsigned char c) { return c < 0x20 || c == 0x7f; }),
+            1)  // the final line feed
+      << escaped;
+  EXPECT_EQ(json::parse(escaped)["message"], hostile);
+
   // A path that is not UTF-8 still makes one valid line rather than an exception.
   const std::string line = FormatJsonLogLine(Record(LogKind::Installer, "bad \xff\xfe path"));
   EXPECT_EQ(line.find('\n'), line.size() - 1);
@@ -58,6 +68,29 @@ TEST(LogSinksTest, TextFilesTakeTheirOwnLogAndAppend) {
   int error = 0;
   EXPECT_FALSE(TextLogFileSink::Open(dir / "no/such/dir/x.log", LogKind::Installer, &error));
   EXPECT_EQ(error, ENOENT);
+}
+
+TEST(LogSinksTest, EscapedTextLetsNoControlOrStrayByteThrough) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"com.example.app", "com.example.app"},
+      {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x99\x82", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x99\x82"},
+      {"a\x1b[2Jb\x07", "a\\x1b[2Jb\\x07"},
+      {"one\ntwo\rthree\tfour", "one\\ntwo\\rthree\\tfour"},
+      {"back\\slash\\x1b", "back\\\\slash\\\\x1b"},  // cannot pass for an escape
+      {std::string("nul\0del\x7f", 8), "nul\\x00del\\x7f"},
+      {"c1 \xc2\x9b csi \xc2\x85", "c1 \\xc2\\x9b csi \\xc2\\x85"},
+      // Stray, overlong, surrogate, too large, cut short.
+      {"\xff\x80\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80\xe2\x82",
+       "\\xff\\x80\\xc0\\xaf\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80\\xe2\\x82"},
+  };
+  for (const auto& [raw, shown] : cases) {
+    EXPECT_EQ(EscapedText(raw), shown) << shown;
+    EXPECT_EQ(ShownUnchanged(raw), raw == shown) << shown;
+  }
+  // Both text sinks escape the message.
+  const LogRecord record = Record(LogKind::Migration, "id\x1b]0;t\x07", 3);
+  EXPECT_EQ(FormatTerminalLogLine(record), "error: id\\x1b]0;t\\x07\n");
+  EXPECT_NE(FormatTextLogLine(record).find(": id\\x1b]0;t\\x07\n"), std::string::npos);
 }
 
 TEST(LogSinksTest, ConcurrentWritersNeverSplitARecord) {

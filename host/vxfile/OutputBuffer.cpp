@@ -5,12 +5,17 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/log/EscapedText.h"
+
 namespace vx::vxfile {
 
 OutputBuffer::OutputBuffer(int fd) : fd_(fd), buffer_(new char[kSize]) {}
 
 void OutputBuffer::line(std::string_view text) {
   if (failed_) return;
+  // Names come from the tree: one holding a line break or a terminal's control bytes would
+  // forge lines or steer the terminal.
+  if (!ShownUnchanged(text)) return line(EscapedText(text));
   if (used_ + text.size() + 1 > kSize && !flush()) return;
   if (text.size() + 1 > kSize) {
     // A name longer than the whole buffer (a file system may serve one) goes out by itself.

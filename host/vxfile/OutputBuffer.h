@@ -15,7 +15,8 @@ class OutputBuffer {
   OutputBuffer& operator=(const OutputBuffer&) = delete;
   ~OutputBuffer() { flush(); }
 
-  // `text` and a newline. Once a write has failed, nothing more is written.
+  // `text`, escaped (EscapedText), and a newline. Once a write has failed, nothing more is
+  // written.
   void line(std::string_view text);
   // Writes what is gathered; false when this or an earlier write failed.
   bool flush();

@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "platform/files/WorkQueue.h"
+#include "platform/log/EscapedText.h"
 
 namespace vx::vxfile {
 
@@ -17,13 +18,14 @@ std::vector<std::string> FailureLog::messages() const {
   return messages_;
 }
 
+// Messages name items of the tree, whose names are anyone's: escaped.
 void Command::fail(const std::string& message) const {
-  std::cerr << "vxfile " << name_ << ": " << message << "\n";
+  std::cerr << "vxfile " << name_ << ": " << EscapedText(message) << "\n";
   *context_.exitStatus = kExitFailure;
 }
 
 void Command::usage(const std::string& message) const {
-  std::cerr << "vxfile " << name_ << ": " << message << "\n";
+  std::cerr << "vxfile " << name_ << ": " << EscapedText(message) << "\n";
   *context_.exitStatus = kExitUsage;
 }
 

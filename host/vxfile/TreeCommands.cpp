@@ -7,6 +7,7 @@
 #include "filemanager/VXFileManager.h"
 #include "host/vxfile/OutputBuffer.h"
 #include "host/vxfile/Tool.h"
+#include "platform/log/EscapedText.h"
 #include "support/FileDigest.h"
 
 namespace vx::vxfile {
@@ -106,7 +107,7 @@ void AddContain(CLI::App& app, const Context& context) {
         auto real = FM().realPathForURL(PathArgument(options->path), PathArgument(options->base));
         if (!real)
           return command.failWithLoggedReason(options->path + " is not inside " + options->base);
-        std::cout << real->path() << "\n";
+        std::cout << EscapedText(real->path()) << "\n";
         command.succeed();
       });
   contain->add_option("PATH", options->path)->required();

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "platform/files/Beneath.h"
@@ -31,14 +32,21 @@ constexpr size_t kMaxInfoPlistSize = size_t{8} << 20;
 
 // The bundle directory belongs to its application, which may have put anything at the name
 // "Info.plist": it is read only as a regular file directly beneath `directory`.
-std::optional<PlistValue> ReadInfoPlist(int directory) {
+std::optional<PlistValue> ReadInfoPlist(int directory, std::string* problem) {
   struct stat status {};
   UniqueFd file = OpenRegularFileAt(directory, "Info.plist", &status);
-  if (!file) return std::nullopt;
+  if (!file) {
+    *problem = std::strerror(errno);
+    return std::nullopt;
+  }
+  int error = 0;
   auto bytes = ReadBounded(file.get(), static_cast<size_t>(std::max<off_t>(status.st_size, 0)),
-                           kMaxInfoPlistSize);
-  if (!bytes) return std::nullopt;
-  return ParsePropertyList(*bytes);
+                           kMaxInfoPlistSize, &error);
+  if (!bytes) {
+    *problem = std::strerror(error);
+    return std::nullopt;
+  }
+  return ParsePropertyList(*bytes, problem);
 }
 
 }  // namespace
@@ -55,15 +63,18 @@ std::unique_ptr<BundleHandle> BundleHandle::openBeneath(int dirfd, std::string_v
 std::unique_ptr<BundleHandle> BundleHandle::fromDirectory(const FileURL& bundle,
                                                           UniqueFd directory) {
   if (!directory) return nullptr;
-  std::optional<PlistValue> contents = ReadInfoPlist(directory.get());
+  std::string problem;
+  std::optional<PlistValue> contents = ReadInfoPlist(directory.get(), &problem);
   if (contents) {
     if (PlistDictionary* info = contents->mutableDictionary()) {
       (*info)[kKBBundleInfoPlistURLKey] =
           PlistValue(bundle.URLByAppendingPathComponent("Info.plist", false));
     }
   }
-  return std::unique_ptr<BundleHandle>(
+  auto handle = std::unique_ptr<BundleHandle>(
       new BundleHandle(bundle, std::move(directory), std::move(contents)));
+  if (!handle->contents_) handle->infoProblem_ = std::move(problem);
+  return handle;
 }
 
 BundleHandle::BundleHandle(FileURL bundleURL, UniqueFd directory,

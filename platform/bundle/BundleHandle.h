@@ -50,6 +50,9 @@ class BundleHandle {
   const PlistDictionary* infoDictionary() const {
     return contents_ ? contents_->dictionary() : nullptr;
   }
+  // Why "Info.plist" could not be read ("No such file or directory", "nesting deeper than
+  // 256", ...); empty when it was.
+  const std::string& infoProblem() const { return infoProblem_; }
   std::optional<std::string> bundleIdentifier() const;
   // A new value holding only the entries whose keys are in `keys`; the value's type is
   // whatever the file's top level holds. Nothing when the file cannot be read.
@@ -66,6 +69,7 @@ class BundleHandle {
   FileURL bundleURL_;
   UniqueFd directory_;
   std::optional<PlistValue> contents_;  // nothing: "Info.plist" could not be read
+  std::string infoProblem_;
 };
 
 // The printed form: the bundle's path, as "BundleHandle <path>".

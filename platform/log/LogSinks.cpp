@@ -1,5 +1,6 @@
 #include "platform/log/LogSinks.h"
 #include "platform/files/WriteWhole.h"
+#include "platform/log/EscapedText.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -11,21 +12,6 @@
 
 namespace vx {
 namespace {
-
-std::string OneLine(const std::string& message) {
-  std::string out;
-  out.reserve(message.size());
-  for (char c : message) {
-    if (c == '\n') {
-      out += "\\n";
-    } else if (c == '\r') {
-      out += "\\r";
-    } else {
-      out.push_back(c);
-    }
-  }
-  return out;
-}
 
 const char* LevelWord(int level) {
   if (level <= 3) return "error";
@@ -58,7 +44,7 @@ std::string FormatTextLogLine(const LogRecord& record) {
     if (record.line) line += ":" + std::to_string(*record.line);
     line += " ";
   }
-  return line + record.function + ": " + OneLine(record.message) + "\n";
+  return line + record.function + ": " + EscapedText(record.message) + "\n";
 }
 
 std::string FormatTerminalLogLine(const LogRecord& record) {
@@ -66,7 +52,7 @@ std::string FormatTerminalLogLine(const LogRecord& record) {
   line += ": ";
   // Detail is only useful with the operation that wrote it.
   if (record.level > 5 && !record.function.empty()) line += record.function + ": ";
-  return line + OneLine(record.message) + "\n";
+  return line + EscapedText(record.message) + "\n";
 }
 
 std::string FormatJsonLogLine(const LogRecord& record) {
@@ -80,7 +66,7 @@ std::string FormatJsonLogLine(const LogRecord& record) {
   object["line"] = record.line ? nlohmann::ordered_json(*record.line) : nullptr;
   object["message"] = record.message;
   // Paths are bytes, not always UTF-8: replace what cannot be encoded rather than throw.
-  return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+  return object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
 std::unique_ptr<LineWriter> LineWriter::OpenForAppending(const std::string& path, int* error) {

@@ -17,8 +17,8 @@ namespace vx {
 // ISO 8601 in UTC with milliseconds: 2024-03-05T07:08:09.010Z.
 std::string FormatLogTime(std::chrono::system_clock::time_point time);
 
-// One line each, ending with "\n"; a line break inside a message is written as "\n" text so
-// that a record never spans two lines.
+// One line each, ending with "\n"; the message is escaped (EscapedText), so that a record
+// never spans two lines and no byte of a device's names reaches a terminal raw.
 std::string FormatTextLogLine(const LogRecord& record);
 std::string FormatTerminalLogLine(const LogRecord& record);
 // Exactly the keys time, log, level, category, function, file, line, message; absent

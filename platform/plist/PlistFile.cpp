@@ -3,10 +3,12 @@
 #include <plist/plist.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <memory>
 
 #include "platform/files/AtomicFile.h"
+#include "platform/plist/PlistBounds.h"
 
 namespace vx {
 namespace {
@@ -42,12 +44,13 @@ std::optional<PlistValue> FromNode(plist_t node, int depth) {
       plist_get_real_val(node, &v);
       return PlistValue(v);
     }
-    case PLIST_STRING:
-    case PLIST_KEY: {
-      char* s = nullptr;
-      plist_get_string_val(node, &s);
-      std::unique_ptr<char, decltype(&free)> owned(s, &free);
-      return PlistValue(std::string(s ? s : ""));
+    case PLIST_STRING: {
+      // Read by pointer: the copying getter aborts the process on a string that holds a NUL,
+      // which a hostile XML file can make. Such a string ends at the NUL, as the binary
+      // parser ends it (what the XML parser leaves after it is not the file's bytes).
+      uint64_t length = 0;
+      const char* s = plist_get_string_ptr(node, &length);
+      return PlistValue(s ? std::string(s, ::strnlen(s, length)) : std::string());
     }
     case PLIST_DATA: {
       char* bytes = nullptr;
@@ -135,14 +138,22 @@ plist_t ToNode(const PlistValue& value) {
 
 }  // namespace
 
-std::optional<PlistValue> ParsePropertyList(std::span<const uint8_t> bytes) {
-  if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max()) return std::nullopt;
+std::optional<PlistValue> ParsePropertyList(std::span<const uint8_t> bytes, std::string* reason) {
+  const auto refuse = [reason](const char* why) -> std::optional<PlistValue> {
+    if (reason) *reason = why;
+    return std::nullopt;
+  };
+  if (bytes.empty()) return refuse("empty");
+  if (bytes.size() > std::numeric_limits<uint32_t>::max()) return refuse("too large");
+  if (!CheckPropertyListBounds(bytes, reason)) return std::nullopt;
   plist_t raw = nullptr;
   plist_from_memory(reinterpret_cast<const char*>(bytes.data()),
                     static_cast<uint32_t>(bytes.size()), &raw);
   PlistNode node(raw);
-  if (!node) return std::nullopt;
-  return FromNode(node.get(), 0);
+  if (!node) return refuse("not a property list");
+  std::optional<PlistValue> value = FromNode(node.get(), 0);
+  if (!value) return refuse("a value of no known type");
+  return value;
 }
 
 std::vector<uint8_t> SerializePropertyList(const PlistValue& value, PlistFormat format) {

@@ -16,7 +16,10 @@ namespace vx {
 
 enum class PlistFormat { XML, Binary };
 
-std::optional<PlistValue> ParsePropertyList(std::span<const uint8_t> bytes);
+// Nothing when the bytes are not a property list, with why in `reason`; a list that nests
+// deeper or holds more objects than CheckPropertyListBounds allows is refused unparsed.
+std::optional<PlistValue> ParsePropertyList(std::span<const uint8_t> bytes,
+                                            std::string* reason = nullptr);
 std::vector<uint8_t> SerializePropertyList(const PlistValue& value,
                                            PlistFormat format = PlistFormat::XML);
 

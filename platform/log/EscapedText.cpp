@@ -1,0 +1,91 @@
+#include "platform/log/EscapedText.h"
+
+#include <cstdint>
+
+namespace vx {
+namespace {
+
+void AppendHex(std::string& out, uint8_t byte) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  out += "\\x";
+  out.push_back(kDigits[byte >> 4]);
+  out.push_back(kDigits[byte & 0xF]);
+}
+
+// The length of the valid UTF-8 sequence of two or more bytes at the start of `text`, or 0.
+// Overlong forms, surrogates and code points past U+10FFFF are not valid, and C1 controls
+// (U+0080 to U+009F) are refused with them so that they are escaped.
+size_t MultiByteLength(std::string_view text) {
+  const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
+  const uint8_t lead = byte(0);
+  size_t length = 0;
+  uint32_t low = 0, high = 0;  // the range of the second byte, which rules out bad forms
+  if (lead == 0xC2) {
+    length = 2, low = 0xA0, high = 0xBF;  // 0x80 to 0x9F would be C1
+  } else if (lead >= 0xC3 && lead <= 0xDF) {
+    length = 2, low = 0x80, high = 0xBF;
+  } else if (lead == 0xE0) {
+    length = 3, low = 0xA0, high = 0xBF;
+  } else if (lead == 0xED) {
+    length = 3, low = 0x80, high = 0x9F;
+  } else if (lead >= 0xE1 && lead <= 0xEF) {
+    length = 3, low = 0x80, high = 0xBF;
+  } else if (lead == 0xF0) {
+    length = 4, low = 0x90, high = 0xBF;
+  } else if (lead >= 0xF1 && lead <= 0xF3) {
+    length = 4, low = 0x80, high = 0xBF;
+  } else if (lead == 0xF4) {
+    length = 4, low = 0x80, high = 0x8F;
+  } else {
+    return 0;
+  }
+  if (text.size() < length || byte(1) < low || byte(1) > high) return 0;
+  for (size_t i = 2; i < length; ++i) {
+    if (byte(i) < 0x80 || byte(i) > 0xBF) return 0;
+  }
+  return length;
+}
+
+}  // namespace
+
+bool ShownUnchanged(std::string_view text) {
+  for (size_t i = 0; i < text.size();) {
+    const auto c = static_cast<uint8_t>(text[i]);
+    if (c >= 0x20 && c < 0x7F && c != '\\') {
+      ++i;
+    } else if (const size_t length = c >= 0x80 ? MultiByteLength(text.substr(i)) : 0) {
+      i += length;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string EscapedText(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    const auto c = static_cast<uint8_t>(text[i]);
+    if (c >= 0x20 && c < 0x7F) {
+      if (c == '\\') out.push_back('\\');
+      out.push_back(static_cast<char>(c));
+      ++i;
+    } else if (c == '\n') {
+      out += "\\n", ++i;
+    } else if (c == '\r') {
+      out += "\\r", ++i;
+    } else if (c == '\t') {
+      out += "\\t", ++i;
+    } else if (const size_t length = c >= 0x80 ? MultiByteLength(text.substr(i)) : 0) {
+      out.append(text.substr(i, length));
+      i += length;
+    } else {
+      AppendHex(out, c);
+      ++i;
+    }
+  }
+  return out;
+}
+
+}  // namespace vx
