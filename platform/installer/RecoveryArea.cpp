@@ -13,6 +13,7 @@
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/files/Beneath.h"
 #include "platform/files/DirectoryStream.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
@@ -122,8 +123,7 @@ std::optional<RecoveredEntry> ReadEntry(const FileURL& area, const std::string& 
                   Text(*record, "OriginalPath")};
   entry.time = Text(*record, "Time");
   entry.content = directory.URLByAppendingPathComponent(kContentName, true);
-  DirectoryStream content(UniqueFd(
-      ::open(entry.content.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+  DirectoryStream content(OpenDirectoryNoFollow(entry.content.fileSystemRepresentation()));
   if (!content) return std::nullopt;
   DirentRecord item;
   while (content.Next(&item)) entry.items.emplace_back(item.name);
@@ -232,8 +232,34 @@ std::optional<RecoveredEntry> FindRecoveredEntry(const std::string& nameOrIdenti
 }
 
 bool RemoveRecoveredEntry(const RecoveredEntry& entry, ErrorRef* error) {
+  const FileURL area = RecoveryAreaURL();
+  const UniqueFd areaFd = OpenDirectoryNoFollow(area.fileSystemRepresentation());
+  // Hidden names are no entries; the name was listed, so it is one component.
+  const std::string aside = ".removing-" + entry.name;
+  if (entry.name.empty() || entry.name[0] == '.' || entry.name.find('/') != std::string::npos) {
+    errno = EINVAL;
+  }
+  if (!areaFd || errno == EINVAL ||
+      sys::Renameat(areaFd.get(), entry.name.c_str(), areaFd.get(), aside.c_str()) != 0) {
+    if (error) {
+      *error = _CreateAndLogError("RemoveRecoveredEntry", __LINE__, VXInstallerErrorDomain, 4,
+                                  PosixCause(errno), nullptr,
+                                  "Failed to set recovery entry %s aside for removal", entry.name);
+    }
+    return false;
+  }
   return VXFileManager::defaultManager().removeItemAtURL(
-      RecoveryAreaURL().URLByAppendingPathComponent(entry.name, true), error);
+      area.URLByAppendingPathComponent(aside, true), error);
+}
+
+FileURL RecoveredEntryURL(const RecoveredEntry& entry) {
+  return RecoveryAreaURL().URLByAppendingPathComponent(entry.name, true);
+}
+
+UniqueFd OpenRecoveredEntry(const RecoveredEntry& entry) {
+  const UniqueFd area = OpenDirectoryNoFollow(RecoveryAreaURL().fileSystemRepresentation());
+  if (!area || entry.name.empty() || entry.name[0] == '.') return UniqueFd();
+  return OpenBeneath(area.get(), entry.name, O_RDONLY | O_DIRECTORY);
 }
 
 }  // namespace vx
