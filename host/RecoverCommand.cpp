@@ -22,6 +22,7 @@
 #include "host/PluginLoader.h"
 #include "platform/files/Beneath.h"
 #include "platform/files/DirectoryStream.h"
+#include "platform/files/Fault.h"
 #include "platform/files/Sys.h"
 #include "platform/installer/RecoveryArea.h"
 #include "platform/plist/PlistFile.h"
@@ -405,6 +406,13 @@ int Purge(const RecoveredEntry& entry, bool yes) {
 int RunRecover(const RecoverOptions& options) {
   if (options.root && !SetDeviceRoot(*options.root)) {
     std::cerr << "vxmigrate recover: cannot use " << *options.root << " as the device root\n";
+    return kExitUsage;
+  }
+  // The crash tests' seam: a recovery cut off at any of its mutations must be finished by the
+  // next.
+  const char* faultProblem = nullptr;
+  if (!fault::ConfigureFromEnvironment(&faultProblem)) {
+    std::cerr << "vxmigrate recover: " << faultProblem << "\n";
     return kExitUsage;
   }
   if (!options.entry) {
