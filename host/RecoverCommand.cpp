@@ -422,7 +422,8 @@ int RunRecover(const RecoverOptions& options) {
     }
     return List(options.json);
   }
-  std::optional<RecoveredEntry> entry = FindRecoveredEntry(*options.entry);
+  std::optional<RecoveredEntry> entry = FindRecoveredEntry(
+      *options.entry, options.purge ? nullptr : kRecoveryCourseInstallFailed);
   if (!entry && !options.purge && PlausibleIdentifier(*options.entry) &&
       [&] {
         DeviceWorkspace workspace(DeviceRoot());

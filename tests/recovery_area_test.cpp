@@ -97,6 +97,9 @@ TEST(RecoveryAreaTest, MovedWholeRecordedFoundAndRemoved) {
   auto byIdentifier = FindRecoveredEntry(record.identifier);  // the newest of that application
   ASSERT_TRUE(byIdentifier);
   EXPECT_EQ(byIdentifier->items, std::vector<std::string>{"C2"});
+  auto ofCourse = FindRecoveredEntry(record.identifier, kRecoveryCourseNoBundle);
+  ASSERT_TRUE(ofCourse);
+  EXPECT_EQ(ofCourse->items, std::vector<std::string>{"C1"});
   EXPECT_FALSE(FindRecoveredEntry("com.example.none"));
 
   ASSERT_TRUE(RemoveRecoveredEntry(*byName, &error));

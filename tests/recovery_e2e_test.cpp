@@ -3,6 +3,9 @@
 // finds it, and deleting it takes a second word.
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
@@ -10,6 +13,8 @@
 #include "host/sample/SampleDevice.h"
 #include "support/RunProgram.h"
 #include "support/TempDir.h"
+#include "support/TestDevice.h"
+#include "support/TreeDigest.h"
 
 namespace vx {
 namespace {
@@ -88,6 +93,125 @@ TEST(RecoveryEndToEndTest, CorruptBundleAndTwoContainersOfOneApplicationLoseNoth
 
   const sample::ManifestReport report = sample::CheckMigratedDevice(root);
   EXPECT_EQ(report.applicationsInstalled, 1u);
+}
+
+// A sample device of `apps` applications whose application `name` fails its installation:
+// its container's "Staging" is a link to `outside`, a directory off the device. The
+// migration sends the container to the recovery area; the entry's directory is returned.
+std::string DeviceWithAFailedInstallation(const std::string& root, int apps, const std::string& name,
+                                          const std::string& outside) {
+  sample::SampleDeviceOptions options;
+  options.apps = apps;
+  options.dataBytes = 1024;
+  std::string problem;
+  EXPECT_TRUE(sample::WriteSampleDevice(root, options, &problem)) << problem;
+  test::WriteFile(outside + "/theirs", "not the device's");
+  for (const auto& entry : fs::directory_iterator(root + "/private/var/mobile/Applications")) {
+    if (test::Exists(entry.path() / (name + ".app"))) {
+      test::MakeSymlink(outside, entry.path() / "Staging");
+    }
+  }
+  auto run = Host({"migrate", "--root", root, "--no-progress", "--quiet"});
+  EXPECT_EQ(run.exitStatus, 1) << run.describe();
+  const std::string area = root + "/private/var/mobile/Library/Velotrix/Recovered";
+  for (const auto& entry : fs::directory_iterator(area)) return entry.path();
+  ADD_FAILURE() << "nothing went to the recovery area";
+  return area;
+}
+
+// Links planted in the container lead nowhere: "Staging", "Payload" and a bundle, each a link
+// off the device. A recovery refused touches nothing; one that installs leaves the outside as
+// it was, keeps the entry while it holds a file of the user's, and says so when asked again.
+TEST(RecoveryEndToEndTest, PlantedLinksLeadNowhereAndARecoveryCanBeAskedTwice) {
+  test::TempDir t;
+  const std::string root = t / "device";
+  const std::string outside = t / "outside";
+  const std::string entry = DeviceWithAFailedInstallation(root, 1, "Atlas", outside);
+  const std::string name = fs::path(entry).filename();
+  std::string container;
+  for (const auto& item : fs::directory_iterator(entry + "/Content")) container = item.path();
+  ASSERT_TRUE(test::Exists(container + "/Atlas.app/Info.plist"));
+  test::MakeDirs(outside + "/Atlas.app");
+  test::WriteFile(outside + "/Atlas.app/Info.plist", "outside's");
+  test::MakeSymlink(outside + "/Atlas.app", container + "/Other.app");
+
+  // A twin whose only bundle lies behind a "Payload" link.
+  const std::string twin = fs::path(entry).parent_path() / "com.example.atlas.twin00";
+  fs::copy(entry, twin, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  const std::string twinContainer = twin + "/Content/" + fs::path(container).filename().string();
+  fs::remove_all(twinContainer + "/Atlas.app");
+  fs::remove(twinContainer + "/Staging");
+  test::MakeDirs(twinContainer + "/Staging");
+  test::MakeSymlink(outside, twinContainer + "/Staging/Payload");
+  // A file of the user's the installation will not take.
+  test::WriteFile(entry + "/Content/zz-left/note", "left behind");
+
+  const std::string outsideBefore = test::TreeDigest(outside);
+  const std::string twinBefore = test::TreeDigest(twin);
+  EXPECT_EQ(Host({"recover", "--root", root, "com.example.atlas.twin00"}).exitStatus, 1);
+  EXPECT_EQ(test::TreeDigest(twin), twinBefore) << "a refused recovery touches nothing";
+
+  auto recovered = Host({"recover", "--root", root, name});
+  EXPECT_EQ(recovered.exitStatus, 0) << recovered.describe();
+  EXPECT_EQ(test::TreeDigest(outside), outsideBefore);
+  EXPECT_EQ(test::ReadFile(entry + "/Content/zz-left/note"), "left behind");
+  const sample::ManifestReport report = sample::CheckMigratedDevice(root);
+  EXPECT_TRUE(report.ok() && report.placeholdersOnly.empty() && report.applicationsInstalled == 1);
+
+  auto again = Host({"recover", "--root", root, name});
+  EXPECT_EQ(again.exitStatus, 0) << again.describe();
+  EXPECT_NE(again.out.find("already recovered"), std::string::npos) << again.describe();
+  EXPECT_EQ(test::ReadFile(entry + "/Content/zz-left/note"), "left behind");
+  EXPECT_EQ(test::TreeDigest(outside), outsideBefore);
+}
+
+// `recover` cut off by a crash at each of its mutations (the sampled ones: VX_POWER_SWEEP=full
+// takes every one), then run again: the application is installed for real, its group's files
+// are in its new group container, the entry is gone, nothing is lost, and `migrate` agrees.
+TEST(RecoveryCrashTest, EveryCutOffRecoveryIsFinishedByTheNext) {
+  test::TempDir t;
+  const std::string pristine = t / "pristine";
+  const std::string outside = t / "outside";
+  // The sixth application of a sample device is the only member of a group.
+  DeviceWithAFailedInstallation(pristine, 6, "Fathom", outside);
+  const char* sweep = std::getenv("VX_POWER_SWEEP");
+  const bool full = sweep && std::string(sweep) == "full";
+  // The recovery's own steps come first; the installation and the migration after them have
+  // crash sweeps of their own, so beyond the first steps a sample is enough, a different one
+  // each day.
+  constexpr int kOwnSteps = 16;
+  constexpr int kStride = 31;
+  const int offset = static_cast<int>(std::time(nullptr) / 86400 % kStride);
+  int completedAt = 0;
+  for (int n = 1; n < 5000 && completedAt == 0;
+       n = full || n < kOwnSteps ? n + 1 : n == kOwnSteps ? n + 1 + offset : n + kStride) {
+    const std::string root = t / ("run-" + std::to_string(n));
+    fs::copy(pristine, root, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    test::RunOptions cut;
+    cut.environment["TMPDIR"] = "/tmp";
+    cut.environment["VX_FAULT_AT"] = std::to_string(n);
+    cut.environment["VX_FAULT_ACTION"] = "crash";
+    auto first = test::RunProgram(kHost, {"recover", "--root", root, "com.example.fathom"}, cut);
+    if (first.err.find("vx fault seam:") == std::string::npos) {
+      ASSERT_EQ(first.exitStatus, 0) << first.describe();
+      completedAt = n;
+    } else {
+      ASSERT_EQ(first.signal, SIGKILL) << "n=" << n << "\n" << first.describe();
+      auto rerun = Host({"recover", "--root", root, "com.example.fathom"});
+      ASSERT_EQ(rerun.exitStatus, 0) << "n=" << n << "\n" << rerun.describe();
+    }
+    auto migrate = Host({"migrate", "--root", root, "--no-progress", "--quiet"});
+    ASSERT_EQ(migrate.exitStatus, 0) << "n=" << n << "\n" << migrate.describe();
+    const sample::ManifestReport report = sample::CheckMigratedDevice(root);
+    ASSERT_TRUE(report.ok() && report.placeholdersOnly.empty()) << "n=" << n;
+    ASSERT_EQ(report.applicationsInstalled, 6u) << "n=" << n;
+    auto listed = Host({"recover", "--root", root, "--json"});
+    ASSERT_EQ(nlohmann::json::parse(listed.out).size(), 0u) << "n=" << n << "\n" << listed.out;
+    ASSERT_TRUE(fs::is_empty(root + "/private/var/mobile/Containers/Shared/AppGroup"))
+        << "n=" << n << ": the old group container is emptied and gone";
+    fs::remove_all(root);
+  }
+  EXPECT_GT(completedAt, kOwnSteps);
 }
 
 }  // namespace

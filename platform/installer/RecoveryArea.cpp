@@ -220,15 +220,19 @@ std::vector<RecoveredEntry> RecoveredEntries() {
   return entries;
 }
 
-std::optional<RecoveredEntry> FindRecoveredEntry(const std::string& nameOrIdentifier) {
+std::optional<RecoveredEntry> FindRecoveredEntry(const std::string& nameOrIdentifier,
+                                                 const char* preferredCourse) {
   std::vector<RecoveredEntry> entries = RecoveredEntries();
   for (const RecoveredEntry& entry : entries) {
     if (entry.name == nameOrIdentifier) return entry;
   }
+  std::optional<RecoveredEntry> newest;
   for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
-    if (it->record.identifier == nameOrIdentifier) return *it;
+    if (it->record.identifier != nameOrIdentifier) continue;
+    if (preferredCourse && it->record.course == preferredCourse) return *it;
+    if (!newest) newest = *it;
   }
-  return std::nullopt;
+  return newest;
 }
 
 bool RemoveRecoveredEntry(const RecoveredEntry& entry, ErrorRef* error) {
