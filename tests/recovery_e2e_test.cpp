@@ -5,12 +5,13 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <ctime>
+#include <set>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "host/sample/ManifestCheck.h"
 #include "host/sample/SampleDevice.h"
+#include "support/FaultSites.h"
 #include "support/RunProgram.h"
 #include "support/TempDir.h"
 #include "support/TestDevice.h"
@@ -21,6 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 const std::string kHost = std::string(VX_BIN_DIR) + "/vxmigrate";
+const std::string kArea = "/private/var/mobile/Library/Velotrix/Recovered";
 
 test::RunResult Host(const std::vector<std::string>& args) {
   test::RunOptions options;
@@ -113,7 +115,7 @@ std::string DeviceWithAFailedInstallation(const std::string& root, int apps, con
   }
   auto run = Host({"migrate", "--root", root, "--no-progress", "--quiet"});
   EXPECT_EQ(run.exitStatus, 1) << run.describe();
-  const std::string area = root + "/private/var/mobile/Library/Velotrix/Recovered";
+  const std::string area = root + kArea;
   for (const auto& entry : fs::directory_iterator(area)) return entry.path();
   ADD_FAILURE() << "nothing went to the recovery area";
   return area;
@@ -165,26 +167,38 @@ TEST(RecoveryEndToEndTest, PlantedLinksLeadNowhereAndARecoveryCanBeAskedTwice) {
   EXPECT_EQ(test::TreeDigest(outside), outsideBefore);
 }
 
-// `recover` cut off by a crash at each of its mutations (the sampled ones: VX_POWER_SWEEP=full
-// takes every one), then run again: the application is installed for real, its group's files
-// are in its new group container, the entry is gone, nothing is lost, and `migrate` agrees.
+// `recover` cut off by a crash, then run again: the application is installed for real, its
+// group's files are in its new group container, the entry is gone, nothing is lost, and
+// `migrate` agrees. Cut at the first call of every place in the code that mutates, and at the
+// start of every durable write (each stage's record: many share one site); VX_POWER_SWEEP=full
+// cuts every call.
 TEST(RecoveryCrashTest, EveryCutOffRecoveryIsFinishedByTheNext) {
-  test::TempDir t;
+  test::TempDir t(test::SweepScratch());
   const std::string pristine = t / "pristine";
   const std::string outside = t / "outside";
   // The sixth application of a sample device is the only member of a group.
   DeviceWithAFailedInstallation(pristine, 6, "Fathom", outside);
+  const std::string listing = t / "listing";
+  fs::copy(pristine, listing, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  test::RunOptions sites;
+  sites.environment["TMPDIR"] = "/tmp";
+  sites.environment["VX_FAULT_SITES"] = t / "sites";
+  ASSERT_EQ(test::RunProgram(kHost, {"recover", "--root", listing, "com.example.fathom"}, sites)
+                .exitStatus,
+            0);
+  fs::remove_all(listing);
+  const std::vector<test::MutationSite> calls = test::ReadFaultSites(t / "sites");
+  std::set<int> cuts;
+  for (int n : test::FirstCallAtEachSite(calls)) cuts.insert(n);
   const char* sweep = std::getenv("VX_POWER_SWEEP");
-  const bool full = sweep && std::string(sweep) == "full";
-  // The recovery's own steps come first; the installation and the migration after them have
-  // crash sweeps of their own, so beyond the first steps a sample is enough, a different one
-  // each day.
-  constexpr int kOwnSteps = 16;
-  constexpr int kStride = 31;
-  const int offset = static_cast<int>(std::time(nullptr) / 86400 % kStride);
+  for (const test::MutationSite& call : calls) {
+    if (call.operation == "mkostemp" || (sweep && std::string(sweep) == "full")) {
+      cuts.insert(call.n);
+    }
+  }
+  cuts.insert(static_cast<int>(calls.size()) + 1);  // past the last: the run completes
   int completedAt = 0;
-  for (int n = 1; n < 5000 && completedAt == 0;
-       n = full || n < kOwnSteps ? n + 1 : n == kOwnSteps ? n + 1 + offset : n + kStride) {
+  for (int n : cuts) {
     const std::string root = t / ("run-" + std::to_string(n));
     fs::copy(pristine, root, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
     test::RunOptions cut;
@@ -205,13 +219,15 @@ TEST(RecoveryCrashTest, EveryCutOffRecoveryIsFinishedByTheNext) {
     const sample::ManifestReport report = sample::CheckMigratedDevice(root);
     ASSERT_TRUE(report.ok() && report.placeholdersOnly.empty()) << "n=" << n;
     ASSERT_EQ(report.applicationsInstalled, 6u) << "n=" << n;
-    auto listed = Host({"recover", "--root", root, "--json"});
-    ASSERT_EQ(nlohmann::json::parse(listed.out).size(), 0u) << "n=" << n << "\n" << listed.out;
+    for (const auto& left : fs::directory_iterator(root + kArea)) {
+      ASSERT_EQ(left.path().filename().string()[0], '.') << "n=" << n << ": " << left.path();
+    }
     ASSERT_TRUE(fs::is_empty(root + "/private/var/mobile/Containers/Shared/AppGroup"))
         << "n=" << n << ": the old group container is emptied and gone";
     fs::remove_all(root);
   }
-  EXPECT_GT(completedAt, kOwnSteps);
+  EXPECT_EQ(completedAt, static_cast<int>(calls.size()) + 1);
+  EXPECT_GT(cuts.size(), 20u) << "recovery mutates from more than a handful of places";
 }
 
 }  // namespace

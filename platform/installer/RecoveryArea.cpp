@@ -33,6 +33,8 @@ constexpr const char* kAreaName = "Recovered";
 constexpr const char* kRecordName = "Record.plist";
 constexpr const char* kContentName = "Content";
 constexpr const char* kMoveFunction = "MoveToRecoveryArea";
+// An entry being removed is renamed aside first, under this prefix.
+constexpr const char* kRemovingPrefix = ".removing-";
 // Deep enough for any real application tree; what lies deeper is kept rather than judged.
 constexpr int kMaxWalkDepth = 128;
 
@@ -239,11 +241,25 @@ bool RemoveRecoveredEntry(const RecoveredEntry& entry, ErrorRef* error) {
   const FileURL area = RecoveryAreaURL();
   const UniqueFd areaFd = OpenDirectoryNoFollow(area.fileSystemRepresentation());
   // Hidden names are no entries; the name was listed, so it is one component.
-  const std::string aside = ".removing-" + entry.name;
-  if (entry.name.empty() || entry.name[0] == '.' || entry.name.find('/') != std::string::npos) {
-    errno = EINVAL;
+  const std::string aside = kRemovingPrefix + entry.name;
+  // What a removal cut short left aside goes first: it was judged when it was set aside.
+  std::vector<std::string> leftovers;
+  DirectoryStream listing(
+      UniqueFd(areaFd ? ::openat(areaFd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1));
+  DirentRecord item;
+  while (listing.Next(&item)) {
+    if (item.name.starts_with(kRemovingPrefix)) {
+      leftovers.emplace_back(item.name);
+    }
   }
-  if (!areaFd || errno == EINVAL ||
+  for (const std::string& leftover : leftovers) {
+    VXFileManager::defaultManager().removeItemAtURL(
+        area.URLByAppendingPathComponent(leftover, true), nullptr);
+  }
+  const bool oneName =
+      !entry.name.empty() && entry.name[0] != '.' && entry.name.find('/') == std::string::npos;
+  if (!oneName) errno = EINVAL;
+  if (!oneName || !areaFd ||
       sys::Renameat(areaFd.get(), entry.name.c_str(), areaFd.get(), aside.c_str()) != 0) {
     if (error) {
       *error = _CreateAndLogError("RemoveRecoveredEntry", __LINE__, VXInstallerErrorDomain, 4,
