@@ -1,6 +1,7 @@
 // The recovery area: what would have been deleted with user bytes in it is kept, recorded and
 // found again; what holds nothing is not worth keeping.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include "platform/files/Fault.h"
 #include "platform/files/Sys.h"
 #include "platform/installer/RecoveryArea.h"
+#include "platform/plist/PlistFile.h"
 #include "support/TempDir.h"
 #include "support/TestDevice.h"
 
@@ -33,6 +35,24 @@ TEST(RecoveryAreaTest, WhatHoldsUserBytes) {
 
   WriteFile(c + "/Documents/empty/deeper/note", "");  // even an empty file is the user's
   EXPECT_TRUE(ItemHoldsUserBytes(container, kOwnFiles));
+
+  // A directory that cannot be opened (here: no descriptor left, at the top or one level
+  // down) may hold anything: it counts as holding bytes, or its container would be deleted.
+  for (int spare = 0; spare < 2; ++spare) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const int lowest = ::dup(0);
+      ::close(lowest);
+      struct rlimit limit {};
+      ::getrlimit(RLIMIT_NOFILE, &limit);
+      limit.rlim_cur = static_cast<rlim_t>(lowest + spare);
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+      ::_exit(ItemHoldsUserBytes(container, kOwnFiles) ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "spare descriptors: " << spare;
+  }
 }
 
 TEST(RecoveryAreaTest, MovedWholeRecordedFoundAndRemoved) {
@@ -55,6 +75,14 @@ TEST(RecoveryAreaTest, MovedWholeRecordedFoundAndRemoved) {
                                  {record.identifier, kRecoveryCourseGaveWay, "/old/C2"}, &error));
   MakeDirs(RecoveryAreaURL().path() + "/halfway/Content");
   WriteFile(RecoveryAreaURL().path() + "/halfway/Record.plist", "not even a plist");
+  // A cut between the record and the move: the newest record of the application, nothing in
+  // it. It is neither listed nor taken for the application's newest entry.
+  MakeDirs(RecoveryAreaURL().path() + "/emptied/Content");
+  ASSERT_TRUE(WritePropertyListFile(
+      RecoveryAreaURL().path() + "/emptied/Record.plist",
+      PlistValue(PlistDictionary{{"Identifier", record.identifier},
+                                 {"Course", kRecoveryCourseInstallFailed},
+                                 {"Time", "9999-12-31T23:59:59.000000000Z"}})));
 
   std::vector<RecoveredEntry> entries = RecoveredEntries();
   ASSERT_EQ(entries.size(), 2u);
@@ -69,6 +97,9 @@ TEST(RecoveryAreaTest, MovedWholeRecordedFoundAndRemoved) {
   auto byIdentifier = FindRecoveredEntry(record.identifier);  // the newest of that application
   ASSERT_TRUE(byIdentifier);
   EXPECT_EQ(byIdentifier->items, std::vector<std::string>{"C2"});
+  auto ofCourse = FindRecoveredEntry(record.identifier, kRecoveryCourseNoBundle);
+  ASSERT_TRUE(ofCourse);
+  EXPECT_EQ(ofCourse->items, std::vector<std::string>{"C1"});
   EXPECT_FALSE(FindRecoveredEntry("com.example.none"));
 
   ASSERT_TRUE(RemoveRecoveredEntry(*byName, &error));

@@ -3,19 +3,26 @@
 // finds it, and deleting it takes a second word.
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <cstdlib>
+#include <set>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "host/sample/ManifestCheck.h"
 #include "host/sample/SampleDevice.h"
+#include "support/FaultSites.h"
 #include "support/RunProgram.h"
 #include "support/TempDir.h"
+#include "support/TestDevice.h"
+#include "support/TreeDigest.h"
 
 namespace vx {
 namespace {
 
 namespace fs = std::filesystem;
 const std::string kHost = std::string(VX_BIN_DIR) + "/vxmigrate";
+const std::string kArea = "/private/var/mobile/Library/Velotrix/Recovered";
 
 test::RunResult Host(const std::vector<std::string>& args) {
   test::RunOptions options;
@@ -88,6 +95,139 @@ TEST(RecoveryEndToEndTest, CorruptBundleAndTwoContainersOfOneApplicationLoseNoth
 
   const sample::ManifestReport report = sample::CheckMigratedDevice(root);
   EXPECT_EQ(report.applicationsInstalled, 1u);
+}
+
+// A sample device of `apps` applications whose application `name` fails its installation:
+// its container's "Staging" is a link to `outside`, a directory off the device. The
+// migration sends the container to the recovery area; the entry's directory is returned.
+std::string DeviceWithAFailedInstallation(const std::string& root, int apps, const std::string& name,
+                                          const std::string& outside) {
+  sample::SampleDeviceOptions options;
+  options.apps = apps;
+  options.dataBytes = 1024;
+  std::string problem;
+  EXPECT_TRUE(sample::WriteSampleDevice(root, options, &problem)) << problem;
+  test::WriteFile(outside + "/theirs", "not the device's");
+  for (const auto& entry : fs::directory_iterator(root + "/private/var/mobile/Applications")) {
+    if (test::Exists(entry.path() / (name + ".app"))) {
+      test::MakeSymlink(outside, entry.path() / "Staging");
+    }
+  }
+  auto run = Host({"migrate", "--root", root, "--no-progress", "--quiet"});
+  EXPECT_EQ(run.exitStatus, 1) << run.describe();
+  const std::string area = root + kArea;
+  for (const auto& entry : fs::directory_iterator(area)) return entry.path();
+  ADD_FAILURE() << "nothing went to the recovery area";
+  return area;
+}
+
+// Links planted in the container lead nowhere: "Staging", "Payload" and a bundle, each a link
+// off the device. A recovery refused touches nothing; one that installs leaves the outside as
+// it was, keeps the entry while it holds a file of the user's, and says so when asked again.
+TEST(RecoveryEndToEndTest, PlantedLinksLeadNowhereAndARecoveryCanBeAskedTwice) {
+  test::TempDir t;
+  const std::string root = t / "device";
+  const std::string outside = t / "outside";
+  const std::string entry = DeviceWithAFailedInstallation(root, 1, "Atlas", outside);
+  const std::string name = fs::path(entry).filename();
+  std::string container;
+  for (const auto& item : fs::directory_iterator(entry + "/Content")) container = item.path();
+  ASSERT_TRUE(test::Exists(container + "/Atlas.app/Info.plist"));
+  test::MakeDirs(outside + "/Atlas.app");
+  test::WriteFile(outside + "/Atlas.app/Info.plist", "outside's");
+  test::MakeSymlink(outside + "/Atlas.app", container + "/Other.app");
+
+  // A twin whose only bundle lies behind a "Payload" link.
+  const std::string twin = fs::path(entry).parent_path() / "com.example.atlas.twin00";
+  fs::copy(entry, twin, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  const std::string twinContainer = twin + "/Content/" + fs::path(container).filename().string();
+  fs::remove_all(twinContainer + "/Atlas.app");
+  fs::remove(twinContainer + "/Staging");
+  test::MakeDirs(twinContainer + "/Staging");
+  test::MakeSymlink(outside, twinContainer + "/Staging/Payload");
+  // A file of the user's the installation will not take.
+  test::WriteFile(entry + "/Content/zz-left/note", "left behind");
+
+  const std::string outsideBefore = test::TreeDigest(outside);
+  const std::string twinBefore = test::TreeDigest(twin);
+  EXPECT_EQ(Host({"recover", "--root", root, "com.example.atlas.twin00"}).exitStatus, 1);
+  EXPECT_EQ(test::TreeDigest(twin), twinBefore) << "a refused recovery touches nothing";
+
+  auto recovered = Host({"recover", "--root", root, name});
+  EXPECT_EQ(recovered.exitStatus, 0) << recovered.describe();
+  EXPECT_EQ(test::TreeDigest(outside), outsideBefore);
+  EXPECT_EQ(test::ReadFile(entry + "/Content/zz-left/note"), "left behind");
+  const sample::ManifestReport report = sample::CheckMigratedDevice(root);
+  EXPECT_TRUE(report.ok() && report.placeholdersOnly.empty() && report.applicationsInstalled == 1);
+
+  auto again = Host({"recover", "--root", root, name});
+  EXPECT_EQ(again.exitStatus, 0) << again.describe();
+  EXPECT_NE(again.out.find("already recovered"), std::string::npos) << again.describe();
+  EXPECT_EQ(test::ReadFile(entry + "/Content/zz-left/note"), "left behind");
+  EXPECT_EQ(test::TreeDigest(outside), outsideBefore);
+}
+
+// `recover` cut off by a crash, then run again: the application is installed for real, its
+// group's files are in its new group container, the entry is gone, nothing is lost, and
+// `migrate` agrees. Cut at the first call of every place in the code that mutates, and at the
+// start of every durable write (each stage's record: many share one site); VX_POWER_SWEEP=full
+// cuts every call.
+TEST(RecoveryCrashTest, EveryCutOffRecoveryIsFinishedByTheNext) {
+  test::TempDir t(test::SweepScratch());
+  const std::string pristine = t / "pristine";
+  const std::string outside = t / "outside";
+  // The sixth application of a sample device is the only member of a group.
+  DeviceWithAFailedInstallation(pristine, 6, "Fathom", outside);
+  const std::string listing = t / "listing";
+  fs::copy(pristine, listing, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  test::RunOptions sites;
+  sites.environment["TMPDIR"] = "/tmp";
+  sites.environment["VX_FAULT_SITES"] = t / "sites";
+  ASSERT_EQ(test::RunProgram(kHost, {"recover", "--root", listing, "com.example.fathom"}, sites)
+                .exitStatus,
+            0);
+  fs::remove_all(listing);
+  const std::vector<test::MutationSite> calls = test::ReadFaultSites(t / "sites");
+  std::set<int> cuts;
+  for (int n : test::FirstCallAtEachSite(calls)) cuts.insert(n);
+  const char* sweep = std::getenv("VX_POWER_SWEEP");
+  for (const test::MutationSite& call : calls) {
+    if (call.operation == "mkostemp" || (sweep && std::string(sweep) == "full")) {
+      cuts.insert(call.n);
+    }
+  }
+  cuts.insert(static_cast<int>(calls.size()) + 1);  // past the last: the run completes
+  int completedAt = 0;
+  for (int n : cuts) {
+    const std::string root = t / ("run-" + std::to_string(n));
+    fs::copy(pristine, root, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    test::RunOptions cut;
+    cut.environment["TMPDIR"] = "/tmp";
+    cut.environment["VX_FAULT_AT"] = std::to_string(n);
+    cut.environment["VX_FAULT_ACTION"] = "crash";
+    auto first = test::RunProgram(kHost, {"recover", "--root", root, "com.example.fathom"}, cut);
+    if (first.err.find("vx fault seam:") == std::string::npos) {
+      ASSERT_EQ(first.exitStatus, 0) << first.describe();
+      completedAt = n;
+    } else {
+      ASSERT_EQ(first.signal, SIGKILL) << "n=" << n << "\n" << first.describe();
+      auto rerun = Host({"recover", "--root", root, "com.example.fathom"});
+      ASSERT_EQ(rerun.exitStatus, 0) << "n=" << n << "\n" << rerun.describe();
+    }
+    auto migrate = Host({"migrate", "--root", root, "--no-progress", "--quiet"});
+    ASSERT_EQ(migrate.exitStatus, 0) << "n=" << n << "\n" << migrate.describe();
+    const sample::ManifestReport report = sample::CheckMigratedDevice(root);
+    ASSERT_TRUE(report.ok() && report.placeholdersOnly.empty()) << "n=" << n;
+    ASSERT_EQ(report.applicationsInstalled, 6u) << "n=" << n;
+    for (const auto& left : fs::directory_iterator(root + kArea)) {
+      ASSERT_EQ(left.path().filename().string()[0], '.') << "n=" << n << ": " << left.path();
+    }
+    ASSERT_TRUE(fs::is_empty(root + "/private/var/mobile/Containers/Shared/AppGroup"))
+        << "n=" << n << ": the old group container is emptied and gone";
+    fs::remove_all(root);
+  }
+  EXPECT_EQ(completedAt, static_cast<int>(calls.size()) + 1);
+  EXPECT_GT(cuts.size(), 20u) << "recovery mutates from more than a handful of places";
 }
 
 }  // namespace

@@ -1,22 +1,16 @@
 // The whole job, from outside: a sample device in the old layout is migrated by the built
 // host and plug-in, and the manifest proves that nothing was lost, also when the run is cut
 // off at any step and started again.
-#include <fcntl.h>
-#include <sys/xattr.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <map>
-#include <set>
-#include <sstream>
 #include <utility>
 #include <vector>
 
 #include "host/sample/ManifestCheck.h"
 #include "host/sample/SampleDevice.h"
+#include "support/FaultSites.h"
 #include "support/RunProgram.h"
 #include "support/TempDir.h"
 
@@ -131,18 +125,6 @@ struct Sweep {
   bool callSites = false;
 };
 
-// Sweeps cut on tmpfs where it keeps user attributes: a sync costs nothing there, and the
-// power-cut journal, not the disk, decides what a cut keeps.
-std::string SweepScratch() {
-  const std::string probe = "/dev/shm/vx-sweep-probe-" + std::to_string(::getpid());
-  const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (fd < 0) return "";
-  const bool attributes = ::fsetxattr(fd, "user.vx.probe", "1", 1, 0) == 0;
-  ::close(fd);
-  ::unlink(probe.c_str());
-  return attributes ? "/dev/shm" : "";
-}
-
 // The mutation numbers at which a clean run of the device first reaches each call site.
 std::vector<int> FirstCallAtEverySite(const std::string& pristine, const std::string& work) {
   const std::string root = work + "/listing";
@@ -152,16 +134,9 @@ std::vector<int> FirstCallAtEverySite(const std::string& pristine, const std::st
   listing.environment["VX_FAULT_SITES"] = work + "/sites";
   auto run = Migrate(root, listing);
   EXPECT_EQ(run.exitStatus, 0) << run.describe();
-  std::map<std::string, int> first;
-  std::istringstream lines(test::ReadFile(work + "/sites"));
-  int n = 0;
-  std::string operation, site;
-  while (lines >> n >> operation >> site) first.try_emplace(operation + " " + site, n);
-  std::set<int> cuts;
-  for (const auto& [where, at] : first) cuts.insert(at);
   std::filesystem::remove_all(root);
   std::filesystem::remove_all(root + "-tmp");
-  return {cuts.begin(), cuts.end()};
+  return test::FirstCallAtEachSite(test::ReadFaultSites(work + "/sites"));
 }
 
 // One application's migration, cut off at every mutating call in turn (by a fault, by the
@@ -170,7 +145,7 @@ std::vector<int> FirstCallAtEverySite(const std::string& pristine, const std::st
 void CutOffAtEveryStep(Cut how, int apps = 1, Sweep sweep = {}) {
   const bool crash = how != Cut::Failure;
   const char* action[] = {"fail", "crash", "power-cut", "power-cut-partial"};
-  test::TempDir t(SweepScratch());
+  test::TempDir t(test::SweepScratch());
   const std::string pristine = t / "pristine";
   sample::SampleDeviceOptions options;
   options.apps = apps;

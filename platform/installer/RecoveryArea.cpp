@@ -13,6 +13,7 @@
 
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
+#include "platform/files/Beneath.h"
 #include "platform/files/DirectoryStream.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
@@ -32,6 +33,8 @@ constexpr const char* kAreaName = "Recovered";
 constexpr const char* kRecordName = "Record.plist";
 constexpr const char* kContentName = "Content";
 constexpr const char* kMoveFunction = "MoveToRecoveryArea";
+// An entry being removed is renamed aside first, under this prefix.
+constexpr const char* kRemovingPrefix = ".removing-";
 // Deep enough for any real application tree; what lies deeper is kept rather than judged.
 constexpr int kMaxWalkDepth = 128;
 
@@ -122,8 +125,7 @@ std::optional<RecoveredEntry> ReadEntry(const FileURL& area, const std::string& 
                   Text(*record, "OriginalPath")};
   entry.time = Text(*record, "Time");
   entry.content = directory.URLByAppendingPathComponent(kContentName, true);
-  DirectoryStream content(UniqueFd(
-      ::open(entry.content.fileSystemRepresentation(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+  DirectoryStream content(OpenDirectoryNoFollow(entry.content.fileSystemRepresentation()));
   if (!content) return std::nullopt;
   DirentRecord item;
   while (content.Next(&item)) entry.items.emplace_back(item.name);
@@ -220,20 +222,64 @@ std::vector<RecoveredEntry> RecoveredEntries() {
   return entries;
 }
 
-std::optional<RecoveredEntry> FindRecoveredEntry(const std::string& nameOrIdentifier) {
+std::optional<RecoveredEntry> FindRecoveredEntry(const std::string& nameOrIdentifier,
+                                                 const char* preferredCourse) {
   std::vector<RecoveredEntry> entries = RecoveredEntries();
   for (const RecoveredEntry& entry : entries) {
     if (entry.name == nameOrIdentifier) return entry;
   }
+  std::optional<RecoveredEntry> newest;
   for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
-    if (it->record.identifier == nameOrIdentifier) return *it;
+    if (it->record.identifier != nameOrIdentifier) continue;
+    if (preferredCourse && it->record.course == preferredCourse) return *it;
+    if (!newest) newest = *it;
   }
-  return std::nullopt;
+  return newest;
 }
 
 bool RemoveRecoveredEntry(const RecoveredEntry& entry, ErrorRef* error) {
+  const FileURL area = RecoveryAreaURL();
+  const UniqueFd areaFd = OpenDirectoryNoFollow(area.fileSystemRepresentation());
+  // Hidden names are no entries; the name was listed, so it is one component.
+  const std::string aside = kRemovingPrefix + entry.name;
+  // What a removal cut short left aside goes first: it was judged when it was set aside.
+  std::vector<std::string> leftovers;
+  DirectoryStream listing(
+      UniqueFd(areaFd ? ::openat(areaFd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1));
+  DirentRecord item;
+  while (listing.Next(&item)) {
+    if (item.name.starts_with(kRemovingPrefix)) {
+      leftovers.emplace_back(item.name);
+    }
+  }
+  for (const std::string& leftover : leftovers) {
+    VXFileManager::defaultManager().removeItemAtURL(
+        area.URLByAppendingPathComponent(leftover, true), nullptr);
+  }
+  const bool oneName =
+      !entry.name.empty() && entry.name[0] != '.' && entry.name.find('/') == std::string::npos;
+  if (!oneName) errno = EINVAL;
+  if (!oneName || !areaFd ||
+      sys::Renameat(areaFd.get(), entry.name.c_str(), areaFd.get(), aside.c_str()) != 0) {
+    if (error) {
+      *error = _CreateAndLogError("RemoveRecoveredEntry", __LINE__, VXInstallerErrorDomain, 4,
+                                  PosixCause(errno), nullptr,
+                                  "Failed to set recovery entry %s aside for removal", entry.name);
+    }
+    return false;
+  }
   return VXFileManager::defaultManager().removeItemAtURL(
-      RecoveryAreaURL().URLByAppendingPathComponent(entry.name, true), error);
+      area.URLByAppendingPathComponent(aside, true), error);
+}
+
+FileURL RecoveredEntryURL(const RecoveredEntry& entry) {
+  return RecoveryAreaURL().URLByAppendingPathComponent(entry.name, true);
+}
+
+UniqueFd OpenRecoveredEntry(const RecoveredEntry& entry) {
+  const UniqueFd area = OpenDirectoryNoFollow(RecoveryAreaURL().fileSystemRepresentation());
+  if (!area || entry.name.empty() || entry.name[0] == '.') return UniqueFd();
+  return OpenBeneath(area.get(), entry.name, O_RDONLY | O_DIRECTORY);
 }
 
 }  // namespace vx

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/files/UniqueFd.h"
 #include "support/types/FileURL.h"
 #include "support/types/InstallerError.h"
 
@@ -55,10 +56,19 @@ std::optional<FileURL> MoveToRecoveryArea(const FileURL& item, const RecoveryRec
 // Every complete entry, oldest first.
 std::vector<RecoveredEntry> RecoveredEntries();
 
-// The entry of that name, or else the newest entry recorded for that application identifier.
-std::optional<RecoveredEntry> FindRecoveredEntry(const std::string& nameOrIdentifier);
+// The entry of that name, or else the newest entry recorded for that application identifier
+// (the newest of `preferredCourse` when it has one: an application may have an item that gave
+// way besides the bundle whose installation failed).
+std::optional<RecoveredEntry> FindRecoveredEntry(const std::string& nameOrIdentifier,
+                                                 const char* preferredCourse = nullptr);
 
-// Deletes the entry with everything it holds.
+// Deletes the entry with everything it holds. The entry leaves the listing at once (it is
+// renamed aside first), so that a removal cut short is never mistaken for an entry.
 bool RemoveRecoveredEntry(const RecoveredEntry& entry, ErrorRef* error);
+
+// The entry's own directory, beside its "Content", and a descriptor of it opened without
+// following a link; work inside the entry happens beneath that descriptor.
+FileURL RecoveredEntryURL(const RecoveredEntry& entry);
+UniqueFd OpenRecoveredEntry(const RecoveredEntry& entry);
 
 }  // namespace vx
