@@ -25,6 +25,7 @@ namespace vx {
 const char* const kRecoveryCourseNoBundle = "NoReadableBundle";
 const char* const kRecoveryCourseInstallFailed = "InstallFailed";
 const char* const kRecoveryCourseGaveWay = "GaveWay";
+const char* const kRecoveryCourseReservedName = "ReservedName";
 
 namespace {
 
