@@ -1,8 +1,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "filemanager/VXFileManager.h"
 #include "platform/files/CloneTree.h"
@@ -69,15 +72,28 @@ bool MoveAcrossFileSystems(const FileURL& source, const FileURL& destination, Er
                                source, destination, std::strerror(e)));
     return false;
   }
+  // The source leaves its name in one rename, under a name of its own, and goes only when
+  // that is the item copied: a swap between a look and a removal by name cannot send the
+  // removal to something else.
+  static std::atomic<unsigned> moves{0};
+  const std::string aside =
+      ".moving-" + std::to_string(::getpid()) + "-" + std::to_string(moves.fetch_add(1));
   struct stat now {};
-  if (::fstatat(from.get(), name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0 ||
+  if (sys::Renameat(from.get(), name.c_str(), from.get(), aside.c_str()) != 0) {
+    VX_INSTALLER_LOG(3, kMoveFunction, "Failed to take source %@ away: %s", source.path(),
+                     std::strerror(errno));
+    return true;
+  }
+  if (::fstatat(from.get(), aside.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0 ||
       now.st_dev != checked.st_dev || now.st_ino != checked.st_ino) {
+    sys::Renameat(from.get(), aside.c_str(), from.get(), name.c_str());
     VX_INSTALLER_LOG(3, kMoveFunction, "Not removing source %@ : it changed while it was copied",
                      source.path());
     return true;
   }
   ErrorRef removeError;
-  if (!VXFileManager::defaultManager().removeItemAtURL(source, &removeError)) {
+  if (!VXFileManager::defaultManager().removeItemAtURL(
+          sourceParent.URLByAppendingPathComponent(aside), &removeError)) {
     VX_INSTALLER_LOG(3, kMoveFunction, "Failed to remove source %@ : %@", source.path(),
                      removeError);
   }
