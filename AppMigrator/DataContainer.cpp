@@ -11,6 +11,7 @@
 #include "platform/files/Beneath.h"
 #include "platform/installer/RecoveryArea.h"
 #include "platform/log/MigrationLog.h"
+#include "platform/workspace/WorkspaceLayout.h"
 
 namespace vx {
 namespace {
@@ -42,6 +43,7 @@ bool IsTolerated(const std::string& name) {
 bool VXAppMigrator::_migrateDataContainerForIdentifier(const std::string& identifier,
                                                        const FileURL& from, const FileURL& to) {
   const VXFileManager& fileManager = VXFileManager::defaultManager();
+  if (!_setAsideReservedItemsInContainer(from, identifier)) return false;
   // Items are counted before they move, for the run's report only.
   ContainerReport* report = _currentReport();
   const UniqueFd counted =
@@ -71,6 +73,25 @@ bool VXAppMigrator::_migrateDataContainerForIdentifier(const std::string& identi
     }
   }
   return true;
+}
+
+// An application could write its old container, its old group containers and its items:
+// an item there named like the workspace's own files (a container record above all) would
+// relabel, or make unreadable, the container it moved into. It goes to the recovery area.
+bool VXAppMigrator::_setAsideReservedItemsInContainer(const FileURL& container,
+                                                      const std::string& identifier) {
+  ErrorRef error;
+  const auto entries =
+      VXFileManager::defaultManager().urlsForItemsInDirectoryAtURL(container, false, &error);
+  if (!entries) return true;  // nothing can be moved out of it either
+  bool allAside = true;
+  for (const FileURL& entry : *entries) {
+    if (IsWorkspaceReservedName(entry.lastPathComponent()) &&
+        !_setAsideItemAtURL(entry, identifier, kRecoveryCourseReservedName)) {
+      allAside = false;
+    }
+  }
+  return allAside;
 }
 
 bool VXAppMigrator::_containerHasMissedItems(const FileURL& container,

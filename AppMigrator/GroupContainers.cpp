@@ -11,6 +11,7 @@
 #include "platform/plist/PlistFile.h"
 #include "platform/system/DeviceRoot.h"
 #include "platform/workspace/AppWorkspace.h"
+#include "platform/workspace/WorkspaceLayout.h"
 
 namespace vx {
 namespace {
@@ -87,7 +88,11 @@ void VXAppMigrator::_migrateGroupContainer(const std::string& group, const FileU
   VX_MIGRATION_LOG(5, kGroupOperation, "VXAppMigrator: Migrating group container %@ at %@ to %@",
                    group, source, destination);
   size_t unmoved = 0;
-  if (!_moveAllItemsInGroupContainerURL(source, destination, &unmoved)) return;
+  if (!_setAsideReservedItemsInContainer(source, identifier) ||
+      !_moveAllItemsInGroupContainerURL(source, destination, &unmoved)) {
+    return;
+  }
+  _keepGroupRecord(destination, group, identifier);
   if (unmoved > 0) {
     // Removing the old container now would delete what is still in it. Keeping it, and its
     // entry marked with the application that owns it now, lets a later run move the rest even
@@ -133,6 +138,28 @@ bool VXAppMigrator::_migrateLeftoverGroupContainers() {
     if (_groupContainerMap->count(group)) return false;
   }
   return true;
+}
+
+// The record is the workspace's and is the last word on whose container this is: should one
+// of the application's making stand there after the move, whatever the route, it goes to
+// the recovery area and the real one is written again.
+void VXAppMigrator::_keepGroupRecord(const FileURL& container, const std::string& group,
+                                     const std::string& identifier) {
+  if (_readOnly) return;
+  const std::optional<ContainerRecord> record = WorkspaceLayout::readRecord(container);
+  if (record && record->containerClass == ContainerClass::Group && record->identifier == group) {
+    return;
+  }
+  const FileURL url = WorkspaceLayout::recordURL(container);
+  ContainerRecord real;
+  real.containerClass = ContainerClass::Group;
+  real.identifier = group;
+  ErrorRef error;
+  if (!_setAsideItemAtURL(url, identifier, kRecoveryCourseReservedName) ||
+      !WorkspaceLayout::writeRecord(container, real, &error)) {
+    VX_MIGRATION_LOG(3, kGroupOperation, "VXAppMigrator: Failed to restore the record of %@ : %@",
+                     container.path(), error);
+  }
 }
 
 void VXAppMigrator::_saveGroupContainerMap() {

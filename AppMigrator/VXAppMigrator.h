@@ -140,6 +140,13 @@ class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public Mi
   // planning, nothing moves and the answers are those the run would give.
   bool _setAsideItemAtURL(const FileURL& item, const std::string& identifier,
                           const char* course, bool* keptInRecovery = nullptr);
+  // Sets aside (course "ReservedName") every item directly in `container` under a name the
+  // workspace keeps for itself, so that no move carries one into a new container. False
+  // when one has to stay.
+  bool _setAsideReservedItemsInContainer(const FileURL& container, const std::string& identifier);
+  // Writes the group container's record again when it is not the group's own.
+  void _keepGroupRecord(const FileURL& container, const std::string& group,
+                        const std::string& identifier);
 
   // Read-only views for the host's report and for tests.
   const std::optional<std::vector<FileURL>>& itemsToMigrate() const { return _itemsToMigrate; }

@@ -4,13 +4,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <sys/wait.h>
+
 #include <algorithm>
+#include <atomic>
+#include <thread>
 #include <filesystem>
 
 #include "filemanager/StringAdditions.h"
 #include "filemanager/VXFileManager.h"
 #include "platform/files/Fault.h"
 #include "platform/files/ProtectionClass.h"
+#include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
@@ -147,6 +152,84 @@ TEST(FileManagerCopyMoveTest, MissingSourcesLinksAndReplacement) {
   EXPECT_EQ(ReadFile(t / "old"), "new");
   EXPECT_FALSE(fm().moveItemAtURL(U(t / "src"), U(t / "copy"), &error));
   EXPECT_TRUE(Exists(t / "src/sub/data"));
+}
+
+// A second file system writable by tests, or empty.
+std::string OtherFileSystemThan(const std::string& path) {
+  struct stat a {}, b {};
+  if (::access("/dev/shm", W_OK) != 0 || ::stat("/dev/shm", &a) != 0 ||
+      ::stat(path.c_str(), &b) != 0 || a.st_dev == b.st_dev) {
+    return "";
+  }
+  return "/dev/shm";
+}
+
+TEST(FileManagerCopyMoveTest, MovesAcrossFileSystemsCopyWhatWasCheckedAndSyncIt) {
+  TempDir t;
+  const std::string other = OtherFileSystemThan(t.path());
+  if (other.empty()) GTEST_SKIP() << "no second writable file system beside " << t.path();
+  TempDir far(other);
+  const std::string source = t / "a", moved = far / "moved";
+
+  // The source swapped for a link to the outside while it moves: the link is never followed,
+  // and whichever was checked, the user's file is still somewhere afterwards (twice when the
+  // name held another item by the time the source was to go).
+  WriteFile(t / "outside/secret", "outside");
+  for (int round = 0; round < 60 && !::testing::Test::HasFailure(); ++round) {
+    WriteFile(source + "/f", "mine");
+    MakeSymlink(t / "outside", t / "l");
+    std::atomic<bool> stop{false};
+    std::thread swapper([&] {
+      while (!stop) ::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, (t / "l").c_str(), RENAME_EXCHANGE);
+    });
+    const bool ok = fm().moveItemAtURL(U(source), U(moved), nullptr);
+    stop = true;
+    swapper.join();
+    int copies = 0;
+    for (const std::string& place : {source, t / "l", moved}) {
+      struct stat st {};
+      copies += ::lstat(place.c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
+                ReadFile(place + "/f") == "mine";
+    }
+    EXPECT_TRUE(ok);
+    EXPECT_GE(copies, 1) << "round " << round;
+    EXPECT_FALSE(fs::is_directory(fs::symlink_status(moved)) && Exists(moved + "/secret"))
+        << "copied through the link";
+    EXPECT_EQ(ReadFile(t / "outside/secret"), "outside");
+    for (const std::string& place : {source, t / "l", moved}) fs::remove_all(place);
+  }
+
+  // A power cut at any step of the move, losing what was not synced: the bytes stand whole
+  // in the source or in the copy, never in neither.
+  const auto makeSource = [&] {
+    fs::remove_all(moved);
+    WriteFile(source + "/f", std::string(5000, 'f'));
+    WriteFile(source + "/sub/g", std::string(7000, 'g'));
+  };
+  const auto whole = [&](const std::string& tree) {
+    return Exists(tree + "/f") && ReadFile(tree + "/f") == std::string(5000, 'f') &&
+           Exists(tree + "/sub/g") && ReadFile(tree + "/sub/g") == std::string(7000, 'g');
+  };
+  makeSource();
+  fault::Disarm();
+  ASSERT_TRUE(fm().moveItemAtURL(U(source), U(moved), nullptr));
+  const uint64_t steps = fault::MutationCount();
+  for (const bool partial : {false, true}) {
+    for (uint64_t step = 1; step <= steps + 1; ++step) {
+      makeSource();
+      const pid_t child = ::fork();
+      if (child == 0) {
+        fault::Arm(step, fault::Action::PowerCut, 0,
+                   {.partial = partial, .seed = step, .stashDirectory = t / ("stash" + std::to_string(step) + (partial ? "p" : ""))});
+        fm().moveItemAtURL(U(source), U(moved), nullptr);
+        for (;;) sys::Mkdir((t / "after").c_str(), 0755);
+      }
+      int status = 0;
+      ASSERT_EQ(::waitpid(child, &status, 0), child);
+      EXPECT_TRUE(whole(source) || whole(moved)) << "step " << step << (partial ? " partial" : "");
+      fs::remove_all(source);
+    }
+  }
 }
 
 TEST(FileManagerTemporaryDirectoryTest, NamedInsideParentAndLoggedFailure) {

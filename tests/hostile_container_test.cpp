@@ -13,9 +13,13 @@
 #include <filesystem>
 #include <future>
 #include <map>
+#include <nlohmann/json.hpp>
+#include <set>
 
 #include "host/sample/ManifestCheck.h"
 #include "host/sample/SampleDevice.h"
+#include "platform/workspace/WorkspaceLayout.h"
+#include "support/AppPackages.h"
 #include "support/MigratorTestKit.h"
 #include "support/RunProgram.h"
 
@@ -312,6 +316,75 @@ TEST(HostileDeviceTest, ImageCutOffUnderOneRootResumesUnderAnother) {
     fs::remove_all(second);
   }
   EXPECT_TRUE(markedOnly && staged);
+}
+
+// A file named like the workspace's container record, forged or a sparse terabyte, planted in
+// old group containers and old containers: no command aborts, every new container keeps its
+// own record, and the planted files end in the recovery area.
+TEST(HostileDeviceTest, PlantedWorkspaceRecordsNeverTravelNorAbortACommand) {
+  const std::string host = std::string(VX_BIN_DIR) + "/vxmigrate";
+  TempDir t;
+  const std::string root = t / "device";
+  sample::SampleDeviceOptions options;
+  options.apps = 6;
+  options.dataBytes = 1024;
+  std::string problem;
+  ASSERT_TRUE(sample::WriteSampleDevice(root, options, &problem)) << problem;
+  const std::string forged =
+      "<plist><dict><key>Identifier</key><string>group.forged</string>"
+      "<key>ContainerClass</key><string>Group</string></dict></plist>";
+  const auto plant = [&](const std::string& parent, size_t count) {
+    std::vector<std::string> dirs;
+    for (const auto& e : fs::directory_iterator(parent)) dirs.push_back(e.path());
+    ASSERT_GE(dirs.size(), count) << parent;
+    for (size_t i = 0; i < count; ++i) {
+      const std::string record = dirs[i] + "/" + kContainerRecordFileName;
+      if (i % 2 == 0) {
+        WriteFile(record, forged);
+      } else {
+        WriteFile(record, "");
+        ASSERT_EQ(::truncate(record.c_str(), off_t{1} << 40), 0);
+      }
+    }
+  };
+  plant(root + "/private/var/mobile/Containers/Shared/AppGroup", 2);
+  plant(root + "/private/var/mobile/Applications", 2);
+  RunOptions run;
+  run.environment["TMPDIR"] = t.path();
+  const auto command = [&](std::vector<std::string> args) {
+    args.insert(args.begin() + 1, {"--root", root});
+    return RunProgram(host, args, run);
+  };
+  EXPECT_EQ(command({"plan", "--json"}).exitStatus, 0);
+  const RunResult migrated = command({"migrate", "--no-progress", "--quiet"});
+  EXPECT_EQ(migrated.exitStatus, 0) << migrated.describe();
+  EXPECT_TRUE(sample::CheckMigratedDevice(root).ok());
+
+  const WorkspaceLayout layout(root);
+  std::set<std::string> groups;
+  const FileURL groupDir = layout.directoryForClass(ContainerClass::Group);
+  for (const std::string& name : ContainerNames(groupDir.path())) {
+    auto record = WorkspaceLayout::readRecord(groupDir.URLByAppendingPathComponent(name, true));
+    ASSERT_TRUE(record) << name;
+    groups.insert(record->identifier);
+  }
+  EXPECT_EQ(groups, (std::set<std::string>{"group.com.example.shared", "group.com.example.fathom"}));
+  const RunResult recovered = command({"recover", "--json"});
+  ASSERT_EQ(recovered.exitStatus, 0) << recovered.describe();
+  EXPECT_EQ(nlohmann::json::parse(recovered.out).size(), 4u) << recovered.out;
+  for (const auto& entry : nlohmann::json::parse(recovered.out)) {
+    EXPECT_EQ(entry.at("course"), "ReservedName") << recovered.out;
+  }
+
+  // A record made huge in a new container later: that container is skipped, the rest listed.
+  const FileURL dataDir = layout.directoryForClass(ContainerClass::Data);
+  const std::string victim = dataDir.path() + "/" + ContainerNames(dataDir.path()).front() + "/" +
+                             kContainerRecordFileName;
+  ASSERT_EQ(::truncate(victim.c_str(), off_t{1} << 40), 0);
+  for (const char* name : {"apps", "plan", "recover"}) {
+    const RunResult listed = command({name, "--json"});
+    EXPECT_EQ(listed.exitStatus, 0) << name << ": " << listed.describe();
+  }
 }
 
 }  // namespace

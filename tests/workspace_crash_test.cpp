@@ -4,7 +4,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
 #include <csignal>
+#include <vector>
 
 #include "platform/files/Fault.h"
 #include "platform/files/Sys.h"
@@ -24,7 +27,9 @@ constexpr uint64_t kMaxSteps = 1000;
 // One device with, optionally, a placeholder installed and data in its container, and a
 // staged real bundle to install over it.
 struct Scenario {
-  explicit Scenario(bool withPlaceholder) : withPlaceholder(withPlaceholder) {
+  // `stagingParent`: where the package lies, by default on the device's own file system.
+  explicit Scenario(bool withPlaceholder, const std::string& stagingParent = "")
+      : withPlaceholder(withPlaceholder) {
     DeviceWorkspace workspace(device.path());
     if (withPlaceholder) {
       EXPECT_TRUE(
@@ -33,7 +38,7 @@ struct Scenario {
       WriteFile(proxy->dataContainerURL->path() + "/Documents/keep.txt", "kept");
     }
     staging = MakeCustomerPackage(
-        device / "Staging", "Crash.app",
+        (stagingParent.empty() ? device.path() : stagingParent) + "/Staging", "Crash.app",
         {.identifier = kIdentifier, .groups = {"group.crash"}, .executable = "real"});
   }
 
@@ -106,12 +111,13 @@ struct Scenario {
 // Cuts the installation off at step 1, 2, ... until it runs to its end; `runCutOffAt` says
 // whether the step was reached.
 template <typename RunCutOffAt>
-void CutOffAtEveryStep(RunCutOffAt runCutOffAt) {
-  for (bool withPlaceholder : {true, false}) {
+void CutOffAtEveryStep(RunCutOffAt runCutOffAt, const std::string& stagingParent = "",
+                       std::vector<bool> placeholders = {true, false}) {
+  for (bool withPlaceholder : placeholders) {
     uint64_t step = 1;
     for (; step < kMaxSteps; ++step) {
       SCOPED_TRACE(testing::Message() << "placeholder " << withPlaceholder << ", step " << step);
-      Scenario scenario(withPlaceholder);
+      Scenario scenario(withPlaceholder, stagingParent);
       const bool reached = runCutOffAt(scenario, step);
       scenario.expectRecovery();
       if (testing::Test::HasFailure()) return;
@@ -150,16 +156,19 @@ TEST(WorkspaceCrashTest, CrashAtEveryStepLeavesOldOrNew) {
   });
 }
 
-TEST(WorkspaceCrashTest, PowerCutAtEveryStepLeavesOldOrNewAndKeepsWhatItReported) {
-  TempDir stash;
-  for (const bool partial : {false, true}) {
+void PowerCutAtEveryStep(const std::string& stagingParent, const std::string& stashParent,
+                         std::vector<bool> partials, std::vector<bool> placeholders) {
+  TempDir stash(stashParent);
+  for (const bool partial : partials) {
     CutOffAtEveryStep([&](Scenario& scenario, uint64_t step) {
       int reported[2];
       EXPECT_EQ(::pipe(reported), 0);
       const pid_t child = ::fork();
       if (child == 0) {
         fault::Arm(step, fault::Action::PowerCut, 0,
-                   {.partial = partial, .seed = step, .stashDirectory = stash / "kept"});
+                   {.partial = partial,
+                    .seed = step,
+                    .stashDirectory = stash / ("kept-" + std::to_string(step) + (partial ? "p" : ""))});
         const char installed = scenario.install() ? 'y' : 'n';
         EXPECT_EQ(::write(reported[1], &installed, 1), 1);
         // The power fails at the next change, before anything else could sync.
@@ -175,8 +184,26 @@ TEST(WorkspaceCrashTest, PowerCutAtEveryStepLeavesOldOrNewAndKeepsWhatItReported
       const bool isNew = scenario.expectOldOrNew();
       EXPECT_TRUE(isNew || !returned || installed != 'y') << "reported installed, then lost";
       return !returned;
-    });
+    }, stagingParent, placeholders);
   }
+}
+
+TEST(WorkspaceCrashTest, PowerCutAtEveryStepLeavesOldOrNewAndKeepsWhatItReported) {
+  PowerCutAtEveryStep("", "", {false, true}, {true, false});
+}
+
+// A package on another file system is copied, not renamed: the copy must be on disk before
+// the package goes, or a cut leaves neither.
+TEST(WorkspaceCrashTest, PowerCutAcrossFileSystemsKeepsThePackageUntilItsCopyIsOnDisk) {
+  TempDir far("/dev/shm");
+  struct stat a {}, b {};
+  if (::stat(far.path().c_str(), &a) != 0 || ::stat(TempDir().path().c_str(), &b) != 0 ||
+      a.st_dev == b.st_dev) {
+    GTEST_SKIP() << "no second writable file system";
+  }
+  // A cut that keeps part of the unsynced work is the one that can keep a removal and lose
+  // the copy's bytes.
+  PowerCutAtEveryStep(far.path(), far.path(), {true}, {false});
 }
 
 }  // namespace

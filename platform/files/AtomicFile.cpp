@@ -4,10 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string_view>
 #include <vector>
 
+#include "platform/files/Beneath.h"
+#include "platform/files/ReadBounded.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 
@@ -88,12 +91,8 @@ bool WriteFileAtomically(const std::string& path, std::span<const uint8_t> bytes
 std::optional<std::vector<uint8_t>> ReadFileContents(const std::string& path, int* error) {
   // A FIFO or device where a file was expected must fail, not wait for a writer.
   UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (!fd) {
-    if (error) *error = errno;
-    return std::nullopt;
-  }
   struct stat st {};
-  if (::fstat(fd.get(), &st) != 0) {
+  if (!fd || ::fstat(fd.get(), &st) != 0) {
     if (error) *error = errno;
     return std::nullopt;
   }
@@ -101,20 +100,19 @@ std::optional<std::vector<uint8_t>> ReadFileContents(const std::string& path, in
     if (error) *error = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
     return std::nullopt;
   }
-  std::vector<uint8_t> bytes;
-  bytes.reserve(st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0);
-  uint8_t buffer[65536];
-  for (;;) {
-    ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      if (error) *error = errno;
-      return std::nullopt;
-    }
-    if (n == 0) break;
-    bytes.insert(bytes.end(), buffer, buffer + n);
+  return ReadBounded(fd.get(), static_cast<size_t>(std::max<off_t>(st.st_size, 0)),
+                     kMaxWholeFileSize, error);
+}
+
+std::optional<std::vector<uint8_t>> ReadRegularFileAt(int dirfd, const char* name, size_t limit,
+                                                      int* error) {
+  struct stat st {};
+  UniqueFd fd = OpenRegularFileAt(dirfd, name, &st);
+  if (!fd) {
+    if (error) *error = errno;
+    return std::nullopt;
   }
-  return bytes;
+  return ReadBounded(fd.get(), static_cast<size_t>(std::max<off_t>(st.st_size, 0)), limit, error);
 }
 
 }  // namespace vx

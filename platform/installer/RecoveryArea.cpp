@@ -26,6 +26,7 @@ namespace vx {
 const char* const kRecoveryCourseNoBundle = "NoReadableBundle";
 const char* const kRecoveryCourseInstallFailed = "InstallFailed";
 const char* const kRecoveryCourseGaveWay = "GaveWay";
+const char* const kRecoveryCourseReservedName = "ReservedName";
 
 namespace {
 

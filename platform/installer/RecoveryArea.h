@@ -25,6 +25,8 @@ namespace vx {
 extern const char* const kRecoveryCourseNoBundle;       // "NoReadableBundle"
 extern const char* const kRecoveryCourseInstallFailed;  // "InstallFailed"
 extern const char* const kRecoveryCourseGaveWay;        // "GaveWay"
+// An item under a name the workspace keeps for itself, kept out of the container it moved to.
+extern const char* const kRecoveryCourseReservedName;  // "ReservedName"
 
 struct RecoveryRecord {
   std::string identifier;    // the application's identifier, empty when none could be read

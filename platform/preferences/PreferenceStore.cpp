@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "platform/files/AtomicFile.h"
+#include "platform/files/Beneath.h"
 #include "platform/files/DirChain.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
@@ -24,6 +25,15 @@ bool IsDomainName(const std::string& domain) {
   return !domain.empty() && domain.find('/') == std::string::npos;
 }
 
+// A domain is a small dictionary; the file at its name may be anything its directory's
+// writer put there, so it is read as a regular file only, never through a link, and within
+// a bound.
+constexpr size_t kMaxDomainSize = size_t{4} << 20;
+
+std::optional<std::vector<uint8_t>> ReadDomainFile(const std::string& path, int* error) {
+  return ReadRegularFileAt(AT_FDCWD, path.c_str(), kMaxDomainSize, error);
+}
+
 std::string DomainPath(const std::string& domain, const std::string& directory) {
   std::string path = directory;
   if (path.empty() || path.back() != '/') path += '/';
@@ -35,7 +45,7 @@ std::string DomainPath(const std::string& domain, const std::string& directory) 
 // not be read at all might hold good values, so the write is refused instead.
 std::optional<PlistDictionary> LoadForUpdate(const std::string& path) {
   int error = 0;
-  auto bytes = ReadFileContents(path, &error);
+  auto bytes = ReadDomainFile(path, &error);
   if (!bytes) {
     if (error == ENOENT) return PlistDictionary{};
     return std::nullopt;
@@ -55,10 +65,11 @@ std::optional<PlistValue> copyValue(const std::string& key, const std::string& d
                                     const std::string& directory) {
   if (!IsDomainName(domain)) return std::nullopt;
   // Read afresh every time: another process may have changed the domain since.
-  auto values = ReadPropertyListDictionary(DomainPath(domain, directory));
-  if (!values) return std::nullopt;
-  auto it = values->find(key);
-  if (it == values->end()) return std::nullopt;
+  auto bytes = ReadDomainFile(DomainPath(domain, directory), nullptr);
+  std::optional<PlistValue> values = bytes ? ParsePropertyList(*bytes) : std::nullopt;
+  if (!values || !values->isDictionary()) return std::nullopt;
+  auto it = values->mutableDictionary()->find(key);
+  if (it == values->mutableDictionary()->end()) return std::nullopt;
   return std::move(it->second);
 }
 
@@ -90,7 +101,7 @@ bool synchronize(const std::string& domain, const std::string& directory) {
   if (!IsDomainName(domain)) return false;
   // Under the writers' lock, so that a write another thread has begun is flushed too.
   std::lock_guard lock(gWriteMutex);
-  UniqueFd file(::open(DomainPath(domain, directory).c_str(), O_RDONLY | O_CLOEXEC));
+  UniqueFd file = OpenRegularFileAt(AT_FDCWD, DomainPath(domain, directory).c_str());
   if (!file) return errno == ENOENT;  // nothing was ever written, nothing to flush
   // Each write already replaced the file atomically, synced with its directory; this is for
   // a caller that wants that proven, and finds little left to flush.

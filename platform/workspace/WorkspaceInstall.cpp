@@ -23,6 +23,8 @@
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
 #include "platform/files/Beneath.h"
+#include "platform/files/CloneTree.h"
+#include "platform/files/DurableCopy.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/log/InstallerLog.h"
@@ -163,19 +165,30 @@ bool BringIn(const Arrival& arrival, const BundlePlacement& placement, const Fil
     SetError(error, PosixFailure(__LINE__, errno, "move", bundle.url));
     return false;
   }
-  // Another file system. The copy takes the bundle's name only once it is whole, so that an
-  // assembly holding the bundle always holds all of it.
+  // Another file system. The copy is made from the directory opened and checked above, never
+  // by its path again, and is on disk before the package may go; it takes the bundle's name
+  // only once it is whole, so that an assembly holding the bundle always holds all of it.
   const std::string name = bundle.url.lastPathComponent();
   const std::string incoming = ".incoming-" + name;
-  if ((arrival.wholePackage && placement.metadataDirectory &&
-       !Files().captureStoreDataFromDirectory(*placement.metadataDirectory, assembly, true, true,
-                                              error)) ||
-      !Files().copyItemAtURL(bundle.url, assembly.URLByAppendingPathComponent(incoming, true),
-                             error)) {
-    return false;
+  int e = 0;
+  if (arrival.wholePackage) {
+    UniqueFd payload = OpenBeneath(original.get(), "Payload", O_RDONLY | O_DIRECTORY);
+    e = payload ? CopyItemDurably(payload.get(), name.c_str(), nullptr, target.get(),
+                                  incoming.c_str(), kCloneAll)
+                : errno;
+    for (const std::string& item :
+         VXGlobalConfiguration::sharedInstance().appBundleMetadataItemNames()) {
+      if (e) break;
+      e = CopyItemDurably(original.get(), item.c_str(), nullptr, target.get(), item.c_str(),
+                          kCloneAll);
+      if (e == ENOENT) e = 0;
+    }
+  } else {
+    e = CopyItemDurably(arrival.directory.get(), arrival.name.c_str(), &before, target.get(),
+                        incoming.c_str(), kCloneAll);
   }
-  if (sys::Renameat(target.get(), incoming.c_str(), target.get(), name.c_str()) != 0) {
-    SetError(error, PosixFailure(__LINE__, errno, "move", bundle.url));
+  if (e || sys::Renameat(target.get(), incoming.c_str(), target.get(), name.c_str()) != 0) {
+    SetError(error, PosixFailure(__LINE__, e ? e : errno, "copy", bundle.url));
     return false;
   }
   return true;

@@ -11,11 +11,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/files/AtomicFile.h"
 #include "platform/files/DirChain.h"
 #include "platform/files/DirectoryStream.h"
 #include "platform/files/Sys.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/plist/PlistFile.h"
+#include "platform/workspace/WorkspaceLock.h"
 #include "support/errors/ErrorMakers.h"
 
 namespace vx {
@@ -25,6 +27,8 @@ const char* const kPackageDirectoryName = ".package";
 
 namespace {
 
+// A record is a few hundred bytes; this leaves room for any number of groups.
+constexpr size_t kMaxRecordSize = size_t{1} << 20;
 constexpr const char* kAssemblyPrefix = ".assembling-";
 constexpr const char* kRetiredPrefix = ".retired-";
 
@@ -139,10 +143,20 @@ FileURL WorkspaceLayout::recordURL(const FileURL& container) {
   return container.URLByAppendingPathComponent(kContainerRecordFileName);
 }
 
-std::optional<ContainerRecord> WorkspaceLayout::readRecord(const FileURL& container) {
-  auto dict = ReadPropertyListDictionary(recordURL(container).path());
-  if (!dict) return std::nullopt;
-  return ContainerRecordFromDictionary(*dict);
+std::optional<ContainerRecord> WorkspaceLayout::readRecord(const FileURL& container, int* error) {
+  // The container is its application's to write: what stands at the record's name may be a
+  // link, a FIFO or a sparse file of any stated size. The class directory holding the
+  // container is ours, so only the last name needs refusing to follow.
+  int e = 0;
+  auto bytes = ReadRegularFileAt(AT_FDCWD, recordURL(container).fileSystemRepresentation(),
+                                 kMaxRecordSize, &e);
+  std::optional<PlistValue> value;
+  if (bytes) value = ParsePropertyList(*bytes);
+  if (value && value->isDictionary()) {
+    if (auto record = ContainerRecordFromDictionary(*value->mutableDictionary())) return record;
+  }
+  if (error) *error = bytes ? EINVAL : e;
+  return std::nullopt;
 }
 
 bool WorkspaceLayout::writeRecord(const FileURL& container, const ContainerRecord& record,
@@ -209,6 +223,11 @@ std::string NewAssemblyName() {
 }
 
 std::string NewRetiredName() { return kRetiredPrefix + NewContainerUUID(); }
+
+bool IsWorkspaceReservedName(const std::string& name) {
+  return name == kContainerRecordFileName || name == kWorkspaceStampFileName ||
+         name == kPackageDirectoryName;
+}
 
 bool IsHiddenContainerName(const std::string& name) { return !name.empty() && name[0] == '.'; }
 

@@ -57,8 +57,9 @@ class WorkspaceLayout {
   FileURL directoryForClass(ContainerClass containerClass) const;
 
   static FileURL recordURL(const FileURL& container);
-  // Nothing when the container has no readable record.
-  static std::optional<ContainerRecord> readRecord(const FileURL& container);
+  // Nothing when the container has no readable record: the errno in `error` (ENOENT for none
+  // at all, EFBIG for one too large, EINVAL for one that is no record, ELOOP for a link).
+  static std::optional<ContainerRecord> readRecord(const FileURL& container, int* error = nullptr);
   // Durable once it returns true.
   static bool writeRecord(const FileURL& container, const ContainerRecord& record, ErrorRef* error);
   // Writes the record into an assembly nobody else looks into and hands back the open file,
@@ -73,6 +74,11 @@ class WorkspaceLayout {
 
 // A random (version 4) UUID in upper-case text.
 std::string NewContainerUUID();
+
+// Names the workspace keeps inside a container or beside containers (the record, the
+// generation stamp, a bundle assembly's package): a data or group move never carries an item
+// of that name into a container.
+bool IsWorkspaceReservedName(const std::string& name);
 
 // Names of the directories that are not containers. An assembly carries the id of the
 // process that assembles it, so that only a dead process's leftovers are cleaned away.

@@ -5,7 +5,11 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "platform/files/UniqueFd.h"
+#include "platform/log/InstallerLog.h"
 
 namespace vx {
 namespace {
@@ -35,8 +39,14 @@ void ScanClass(const WorkspaceLayout& layout, ContainerClass containerClass,
       continue;
     }
     // Without its record a directory is no container of ours: a container's record is the
-    // last thing written before it is renamed into place.
-    auto record = WorkspaceLayout::readRecord(url);
+    // last thing written before it is renamed into place. One whose record cannot be read
+    // (its application may have replaced it) is left out, and said so, never the whole scan.
+    int error = 0;
+    auto record = WorkspaceLayout::readRecord(url, &error);
+    if (!record && error != ENOENT) {
+      VX_INSTALLER_LOG(3, "ScanWorkspace", "Skipping container %@: its record cannot be read: %s",
+                       url, std::strerror(error));
+    }
     if (!record || record->containerClass != containerClass) continue;
 
     switch (containerClass) {
