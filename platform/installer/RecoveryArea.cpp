@@ -25,6 +25,8 @@ namespace vx {
 const char* const kRecoveryCourseNoBundle = "NoReadableBundle";
 const char* const kRecoveryCourseInstallFailed = "InstallFailed";
 const char* const kRecoveryCourseGaveWay = "GaveWay";
+const char* const kRecoveryCourseCrashedTwice = "CrashedTwice";
+const char* const kRecoveryCourseIdentifierTaken = "IdentifierTaken";
 
 namespace {
 

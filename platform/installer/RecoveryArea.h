@@ -24,6 +24,10 @@ namespace vx {
 extern const char* const kRecoveryCourseNoBundle;       // "NoReadableBundle"
 extern const char* const kRecoveryCourseInstallFailed;  // "InstallFailed"
 extern const char* const kRecoveryCourseGaveWay;        // "GaveWay"
+// A container the migration died at in two runs in a row, set aside so that the others go on.
+extern const char* const kRecoveryCourseCrashedTwice;  // "CrashedTwice"
+// A bundle whose identifier another container's bundle or a built-in application holds.
+extern const char* const kRecoveryCourseIdentifierTaken;  // "IdentifierTaken"
 
 struct RecoveryRecord {
   std::string identifier;    // the application's identifier, empty when none could be read
