@@ -336,6 +336,15 @@ std::string Text(const PlistDictionary& record, const char* key) {
   return it != record.end() && it->second.string() ? *it->second.string() : std::string();
 }
 
+::testing::AssertionResult WriteSmallSampleDevice(const std::string& root) {
+  sample::SampleDeviceOptions options;
+  options.apps = 3;
+  options.dataBytes = 4096;
+  std::string problem;
+  if (sample::WriteSampleDevice(root, options, &problem)) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << problem;
+}
+
 RunResult Migrate(const std::string& root, const TempDir& t, RunOptions run = {}) {
   run.environment["TMPDIR"] = t.path();
   return RunProgram(std::string(VX_BIN_DIR) + "/vxmigrate",
@@ -348,11 +357,8 @@ RunResult Migrate(const std::string& root, const TempDir& t, RunOptions run = {}
 TEST(HostileDeviceTest, NoOldContainerTakesAnIdentifierAnotherHolds) {
   TempDir t;
   const std::string root = t / "device";
-  sample::SampleDeviceOptions options;
-  options.apps = 3;  // a plain application, one with a VPN plug-in, an older built-in copy
-  options.dataBytes = 4096;
-  std::string problem;
-  ASSERT_TRUE(sample::WriteSampleDevice(root, options, &problem)) << problem;
+  // A plain application, one with a VPN plug-in, an older copy of a built-in one.
+  ASSERT_TRUE(WriteSmallSampleDevice(root));
   const std::string oldRoot = root + "/private/var/mobile/Applications";
   std::string victim, builtIn;
   for (const auto& e : fs::directory_iterator(oldRoot)) {
@@ -406,7 +412,9 @@ TEST(HostileDeviceTest, NoOldContainerTakesAnIdentifierAnotherHolds) {
   // Of two containers of one identifier, whichever came first keeps it; the other's bundle
   // waits in the area.
   EXPECT_EQ(taken.size(), 3u);
-  if (installed != "twin") EXPECT_EQ(taken["Twin"], "twin");
+  if (installed != "twin") {
+    EXPECT_EQ(taken["Twin"], "twin");
+  }
   const std::string log = ReadFile(root + "/private/var/mobile/Library/Logs/Transhift/migration.log");
   EXPECT_NE(log.find("its identifier " + victim + " does not extend com.evil"), std::string::npos);
   EXPECT_NE(log.find(builtIn + " is already installed from another container"), std::string::npos);
@@ -418,11 +426,7 @@ TEST(HostileDeviceTest, NoOldContainerTakesAnIdentifierAnotherHolds) {
 TEST(HostileDeviceTest, ContainerTwoRunsDiedAtIsSetAsideAndTheRestMigrates) {
   TempDir t;
   const std::string root = t / "device";
-  sample::SampleDeviceOptions options;
-  options.apps = 3;
-  options.dataBytes = 4096;
-  std::string problem;
-  ASSERT_TRUE(sample::WriteSampleDevice(root, options, &problem)) << problem;
+  ASSERT_TRUE(WriteSmallSampleDevice(root));
   const std::string oldRoot = root + "/private/var/mobile/Applications";
   std::string chosen;
   for (const auto& e : fs::directory_iterator(oldRoot)) {

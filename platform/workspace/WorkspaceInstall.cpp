@@ -400,8 +400,10 @@ std::optional<InstallFailure> ForeignPlugin(const InstallPackage& package) {
 
 // Bundles migrated from one old container may replace only what came from that container (a
 // resumed migration, a placeholder made for it) or what no migration brought: never what
-// another container brought, nor a built-in application. The origins are compared by
-// device path, which names a container however the device image has been copied since.
+// another container brought, nor a built-in application. A VPN plug-in's own container
+// still brings its plug-in over the copy its application's container brought: that is the
+// old layout's shape, and the plug-in takes no application's place. The origins are compared
+// by device path, which names a container however the device image has been copied since.
 std::optional<InstallFailure> TakenIdentifier(VXGlobalConfiguration& configuration,
                                               const WorkspaceIndex& index,
                                               const InstallPackage& package,
@@ -415,6 +417,7 @@ std::optional<InstallFailure> TakenIdentifier(VXGlobalConfiguration& configurati
     std::string owner;
     if (const IndexedContainer* installed = index.bundle(bundle->identifier)) {
       if (!installed->record.migrationOrigin) continue;
+      if (bundle->isVPNPlugin && installed->record.bundleType == "VPNPlugin") continue;
       const PlistValue recorded(*installed->record.migrationOrigin);
       const std::string* theirs = recorded.stringForKey("Path");
       if (ours && theirs && *ours == *theirs) continue;
