@@ -396,15 +396,13 @@ TEST(HostileDeviceTest, NoOldContainerTakesAnIdentifierAnotherHolds) {
   EXPECT_EQ(workspace.existingBundleProxy(builtIn)->bundleType, "System");
   EXPECT_EQ(workspace.existingBundleProxy("com.evil")->bundleType, "User");
 
-  std::map<std::string, std::string> taken;  // what each claimant's entry holds
+  // The executable each claimant's entry holds (its only bundle: Evil's application went in).
+  std::map<std::string, std::string> taken;
   for (const auto& [record, content] : RecoveredOn(root)) {
     ASSERT_EQ(Text(record, "Course"), "IdentifierTaken") << Text(record, "OriginalPath");
     const std::string from = fs::path(Text(record, "OriginalPath")).filename();
-    for (const auto& bundle : fs::directory_iterator(content + "/" + from)) {
-      if (bundle.path().extension() == ".vpnplugin") taken[from] = ReadFile(bundle.path() / "App");
-    }
-    for (const auto& bundle : fs::recursive_directory_iterator(content)) {
-      if (bundle.path().filename() == "App" && !taken.count(from)) taken[from] = ReadFile(bundle.path());
+    for (const auto& file : fs::recursive_directory_iterator(content)) {
+      if (file.path().filename() == "App") taken[from] += ReadFile(file.path());
     }
   }
   EXPECT_EQ(taken["Evil"], "evil");
@@ -415,9 +413,11 @@ TEST(HostileDeviceTest, NoOldContainerTakesAnIdentifierAnotherHolds) {
   if (installed != "twin") {
     EXPECT_EQ(taken["Twin"], "twin");
   }
-  const std::string log = ReadFile(root + "/private/var/mobile/Library/Logs/Transhift/migration.log");
+  const std::string log =
+      ReadFile(root + "/private/var/mobile/Library/Logs/Transhift/migration.log");
   EXPECT_NE(log.find("its identifier " + victim + " does not extend com.evil"), std::string::npos);
-  EXPECT_NE(log.find(builtIn + " is already installed from another container"), std::string::npos);
+  EXPECT_NE(log.find(builtIn + " is already installed as a built-in application"),
+            std::string::npos);
   EXPECT_TRUE(Migrate(root, t).exitStatus == 0) << "the device has converged";
 }
 

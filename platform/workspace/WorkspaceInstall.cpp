@@ -414,23 +414,22 @@ std::optional<InstallFailure> TakenIdentifier(VXGlobalConfiguration& configurati
   for (const PackageBundle* bundle :
        {&package.main, package.plugin ? &*package.plugin : nullptr}) {
     if (!bundle) continue;
-    std::string owner;
+    std::string message;
     if (const IndexedContainer* installed = index.bundle(bundle->identifier)) {
       if (!installed->record.migrationOrigin) continue;
       if (bundle->isVPNPlugin && installed->record.bundleType == "VPNPlugin") continue;
       const PlistValue recorded(*installed->record.migrationOrigin);
       const std::string* theirs = recorded.stringForKey("Path");
       if (ours && theirs && *ours == *theirs) continue;
-      owner = theirs ? *theirs : std::string("an unnamed container");
+      message = Format("%@ is already installed from another container (%@)", bundle->identifier,
+                       theirs ? *theirs : std::string("unnamed"));
     } else if (builtIn && builtIn->count(bundle->identifier)) {
-      owner = "the system's built-in applications";
+      message = Format("%@ is already installed as a built-in application", bundle->identifier);
     } else {
       continue;
     }
     return InstallFailure{kWorkspaceAlreadyInstalledError, kIdentifierTakenError,
-                          Format("%@ is already installed from another container (%@)",
-                                 bundle->identifier, owner),
-                          nullptr};
+                          std::move(message), nullptr};
   }
   return std::nullopt;
 }
