@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "AppMigrator/FailureCapture.h"
+#include "AppMigrator/RunAttempts.h"
 #include "AppMigrator/VXAppMigrator.h"
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
@@ -269,6 +270,7 @@ bool VXAppMigrator::performMigration() {
   VXGlobalConfiguration& config = VXGlobalConfiguration::sharedInstance();
   const VXFileManager& fileManager = VXFileManager::defaultManager();
   bool result = true;
+  RunAttempts attempts(config.dataDirectory());
 
   // Applications go first, so that a VPN plug-in's container finds its application already
   // installed; among the early ones the latest found leads. Each record keeps the index of
@@ -288,12 +290,21 @@ bool VXAppMigrator::performMigration() {
         const bool removed = fileManager.removeItemAtURL(item, nullptr);
         _reports.back().course = removed ? kCourseStrayRemoved : kCourseFailedKept;
         ++_countItemsMigrated;
+      } else if (attempts.crashes(item.lastPathComponent()) >=
+                 RunAttempts::kCrashesBeforeSettingAside) {
+        if (!_setAsideItemRunsDiedAt(item, attempts.identifier(item.lastPathComponent()))) {
+          result = false;
+        }
+        attempts.finished(item.lastPathComponent());
+        ++_countItemsMigrated;
       } else {
+        attempts.begin(item.lastPathComponent(), std::string());
         bool orderResultEarly = false;
         IntrospectionOutcome outcome;
         std::optional<ContainerInfo> info = _introspectContainer(item, &orderResultEarly, &outcome);
         if (!info) {
           _reports.back().course = CourseWithoutRecord(outcome, item);
+          attempts.finished(item.lastPathComponent());
           ++_countItemsMigrated;
         } else if (orderResultEarly) {
           workList.emplace_front(std::move(*info), *_current);
@@ -316,6 +327,8 @@ bool VXAppMigrator::performMigration() {
                      bundlePath);
     ContainerReport& report = _reports[reportIndex];
     if (identifier && identifier->string()) report.identifier = *identifier->string();
+    const std::string name = FileURL::fileURLWithPath(report.path, true).lastPathComponent();
+    attempts.begin(name, report.identifier);
     if (!_migrateContainerWithInfo(info)) {
       VX_MIGRATION_LOG(3, kRunOperation, "VXAppMigrator: Migration of %@ at %@ failed",
                        identifier, bundlePath);
@@ -327,9 +340,11 @@ bool VXAppMigrator::performMigration() {
     } else {
       report.course = kCourseMigrated;
     }
+    attempts.finished(name);
     report.seconds += SecondsSince(start);
     ++_countItemsMigrated;
   }
+  attempts.end();
   _current.reset();
   _removePlaceholderWorkDirectory();
   // Left until now, the retired placeholders' removals cost the installations nothing.

@@ -179,6 +179,7 @@ bool VXAppMigrator::_stageAndInstallBundleAtURL(const FileURL& bundle,
     const PlistValue* failure = ReportEntry(report, kInstallProgressErrorKey);
     if (!failure) return;
     const std::string* name = failure->string();
+    if (name && *name == kIdentifierTakenError) _identifierTaken = true;
     if (name && *name == kApplicationAlreadyInstalledError) {
       VX_MIGRATION_LOG(5, kProgressOperation,
                        "VXAppMigrator: Installation of %@ failed because it's older than what's "
@@ -195,8 +196,11 @@ bool VXAppMigrator::_stageAndInstallBundleAtURL(const FileURL& bundle,
   };
 
   ErrorRef installError;
-  if (AppWorkspace::defaultWorkspace().installApplication(
-          staging, CustomerInstallOptions(identifier), &installError, progress)) {
+  PlistDictionary options = CustomerInstallOptions(identifier);
+  _addMigrationOrigin(&options);
+  _identifierTaken = false;
+  if (AppWorkspace::defaultWorkspace().installApplication(staging, options, &installError,
+                                                          progress)) {
     return true;
   }
   // The data has already moved; the built-in copy is newer and serves it.

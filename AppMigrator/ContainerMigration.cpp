@@ -3,6 +3,9 @@
 // need be) so that it has a data container; the data moved before the bundle is installed;
 // and the container removed only when nothing in it was missed, or when its data is safe
 // even though the bundle could not be installed.
+#include <sys/stat.h>
+
+#include "AppMigrator/ContainerFiles.h"
 #include "AppMigrator/VXAppMigrator.h"
 #include "filemanager/VXFileManager.h"
 #include "platform/installer/RecoveryArea.h"
@@ -34,7 +37,45 @@ void LogProxyWithoutDataContainer(const std::string& identifier, const BundlePro
                    proxy.foundBackingBundle ? "did" : "did not");
 }
 
+// Where the container's bundles come from, as their installations record it. The device path
+// decides (it survives a copy of the device image); the identity is kept for whoever looks.
+PlistDictionary MigrationOrigin(const FileURL& container) {
+  PlistDictionary origin{
+      {"Path", DevicePathOfLocation(container.path()).value_or(container.path())}};
+  struct stat st {};
+  if (::lstat(container.fileSystemRepresentation(), &st) == 0) {
+    origin["Device"] = static_cast<long long>(st.st_dev);
+    origin["Inode"] = static_cast<long long>(st.st_ino);
+  }
+  return origin;
+}
+
 }  // namespace
+
+void VXAppMigrator::_addMigrationOrigin(PlistDictionary* options) const {
+  if (_migrationOrigin) (*options)[MigrationOriginKey] = *_migrationOrigin;
+}
+
+std::optional<FileURL> VXAppMigrator::_vpnPluginToInstall(const FileURL& plugin,
+                                                          const std::string& identifier,
+                                                          const FileURL& container) {
+  // An earlier attempt may have staged it already; it is read wherever it lies now.
+  FileURL where = plugin;
+  struct stat st {};
+  if (::lstat(plugin.fileSystemRepresentation(), &st) != 0 && errno == ENOENT) {
+    where = container.URLByAppendingPathComponent(kStagingName, true)
+                .URLByAppendingPathComponent(kPayloadName, true)
+                .URLByAppendingPathComponent(plugin.lastPathComponent(), true);
+    if (::lstat(where.fileSystemRepresentation(), &st) != 0 && errno == ENOENT) return plugin;
+  }
+  const std::optional<std::string> own = _bundleIdentifierForBundle(where);
+  if (own && PluginIdentifierExtends(identifier, *own)) return plugin;
+  VX_MIGRATION_LOG(3, kOperation,
+                   "VXAppMigrator: Not installing VPN plugin %@ : its identifier %@ does not "
+                   "extend %@ ; it is kept with its container",
+                   where.path(), own, identifier);
+  return std::nullopt;
+}
 
 bool VXAppMigrator::_migrateContainerWithInfo(const ContainerInfo& info) {
   const std::string* containerPath = Text(info, kContainerPathKey);
@@ -54,6 +95,12 @@ bool VXAppMigrator::_migrateContainerWithInfo(const ContainerInfo& info) {
   const std::string& identifier = *identifierText;
   const std::string* type = Text(info, kContainerTypeKey);
   const bool isApp = type && *type == kContainerTypeApp;
+  // Every installation below carries the container's origin, and only those.
+  _migrationOrigin = MigrationOrigin(container);
+  struct OriginScope {
+    std::optional<PlistDictionary>& origin;
+    ~OriginScope() { origin.reset(); }
+  } originScope{_migrationOrigin};
 
   const VXFileManager& fileManager = VXFileManager::defaultManager();
   AppWorkspace& workspace = AppWorkspace::defaultWorkspace();
@@ -94,19 +141,35 @@ bool VXAppMigrator::_migrateContainerWithInfo(const ContainerInfo& info) {
 
   // An old placeholder has nothing to install; its data was all there was to keep.
   bool success = true;
+  const char* course = kRecoveryCourseInstallFailed;
   if (!bundleIsPlaceholder) {
     VX_MIGRATION_LOG(5, kOperation,
                      "VXAppMigrator: Staging and installing app %@ at %@ (and secondary %@)",
                      identifier, bundle.path(),
                      vpnPlugin ? std::optional<std::string>(vpnPlugin->path()) : std::nullopt);
-    if (!_stageAndInstallBundleAtURL(bundle, identifier, vpnPlugin, container)) {
+    // A refused plug-in stays in the container, which then goes to the recovery area.
+    const std::optional<FileURL> plugin =
+        vpnPlugin && isApp ? _vpnPluginToInstall(*vpnPlugin, identifier, container) : vpnPlugin;
+    if (!_stageAndInstallBundleAtURL(bundle, identifier, plugin, container)) {
       // The data is already in its new home and the application keeps its place (its
       // placeholder, or the installation it had); the container leaves the old root all the
       // same, for the recovery area.
       success = false;
+      if (_identifierTaken) {
+        course = kRecoveryCourseIdentifierTaken;
+        VX_MIGRATION_LOG(3, kOperation,
+                         "VXAppMigrator: %@ is already installed from another container or built "
+                         "in; the bundle of %@ is not installed over it",
+                         identifier, container.path());
+      }
     } else {
       if (!_migrateGroupContainersForIdentifier(identifier)) return false;
-      if (_containerHasMissedItems(container, identifier)) return false;
+      if (plugin != vpnPlugin) {
+        success = false;
+        course = kRecoveryCourseIdentifierTaken;
+      } else if (_containerHasMissedItems(container, identifier)) {
+        return false;
+      }
     }
   }
 
@@ -116,8 +179,7 @@ bool VXAppMigrator::_migrateContainerWithInfo(const ContainerInfo& info) {
     // The bundle the installation gave up on is the only copy there is: it goes to the
     // recovery area with the container, from where `vxmigrate recover` installs it again.
     bool keptInRecovery = false;
-    if (_setAsideItemAtURL(container, identifier, kRecoveryCourseInstallFailed,
-                           &keptInRecovery)) {
+    if (_setAsideItemAtURL(container, identifier, course, &keptInRecovery)) {
       if (ContainerReport* report = _currentReport()) {
         report->course = keptInRecovery ? kCourseFailedBundleRecovered : kCourseFailedBundleGivenUp;
       }

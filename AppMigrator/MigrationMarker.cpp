@@ -32,17 +32,6 @@ bool HasText(const ContainerInfo& info, const char* key) {
   return it != info.end() && it->second.isString();
 }
 
-// The device's own name for a location under the device root: <root>/private/var/x is
-// /private/var/x. Nothing for a location outside the root, which no device path can name.
-std::optional<std::string> DevicePathOf(const std::string& location) {
-  const std::string& root = DeviceRoot();  // ends with "/"
-  if (location.empty() || location.front() != '/') return std::nullopt;
-  if (root == "/") return location;
-  if (location + "/" == root) return std::string("/");
-  if (location.compare(0, root.size(), root) != 0) return std::nullopt;
-  return "/" + location.substr(root.size());
-}
-
 // The device paths a marker's "ContainerPath" may mean. Earlier versions recorded the
 // location on the machine that ran them; such a text is still understood when it lies under
 // the present device root (an image resumed where it was cut off), read as the device path
@@ -89,6 +78,15 @@ bool NoLinkOnTheWay(int containerFd, const std::string& relative) {
 
 }  // namespace
 
+std::optional<std::string> DevicePathOfLocation(const std::string& location) {
+  const std::string& root = DeviceRoot();  // ends with "/"
+  if (location.empty() || location.front() != '/') return std::nullopt;
+  if (root == "/") return location;
+  if (location + "/" == root) return std::string("/");
+  if (location.compare(0, root.size(), root) != 0) return std::nullopt;
+  return "/" + location.substr(root.size());
+}
+
 bool VXAppMigrator::_writeMigrationMarker(const ContainerInfo& info) {
   auto container = info.find(kContainerPathKey);
   if (container == info.end() || !container->second.isString()) return false;
@@ -96,7 +94,7 @@ bool VXAppMigrator::_writeMigrationMarker(const ContainerInfo& info) {
   for (const char* key : kPathKeys) {
     auto it = record.find(key);
     if (it == record.end() || !it->second.isString()) continue;
-    std::optional<std::string> devicePath = DevicePathOf(*it->second.string());
+    std::optional<std::string> devicePath = DevicePathOfLocation(*it->second.string());
     if (!devicePath) return false;
     it->second = PlistValue(std::move(*devicePath));
   }

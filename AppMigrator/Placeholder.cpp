@@ -192,6 +192,7 @@ bool VXAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const FileURL& bun
                           {"KBBundleIdentifier", identifier},
                           {"SkipBlacklist", true}};
   if (storeMetadata) options.emplace(StoreMetadataKey, std::move(*storeMetadata));
+  _addMigrationOrigin(&options);
   ErrorRef installError;
   if (!AppWorkspace::defaultWorkspace().installApplication(placeholder, options, &installError)) {
     VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Failed to install placeholder for %@: %@",

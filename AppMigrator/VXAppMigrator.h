@@ -41,6 +41,10 @@ extern const char* const kStrayNoticeFileName;  // "WhereDidMyApplicationsGo.txt
 // of the group's items.
 extern const char* const kGroupLeftoverOwnerKey;  // "MigratingIdentifier"
 
+// The device's own name for a location under the device root: <root>/private/var/x is
+// /private/var/x. Nothing for a location outside the root, which no device path can name.
+std::optional<std::string> DevicePathOfLocation(const std::string& location);
+
 // What introspection makes of an entry of the old root, beyond the record it returns.
 enum class IntrospectionCourse {
   Record,         // a record for migration
@@ -108,6 +112,9 @@ class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public Mi
                                                  const std::string& identifier,
                                                  const FileURL& container);
   bool _writeIconForBundle(const BundleHandle& bundle, const FileURL& destination);
+  // Adds, to the options of an installation for the container being migrated, where its
+  // bundle comes from: the workspace lets it replace nothing another container brought.
+  void _addMigrationOrigin(PlistDictionary* options) const;
   // The private directory placeholders are built in, made on the run's first use and
   // checked before every later one; nothing (`error` set) when it cannot be had.
   std::optional<FileURL> _placeholderWorkDirectory(std::string* attempted, int* error);
@@ -130,6 +137,11 @@ class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public Mi
   bool _moveAllItemsInGroupContainerURL(const FileURL& source, const FileURL& destination,
                                         size_t* unmovedCount = nullptr);
 
+  // The VPN plug-in of an application's container, when it may be installed with it: its
+  // identifier must extend the application's. Nothing (and the refusal logged) otherwise.
+  std::optional<FileURL> _vpnPluginToInstall(const FileURL& plugin, const std::string& identifier,
+                                             const FileURL& container);
+
   // --- Safe harbors -------------------------------------------------------------------
   bool _migrateSafeHarbors();
 
@@ -147,6 +159,11 @@ class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public Mi
   // Writes the group container's record again when it is not the group's own.
   void _keepGroupRecord(const FileURL& container, const std::string& group,
                         const std::string& identifier);
+
+  // An item of the old root at which two runs in a row died: set aside with course
+  // "CrashedTwice" without being read, so that the run can go on. False when it holds user
+  // bytes and could not be moved.
+  bool _setAsideItemRunsDiedAt(const FileURL& item, const std::string& identifier);
 
   // Read-only views for the host's report and for tests.
   const std::optional<std::vector<FileURL>>& itemsToMigrate() const { return _itemsToMigrate; }
@@ -168,6 +185,12 @@ class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public Mi
     ino_t inode = 0;
   };
   std::optional<PrivateDirectory> _placeholderDirectory;
+  // The container being migrated, as installations record it (MigrationOriginKey); none
+  // outside a container's migration.
+  std::optional<PlistDictionary> _migrationOrigin;
+  // Set when the last installation was refused because another container, or a built-in
+  // application, holds the identifier.
+  bool _identifierTaken = false;
   // The report of the item being handled, which the steps add what they moved to; none
   // outside a run (a step called on its own).
   ContainerReport* _currentReport();

@@ -14,7 +14,8 @@ constexpr size_t kFailuresShown = 10;
 bool Failed(const ContainerReport& report) {
   return report.course == kCourseFailedKept || report.course == kCourseFailedBundleRecovered ||
          report.course == kCourseFailedBundleGivenUp || report.course == kCourseLeftHostile ||
-         report.course == kCourseLeftUnreadable;
+         report.course == kCourseLeftUnreadable || report.course == kCourseRecoveredAfterCrashes ||
+         report.course == kCourseRemovedAfterCrashes;
 }
 
 }  // namespace

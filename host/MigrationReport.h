@@ -22,6 +22,10 @@ inline constexpr const char* kCourseStrayRemoved = "stray-removed";
 inline constexpr const char* kCourseLeftHostile = "left-hostile";
 inline constexpr const char* kCourseLeftUnreadable = "left-unreadable";
 inline constexpr const char* kCourseVanished = "vanished";
+// Runs died at it twice in a row: it went to the recovery area unread (or, holding nothing of
+// the user's, was removed).
+inline constexpr const char* kCourseRecoveredAfterCrashes = "recovered-after-crashes";
+inline constexpr const char* kCourseRemovedAfterCrashes = "removed-after-crashes";
 
 struct ContainerReport {
   std::string path;        // the item as the old root listed it

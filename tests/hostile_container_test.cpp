@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <future>
 #include <map>
@@ -20,6 +21,7 @@
 #include "host/sample/SampleDevice.h"
 #include "platform/workspace/WorkspaceLayout.h"
 #include "support/AppPackages.h"
+#include "platform/workspace/Workspace.h"
 #include "support/MigratorTestKit.h"
 #include "support/RunProgram.h"
 
@@ -165,7 +167,9 @@ TEST_F(HostileContainerTest, PlantedFilesAreNeverReadThroughALinkNorWaitedOn) {
 
   EXPECT_TRUE(migrator->_migrateContainerWithInfo(l));
   ASSERT_FALSE(workspace.installs.empty());
-  EXPECT_EQ(workspace.installs[0].options, PlaceholderOptions("com.L"))
+  PlistDictionary options = workspace.installs[0].options;
+  EXPECT_EQ(options.erase(MigrationOriginKey), 1u);
+  EXPECT_EQ(options, PlaceholderOptions("com.L"))
       << "the link's target does not reach the placeholder";
   const std::string linked = OldContainer("L/LyrandMetadata.plist");
   EXPECT_TRUE(log.contains("VXAppMigrator: Failed to read " + linked + " : a symbolic link", 3));
@@ -385,6 +389,145 @@ TEST(HostileDeviceTest, PlantedWorkspaceRecordsNeverTravelNorAbortACommand) {
     const RunResult listed = command({name, "--json"});
     EXPECT_EQ(listed.exitStatus, 0) << name << ": " << listed.describe();
   }
+}
+
+// The recovery area's entries of a device image: each entry's record and where its content is.
+std::vector<std::pair<PlistDictionary, std::string>> RecoveredOn(const std::string& root) {
+  std::vector<std::pair<PlistDictionary, std::string>> found;
+  std::error_code ec;
+  const std::string area = root + "/private/var/mobile/Library/Velotrix/Recovered";
+  for (const auto& e : fs::directory_iterator(area, ec)) {
+    if (auto record = ReadPropertyListDictionary(e.path().string() + "/Record.plist")) {
+      found.emplace_back(std::move(*record), e.path().string() + "/Content");
+    }
+  }
+  return found;
+}
+
+std::string Text(const PlistDictionary& record, const char* key) {
+  auto it = record.find(key);
+  return it != record.end() && it->second.string() ? *it->second.string() : std::string();
+}
+
+::testing::AssertionResult WriteSmallSampleDevice(const std::string& root) {
+  sample::SampleDeviceOptions options;
+  options.apps = 3;
+  options.dataBytes = 4096;
+  std::string problem;
+  if (sample::WriteSampleDevice(root, options, &problem)) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << problem;
+}
+
+RunResult Migrate(const std::string& root, const TempDir& t, RunOptions run = {}) {
+  run.environment["TMPDIR"] = t.path();
+  return RunProgram(std::string(VX_BIN_DIR) + "/vxmigrate",
+                    {"migrate", "--root", root, "--no-progress", "--quiet"}, run);
+}
+
+// Old containers claim identifiers that are not theirs: a plug-in another application's, a
+// second container an identifier a first one brought, a container a built-in application's.
+// Each installed bundle stays; every claimant's bytes land in the recovery area.
+TEST(HostileDeviceTest, NoOldContainerTakesAnIdentifierAnotherHolds) {
+  TempDir t;
+  const std::string root = t / "device";
+  // A plain application, one with a VPN plug-in, an older copy of a built-in one.
+  ASSERT_TRUE(WriteSmallSampleDevice(root));
+  const std::string oldRoot = root + "/private/var/mobile/Applications";
+  std::string victim, builtIn;
+  for (const auto& e : fs::directory_iterator(oldRoot)) {
+    if (!e.is_directory()) continue;
+    for (const auto& item : fs::directory_iterator(e.path())) {
+      if (item.path().extension() != ".app") continue;
+      const auto info = ReadPropertyListDictionary(item.path().string() + "/Info.plist");
+      const std::string identifier = info ? Text(*info, "KBBundleIdentifier") : "";
+      if (Exists(root + "/Applications/" + item.path().filename().string())) {
+        builtIn = identifier;
+      } else if (!Exists(e.path().string() + "/Tunnel.vpnplugin")) {
+        victim = identifier;
+      }
+    }
+  }
+  ASSERT_FALSE(victim.empty() || builtIn.empty());
+  MakeBundle(oldRoot + "/Evil/Evil.app", {.identifier = "com.evil"});
+  MakeBundle(oldRoot + "/Evil/Evil.vpnplugin", {.identifier = victim, .executable = "evil"});
+  MakeBundle(oldRoot + "/Twin/Twin.app", {.identifier = victim, .executable = "twin"});
+  MakeBundle(oldRoot + "/Claim/Claim.app",
+             {.identifier = builtIn, .version = "99.0", .executable = "claim"});
+
+  const RunResult run = Migrate(root, t);
+  EXPECT_EQ(run.exitStatus, 1) << run.describe();
+  EXPECT_FALSE(Exists(oldRoot));
+  const sample::ManifestReport report = sample::CheckMigratedDevice(root);
+  EXPECT_TRUE(report.ok() && report.applicationsInstalled == 3)
+      << report.filesVerified << "/" << report.files;
+
+  DeviceWorkspace workspace(root);
+  const auto victimProxy = workspace.existingBundleProxy(victim);
+  ASSERT_TRUE(victimProxy && victimProxy->bundleURL);
+  EXPECT_EQ(victimProxy->bundleType, "User") << "not a plug-in";
+  const std::string installed = ReadFile(victimProxy->bundleURL->path() + "/App");
+  EXPECT_EQ(workspace.existingBundleProxy(builtIn)->bundleType, "System");
+  EXPECT_EQ(workspace.existingBundleProxy("com.evil")->bundleType, "User");
+
+  // The executable each claimant's entry holds (its only bundle: Evil's application went in).
+  std::map<std::string, std::string> taken;
+  for (const auto& [record, content] : RecoveredOn(root)) {
+    ASSERT_EQ(Text(record, "Course"), "IdentifierTaken") << Text(record, "OriginalPath");
+    const std::string from = fs::path(Text(record, "OriginalPath")).filename();
+    for (const auto& file : fs::recursive_directory_iterator(content)) {
+      if (file.path().filename() == "App") taken[from] += ReadFile(file.path());
+    }
+  }
+  EXPECT_EQ(taken["Evil"], "evil");
+  EXPECT_EQ(taken["Claim"], "claim");
+  // Of two containers of one identifier, whichever came first keeps it; the other's bundle
+  // waits in the area.
+  EXPECT_EQ(taken.size(), 3u);
+  if (installed != "twin") {
+    EXPECT_EQ(taken["Twin"], "twin");
+  }
+  const std::string log =
+      ReadFile(root + "/private/var/mobile/Library/Logs/Transhift/migration.log");
+  EXPECT_NE(log.find("its identifier " + victim + " does not extend com.evil"), std::string::npos);
+  EXPECT_NE(log.find(builtIn + " is already installed as a built-in application"),
+            std::string::npos);
+  EXPECT_TRUE(Migrate(root, t).exitStatus == 0) << "the device has converged";
+}
+
+// A container the run dies at every time (a crash planted in its introspection) stops two
+// runs; the third sets it aside whole, unread, and migrates every other application.
+TEST(HostileDeviceTest, ContainerTwoRunsDiedAtIsSetAsideAndTheRestMigrates) {
+  TempDir t;
+  const std::string root = t / "device";
+  ASSERT_TRUE(WriteSmallSampleDevice(root));
+  const std::string oldRoot = root + "/private/var/mobile/Applications";
+  std::string chosen;
+  for (const auto& e : fs::directory_iterator(oldRoot)) {
+    if (e.is_directory()) chosen = e.path().filename();
+  }
+  const auto before = Tree(oldRoot + "/" + chosen);
+  RunOptions crashing;
+  crashing.environment["VX_FAULT_ABORT_INTROSPECTING"] = chosen;
+
+  for (int run = 0; run < 2; ++run) {
+    const RunResult died = Migrate(root, t, crashing);
+    ASSERT_EQ(died.signal, SIGABRT) << died.describe();
+  }
+  const RunResult third = Migrate(root, t, crashing);
+  EXPECT_EQ(third.exitStatus, 1) << third.describe();
+  EXPECT_FALSE(Exists(oldRoot));
+  const auto recovered = RecoveredOn(root);
+  ASSERT_EQ(recovered.size(), 1u);
+  EXPECT_EQ(Text(recovered[0].first, "Course"), "CrashedTwice");
+  EXPECT_EQ(Tree(recovered[0].second + "/" + chosen), before) << "whole, as it was";
+
+  const sample::ManifestReport report = sample::CheckMigratedDevice(root);
+  size_t whole = 0;
+  for (const auto& app : report.perApplication) whole += app.files == app.filesVerified;
+  EXPECT_EQ(whole, 2u);
+  EXPECT_EQ(Migrate(root, t).exitStatus, 0) << "the device has converged";
+  EXPECT_FALSE(Exists(root + "/private/var/mobile/Library/Velotrix/AppMigratorCrashes.plist"));
+  EXPECT_FALSE(Exists(root + "/private/var/mobile/Library/Velotrix/AppMigratorCurrentItem"));
 }
 
 }  // namespace

@@ -27,6 +27,8 @@ const char* const kRecoveryCourseNoBundle = "NoReadableBundle";
 const char* const kRecoveryCourseInstallFailed = "InstallFailed";
 const char* const kRecoveryCourseGaveWay = "GaveWay";
 const char* const kRecoveryCourseReservedName = "ReservedName";
+const char* const kRecoveryCourseCrashedTwice = "CrashedTwice";
+const char* const kRecoveryCourseIdentifierTaken = "IdentifierTaken";
 
 namespace {
 

@@ -27,6 +27,10 @@ extern const char* const kRecoveryCourseInstallFailed;  // "InstallFailed"
 extern const char* const kRecoveryCourseGaveWay;        // "GaveWay"
 // An item under a name the workspace keeps for itself, kept out of the container it moved to.
 extern const char* const kRecoveryCourseReservedName;  // "ReservedName"
+// A container the migration died at in two runs in a row, set aside so that the others go on.
+extern const char* const kRecoveryCourseCrashedTwice;  // "CrashedTwice"
+// A bundle whose identifier another container's bundle or a built-in application holds.
+extern const char* const kRecoveryCourseIdentifierTaken;  // "IdentifierTaken"
 
 struct RecoveryRecord {
   std::string identifier;    // the application's identifier, empty when none could be read

@@ -30,6 +30,17 @@ extern const char* const StoreMetadataKey;        // "StoreMetadata"
 // The install type of an application that comes over from the old layout, its data following
 // item by item from its old container.
 inline constexpr unsigned kMigrationInstallType = 6;
+// Where a migrated bundle comes from: a dictionary with the old container's device path
+// ("Path") and identity ("Device", "Inode"). The bundle may replace only an installation
+// from the same container or one without an origin; no built-in application.
+extern const char* const MigrationOriginKey;  // "MigrationOrigin"
+// A VPN plug-in belongs to its application: its identifier is the application's followed by
+// "." and a suffix.
+inline bool PluginIdentifierExtends(const std::string& application, const std::string& plugin) {
+  return plugin.size() > application.size() + 1 &&
+         plugin.compare(0, application.size(), application) == 0 &&
+         plugin[application.size()] == '.';
+}
 // Progress report entries.
 extern const char* const kInstallProgressPercentKey;         // "PercentComplete"
 extern const char* const kInstallProgressStatusKey;          // "Status"
@@ -37,6 +48,8 @@ extern const char* const kInstallProgressErrorKey;           // "Error"
 extern const char* const kInstallProgressErrorDescriptionKey;  // "ErrorDescription"
 extern const char* const kInstallProgressErrorDetailKey;     // "ErrorDetail"
 extern const char* const kApplicationAlreadyInstalledError;  // "ApplicationAlreadyInstalled"
+// The identifier belongs to a bundle of another old container, or to a built-in application.
+extern const char* const kIdentifierTakenError;  // "IdentifierTaken"
 
 // A dictionary of text keys the workspace sends while it installs.
 using InstallProgressReport = PlistDictionary;

@@ -90,6 +90,8 @@ struct BundlePlacement {
   std::optional<uint64_t> installType;
   std::optional<FileURL> metadataDirectory;
   const PlistData* storeMetadata = nullptr;
+  // The old container a migration brings the bundle from, recorded with it.
+  const PlistDictionary* origin = nullptr;
 };
 
 ErrorRef PosixFailure(int line, int e, const char* what, const FileURL& url) {
@@ -312,6 +314,7 @@ bool PlaceBundle(const WorkspaceLayout& layout, WorkspaceIndexCache::Change& cha
   record.bundleVersion = bundle.version;
   record.appGroups = bundle.appGroups;
   record.installType = placement.installType;
+  if (placement.origin) record.migrationOrigin = *placement.origin;
   record.installSequence = 1;
   if (const IndexedContainer* installed = index.bundle(bundle.identifier)) {
     previous = installed->url;
@@ -395,6 +398,55 @@ std::optional<InstallFailure> BuiltInRefusal(VXGlobalConfiguration& configuratio
                         std::move(*message), nullptr};
 }
 
+// A plug-in is part of its application: one that could name any identifier would be
+// installed as whatever application it names.
+std::optional<InstallFailure> ForeignPlugin(const InstallPackage& package) {
+  if (!package.plugin) return std::nullopt;
+  const std::string& app = package.main.identifier;
+  const std::string& plugin = package.plugin->identifier;
+  if (PluginIdentifierExtends(app, plugin)) return std::nullopt;
+  return InstallFailure{kWorkspaceVerificationError, "PluginIdentifierMismatch",
+                        Format("VPN plugin %@ has identifier %@, which does not extend %@",
+                               package.plugin->url, plugin, app),
+                        nullptr};
+}
+
+// Bundles migrated from one old container may replace only what came from that container (a
+// resumed migration, a placeholder made for it) or what no migration brought: never what
+// another container brought, nor a built-in application. A VPN plug-in's own container
+// still brings its plug-in over the copy its application's container brought: that is the
+// old layout's shape, and the plug-in takes no application's place. The origins are compared
+// by device path, which names a container however the device image has been copied since.
+std::optional<InstallFailure> TakenIdentifier(VXGlobalConfiguration& configuration,
+                                              const WorkspaceIndex& index,
+                                              const InstallPackage& package,
+                                              const PlistDictionary& origin) {
+  const PlistValue mine(origin);
+  const std::string* ours = mine.stringForKey("Path");
+  BundleMapRef builtIn = configuration.systemAppBundleIDToInfoMap();
+  for (const PackageBundle* bundle :
+       {&package.main, package.plugin ? &*package.plugin : nullptr}) {
+    if (!bundle) continue;
+    std::string message;
+    if (const IndexedContainer* installed = index.bundle(bundle->identifier)) {
+      if (!installed->record.migrationOrigin) continue;
+      if (bundle->isVPNPlugin && installed->record.bundleType == "VPNPlugin") continue;
+      const PlistValue recorded(*installed->record.migrationOrigin);
+      const std::string* theirs = recorded.stringForKey("Path");
+      if (ours && theirs && *ours == *theirs) continue;
+      message = Format("%@ is already installed from another container (%@)", bundle->identifier,
+                       theirs ? *theirs : std::string("unnamed"));
+    } else if (builtIn && builtIn->count(bundle->identifier)) {
+      message = Format("%@ is already installed as a built-in application", bundle->identifier);
+    } else {
+      continue;
+    }
+    return InstallFailure{kWorkspaceAlreadyInstalledError, kIdentifierTakenError,
+                          std::move(message), nullptr};
+  }
+  return std::nullopt;
+}
+
 // The package goes in one rename before it is removed: a crash part-way through removing
 // it must never leave a half package that a retry would install as if it were whole.
 bool ConsumePackage(const WorkspaceLayout& layout, const FileURL& location) {
@@ -445,6 +497,10 @@ bool DeviceWorkspace::installApplication(const FileURL& location, const PlistDic
   if (!CheckInstallOptions(*package, options, blacklist ? *blacklist : IdentifierSet{}, &failure)) {
     return fail(failure);
   }
+  if (auto foreign = ForeignPlugin(*package)) return fail(*foreign);
+  const auto originEntry = options.find(MigrationOriginKey);
+  const PlistDictionary* origin =
+      originEntry == options.end() ? nullptr : originEntry->second.dictionary();
   ErrorRef lockError;
   std::optional<WorkspaceIndexCache::Change> change =
       WorkspaceIndexCache::forLayout(layout_).begin(&lockError);
@@ -467,6 +523,11 @@ bool DeviceWorkspace::installApplication(const FileURL& location, const PlistDic
       return false;
     }
   }
+  if (origin) {
+    if (auto taken = TakenIdentifier(configuration(), change->index(), *package, *origin)) {
+      return fail(*taken);
+    }
+  }
   reporter.step(30, "CreatingContainers");
   const auto installType = RequestedInstallType(options);
   // A migration's placeholder holds the place of an application whose items follow from its
@@ -482,11 +543,13 @@ bool DeviceWorkspace::installApplication(const FileURL& location, const PlistDic
 
   reporter.step(50, "InstallingApplication");
   if (package->plugin) {
-    BundlePlacement plugin{&*package->plugin, "VPNPlugin", installType, std::nullopt, nullptr};
+    BundlePlacement plugin{&*package->plugin, "VPNPlugin", installType, std::nullopt, nullptr,
+                           origin};
     if (!PlaceBundle(layout_, *change, location, false, plugin, &failure)) return fail(failure);
   }
   BundlePlacement application{&package->main, "User", installType, package->metadataDirectory,
-                              package->storeMetadata ? &*package->storeMetadata : nullptr};
+                              package->storeMetadata ? &*package->storeMetadata : nullptr,
+                              origin};
   if (package->placeholder) {
     application.bundleType = "Placeholder";
   } else if (package->main.isVPNPlugin) {

@@ -84,6 +84,7 @@ PlistDictionary ContainerRecordDictionary(const ContainerRecord& record) {
     PlistArray groups;
     for (const auto& group : record.appGroups) groups.emplace_back(group);
     dict["AppGroups"] = std::move(groups);
+    if (record.migrationOrigin) dict["MigrationOrigin"] = *record.migrationOrigin;
   }
   return dict;
 }
@@ -116,6 +117,9 @@ std::optional<ContainerRecord> ContainerRecordFromDictionary(const PlistDictiona
   }
   if (const PlistValue* type = whole.find("InstallType"); type && type->isInteger()) {
     record.installType = static_cast<uint64_t>(*type->int64Value());
+  }
+  if (const PlistValue* origin = whole.find("MigrationOrigin"); origin && origin->dictionary()) {
+    record.migrationOrigin = *origin->dictionary();
   }
   if (const PlistValue* groups = whole.find("AppGroups"); groups && groups->array()) {
     for (const auto& group : *groups->array()) {

@@ -41,6 +41,9 @@ struct ContainerRecord {
   std::optional<uint64_t> installType;
   // Orders the bundle containers of one identifier: the highest is the installation.
   int64_t installSequence = 0;
+  // The old container a migrated bundle came from ("MigrationOrigin" of its installation):
+  // an installation from another old container may not replace it.
+  std::optional<PlistDictionary> migrationOrigin;
 };
 
 PlistDictionary ContainerRecordDictionary(const ContainerRecord& record);
