@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "configuration/VXGlobalConfiguration.h"
@@ -54,17 +55,25 @@ int Usage(const std::string& message) {
   return kExitUsage;
 }
 
-// Counts the failures logged during the run. A plug-in may return success after a step it
-// treats as secondary failed (recording the system version, say); the host still owes the
-// user the truth that the run did not do all it should, as `plan` foretold.
+// Counts the failures a plug-in logged in its run as a whole (its creation and
+// performMigration), not for one item of the old layout: an item's failure already shows in
+// its course. A plug-in may return success after such a failure in a step it treats as
+// secondary (recording the system version, say); the host still owes the user the truth that
+// the run did not do all it should, as `plan` foretold.
 class FailureCounter : public LogSink {
  public:
   void Write(const LogRecord& record) override {
-    if (record.level <= kFailureLevel) failures_.fetch_add(1, std::memory_order_relaxed);
+    if (record.log == LogKind::Migration && record.level <= kFailureLevel &&
+        (EndsWith(record.function, " performMigration]") || EndsWith(record.function, " init]"))) {
+      failures_.fetch_add(1, std::memory_order_relaxed);
+    }
   }
   uint64_t failures() const { return failures_.load(std::memory_order_relaxed); }
 
  private:
+  static bool EndsWith(const std::string& text, std::string_view end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+  }
   static constexpr int kFailureLevel = 3;
   std::atomic<uint64_t> failures_{0};
 };

@@ -188,7 +188,8 @@ void Bring(Journal& j, const Operation& op, int dirfd) {
     if (::mkdirat(dirfd, op.fromName.c_str(), op.node.mode) == 0) {
       // A directory brought back with another owner or mode is a cut the disk could not
       // have made: the outcome that follows would puzzle, so say why.
-      if (::fchownat(dirfd, op.fromName.c_str(), op.node.owner, op.node.group, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (::fchownat(dirfd, op.fromName.c_str(), op.node.owner, op.node.group,
+                     AT_SYMLINK_NOFOLLOW) != 0) {
         SayFailure("could not give back the owner of", op.fromName);
       }
       if (::fchmodat(dirfd, op.fromName.c_str(), op.node.mode, 0) != 0) {
