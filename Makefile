@@ -1,5 +1,5 @@
 # Thin front door: installs what is missing, then lets CMake and CTest do the work.
-.PHONY: all deps build test test-power demo release bench bench-migrate bench-files fuzz-smoke package clean
+.PHONY: all deps build test test-power demo release bench bench-migrate bench-files fuzz-smoke package package-check clean
 
 all: build
 
@@ -86,6 +86,10 @@ package: deps
 	rm -f build/vxmigrate_*.deb
 	cd build/package && cpack -B "$(CURDIR)/build" >/dev/null
 	@ls build/vxmigrate_*.deb
+
+# The package as Debian's checker sees it: an error fails, warnings are shown.
+package-check: package
+	lintian --fail-on error --info --display-level '>=warning' build/vxmigrate_*.deb
 
 clean:
 	rm -rf build

@@ -80,4 +80,9 @@ DeviceChecks CheckDevice(const std::string& oldRoot, const std::string& workspac
   return checks;
 }
 
+bool HoldsDeviceLayout(const std::string& home) {
+  struct stat st {};
+  return ::lstat(home.c_str(), &st) == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
 }  // namespace vx::host

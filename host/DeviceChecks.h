@@ -23,4 +23,10 @@ struct DeviceChecks {
 
 DeviceChecks CheckDevice(const std::string& oldRoot, const std::string& workspace);
 
+// Whether the device's home location (which holds the old layout and the current one) is
+// there at all. A root without it, such as an ordinary machine's /, has nothing to migrate,
+// and a run there would only make the device's directories where none belong. Anything but a
+// plain absence counts as there, so that the run looks and reports.
+bool HoldsDeviceLayout(const std::string& home);
+
 }  // namespace vx::host

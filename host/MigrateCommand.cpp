@@ -1,6 +1,7 @@
 // `vxmigrate migrate`: the migration host. Loads every plug-in, runs each once and reports.
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -8,15 +9,19 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "configuration/VXGlobalConfiguration.h"
 #include "host/Command.h"
 #include "host/ContainerReportOutput.h"
+#include "host/DeviceChecks.h"
 #include "host/LogSetup.h"
 #include "host/MigrationReport.h"
 #include "host/PluginLoader.h"
 #include "host/ProgressBar.h"
 #include "platform/files/Fault.h"
+#include "platform/log/Log.h"
 #include "platform/system/DeviceRoot.h"
 
 namespace vx::host {
@@ -49,6 +54,40 @@ int Usage(const std::string& message) {
   std::cerr << "vxmigrate migrate: " << message << "\n";
   return kExitUsage;
 }
+
+// Counts the failures a plug-in logged in its run as a whole (its creation and
+// performMigration), not for one item of the old layout: an item's failure already shows in
+// its course. A plug-in may return success after such a failure in a step it treats as
+// secondary (recording the system version, say); the host still owes the user the truth that
+// the run did not do all it should, as `plan` foretold.
+class FailureCounter : public LogSink {
+ public:
+  void Write(const LogRecord& record) override {
+    if (record.log == LogKind::Migration && record.level <= kFailureLevel &&
+        (EndsWith(record.function, " performMigration]") || EndsWith(record.function, " init]"))) {
+      failures_.fetch_add(1, std::memory_order_relaxed);
+    }
+  }
+  uint64_t failures() const { return failures_.load(std::memory_order_relaxed); }
+
+ private:
+  static bool EndsWith(const std::string& text, std::string_view end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+  }
+  static constexpr int kFailureLevel = 3;
+  std::atomic<uint64_t> failures_{0};
+};
+
+// Removes the counter when the command ends, whatever way it leaves.
+struct CounterInstalled {
+  explicit CounterInstalled(std::shared_ptr<FailureCounter> c) : counter(std::move(c)) {
+    AddLogSink(counter);
+  }
+  ~CounterInstalled() { RemoveLogSink(counter.get()); }
+  CounterInstalled(const CounterInstalled&) = delete;
+  CounterInstalled& operator=(const CounterInstalled&) = delete;
+  std::shared_ptr<FailureCounter> counter;
+};
 
 std::string Seconds(double seconds) {
   char text[32];
@@ -105,6 +144,18 @@ int RunMigrate(const MigrateOptions& options) {
   if (!fault::ConfigureFromEnvironment(&faultProblem)) return Usage(faultProblem);
   fault::Disarm();
 
+  // Before any log is opened: logging alone would make the device's directories.
+  const std::string home = VXGlobalConfiguration::sharedInstance().homeDirectory().path();
+  if (!HoldsDeviceLayout(home)) {
+    if (!options.quiet) {
+      (options.json ? std::cerr : std::cout)
+          << "Nothing to migrate: " << DeviceRoot() << " holds no device layout (no " << home
+          << ")." << std::endl;
+    }
+    if (options.json) std::cout << Report({}, true).dump(2) << std::endl;
+    return 0;
+  }
+
   const bool showBar = !options.noProgress && isatty(STDERR_FILENO);
   std::string problem;
   auto logs = LogSetup::Install({.verbose = options.verbose,
@@ -114,6 +165,7 @@ int RunMigrate(const MigrateOptions& options) {
                                 &problem);
   if (!logs) return Usage(problem);
   fault::ConfigureFromEnvironment(nullptr);
+  CounterInstalled counting(std::make_shared<FailureCounter>());
 
   const std::string directory = options.pluginDirectory.value_or(DefaultPluginDirectory());
   auto plugins = LoadPlugins(directory, &problem);
@@ -133,18 +185,28 @@ int RunMigrate(const MigrateOptions& options) {
            << Seconds(o.seconds) << std::endl;
     }
   }
-  if (say) {
-    *say << (allSucceeded ? "Migration complete." : "Migration incomplete: see the logs.")
-         << std::endl;
-  }
+  const uint64_t failures = counting.counter->failures();
+  const bool complete = allSucceeded && failures == 0;
   // The plug-in's own hint names the logs as the device sees them; under another device root
   // they lie elsewhere on this machine.
-  if (!allSucceeded) {
+  if (!complete) {
     std::cerr << "vxmigrate: the logs of this run are " << LogSetup::InstallerLogPath() << " and "
               << LogSetup::MigrationLogPath() << std::endl;
   }
-  if (options.json) std::cout << Report(outcomes, allSucceeded).dump(2) << std::endl;
-  return allSucceeded ? 0 : kExitFailed;
+  // The verdict comes last, where a reader of the output looks for it.
+  if (complete) {
+    if (say) *say << "Migration complete." << std::endl;
+  } else {
+    std::ostream& out = say ? *say : std::cerr;
+    if (allSucceeded) {
+      out << "Migration incomplete: " << failures << (failures == 1 ? " failure" : " failures")
+          << " logged; see the logs." << std::endl;
+    } else {
+      out << "Migration incomplete: see the logs." << std::endl;
+    }
+  }
+  if (options.json) std::cout << Report(outcomes, complete).dump(2) << std::endl;
+  return complete ? 0 : kExitFailed;
 }
 
 const CommandRegistration kMigrate(10, [](CLI::App& app, int* exitStatus) {

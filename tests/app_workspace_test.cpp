@@ -282,13 +282,10 @@ TEST_F(AppWorkspaceTest, PackagesBehindLinksStayWhereTheyAre) {
   EXPECT_FALSE(workspace.applicationIsInstalled("com.example.lure"));
 
   // Across file systems the bundle is copied, whole, and the package consumed.
-  TempDir other("/dev/shm");
-  struct stat a {}, b {};
-  if (::stat(other.path().c_str(), &a) != 0 || ::stat(device.path().c_str(), &b) != 0 ||
-      a.st_dev == b.st_dev) {
-    GTEST_SKIP() << "no second file system";
-  }
-  const std::string placeholder = MakeBundle(other / "Far.app", {.identifier = "com.example.far"});
+  std::string why;
+  auto other = TempDirOnAnotherFileSystem(device.path(), &why);
+  if (!other) GTEST_SKIP() << why;
+  const std::string placeholder = MakeBundle(*other / "Far.app", {.identifier = "com.example.far"});
   ASSERT_TRUE(install(placeholder, PlaceholderOptions("com.example.far")));
   auto far = workspace.existingBundleProxy("com.example.far");
   ASSERT_TRUE(far && far->bundleURL);

@@ -2,6 +2,7 @@
 // own.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -104,6 +105,30 @@ TEST(HostEndToEndTest, DemoFitsAScreenWithoutErrors) {
   EXPECT_NE(demo.out.find("the newer built-in copy serves its data"), std::string::npos);
 }
 
+// The host's last line and exit status tell the truth about the run: on a root with no device
+// layout at all nothing is written, and a failure the plug-in logged while still returning
+// success (its system version could not be recorded) makes the run incomplete.
+TEST(HostEndToEndTest, LastLineAndStatusTellTheTruth) {
+  TempDir machine;
+  auto nothing = Host({"migrate", "--root", machine.path(), "--no-progress"});
+  EXPECT_EQ(nothing.exitStatus, 0) << nothing.describe();
+  EXPECT_NE(nothing.out.find("Nothing to migrate"), std::string::npos) << nothing.describe();
+  EXPECT_TRUE(std::filesystem::is_empty(machine.path())) << "the run wrote into the root";
+
+  TempDir device;
+  LayOutNoticeOnlyDevice(device);
+  // A file where the version's directory must go: the record cannot be written.
+  WriteFile(device / "private/var/mobile/Library/Velotrix", "in the way");
+  auto run = Host({"migrate", "--root", device.path(), "--no-progress"});
+  EXPECT_EQ(run.exitStatus, 1) << run.describe();
+  const std::string out = run.out.substr(0, run.out.find_last_not_of('\n') + 1);
+  EXPECT_NE(out.substr(out.rfind('\n') + 1).find("Migration incomplete"), std::string::npos)
+      << run.describe();
+  auto json = Host({"migrate", "--root", device.path(), "--no-progress", "--json"});
+  EXPECT_EQ(json.exitStatus, 1) << json.describe();
+  EXPECT_EQ(json::parse(json.out)["result"], false) << json.out;
+}
+
 TEST(HostEndToEndTest, UsageAndLoadingProblemsExitTwo) {
   TempDir device, plugins;
   LayOutNoticeOnlyDevice(device);
@@ -149,12 +174,17 @@ TEST(HostEndToEndTest, AnyFailedMutationLeavesAConsistentDevice) {
       return;
     }
     ASSERT_TRUE(run.exitStatus == 0 || run.exitStatus == 1) << run.describe();
-    if (run.exitStatus == 1) {
+    const bool pluginFailed = run.out.find("VXAppMigrator: FAILED") != std::string::npos;
+    if (pluginFailed) {
       sawFailedRun = true;
+      EXPECT_EQ(run.exitStatus, 1) << run.describe();
       // A failed run claims no version, and while anything is left in the old root the
       // install map stays for the next run.
       EXPECT_FALSE(Exists(device / kVersionFile));
       EXPECT_TRUE(!Exists(device / kNotice) || Exists(device / kInstallMap));
+    } else if (run.exitStatus == 1) {
+      // The plug-in went on past a failure it logged: the host still calls the run incomplete.
+      EXPECT_NE(run.out.find(" logged; see the logs."), std::string::npos) << run.describe();
     } else {
       EXPECT_FALSE(Exists(device / kNotice));
     }

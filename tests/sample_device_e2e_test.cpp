@@ -199,7 +199,11 @@ void CutOffAtEveryStep(Cut how, int apps = 1, Sweep sweep = {}) {
       if (cut.exitStatus == 1) {
         EXPECT_NE(cut.err.find("VXAppMigrator: "), std::string::npos) << "n=" << n << cut.describe();
         // A failed run must not pass for a finished one, even when it emptied the old root.
-        EXPECT_FALSE(test::Exists(root + kVersionRecord)) << "n=" << n;
+        // (A plug-in that went on past a failure of its own may have recorded the version:
+        // the host's verdict then says how many it logged.)
+        if (cut.err.find(" logged; see the logs.") == std::string::npos) {
+          EXPECT_FALSE(test::Exists(root + kVersionRecord)) << "n=" << n;
+        }
       }
     }
     // The next clean run finishes the job. After a failure it may itself report the

@@ -42,6 +42,13 @@ TEST(VxfileTest, DuAndDigestPrintOneValue) {
   EXPECT_TRUE(missing.out.empty());
   EXPECT_NE(missing.err.find(tmp / "none"), std::string::npos) << missing.err;
 
+  test::MakeSymlink("tree/sub/abc", tmp / "link");
+  auto link = Vxfile({"digest", tmp / "link"});
+  EXPECT_EQ(link.exitStatus, 1) << link.describe();
+  EXPECT_TRUE(link.out.empty());
+  EXPECT_NE(link.err.find("is a symbolic link, which is not followed"), std::string::npos)
+      << link.err;
+
   EXPECT_EQ(Vxfile({"digest"}).exitStatus, 2);
   EXPECT_EQ(Vxfile({"frobnicate"}).exitStatus, 2);
 }

@@ -1,4 +1,5 @@
 // Commands that look at a tree or a file as a whole: du, digest, ls, own, contain.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <iostream>
@@ -37,7 +38,15 @@ void AddDigest(CLI::App& app, const Context& context) {
   AddCommand(app, context, "digest", "SHA-256 of FILE's content, in hexadecimal",
              [path](const Command& command) {
                auto digest = VXCreateSHA256Digest(PathArgument(*path));
-               if (!digest) return command.failWithLoggedReason("cannot read " + *path);
+               if (!digest) {
+                 // The file is opened without following a final link; the kernel's refusal
+                 // ("too many levels of symbolic links") would hide why.
+                 struct stat st {};
+                 if (::lstat(path->c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+                   return command.fail(*path + " is a symbolic link, which is not followed");
+                 }
+                 return command.failWithLoggedReason("cannot read " + *path);
+               }
                std::cout << *digest << "\n";
                command.succeed();
              })

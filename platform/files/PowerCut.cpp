@@ -176,12 +176,25 @@ void RemoveTree(int dirfd, const std::string& leaf) {
   ::unlinkat(dirfd, leaf.c_str(), AT_REMOVEDIR);
 }
 
+// Says what part of the rollback failed, with the reason errno holds.
+void SayFailure(const char* what, const std::string& name) {
+  const int error = errno;
+  Say(std::string(what) + " " + name + ": " + std::strerror(error));
+}
+
 void Bring(Journal& j, const Operation& op, int dirfd) {
   if (!Free(dirfd, op.fromName)) return;
   if (op.node.directory) {
     if (::mkdirat(dirfd, op.fromName.c_str(), op.node.mode) == 0) {
-      ::fchownat(dirfd, op.fromName.c_str(), op.node.owner, op.node.group, AT_SYMLINK_NOFOLLOW);
-      ::fchmodat(dirfd, op.fromName.c_str(), op.node.mode, 0);
+      // A directory brought back with another owner or mode is a cut the disk could not
+      // have made: the outcome that follows would puzzle, so say why.
+      if (::fchownat(dirfd, op.fromName.c_str(), op.node.owner, op.node.group,
+                     AT_SYMLINK_NOFOLLOW) != 0) {
+        SayFailure("could not give back the owner of", op.fromName);
+      }
+      if (::fchmodat(dirfd, op.fromName.c_str(), op.node.mode, 0) != 0) {
+        SayFailure("could not give back the mode of", op.fromName);
+      }
       // What was removed from it before it went comes back into the new directory, which
       // the undoing (newest first) reaches next.
       int made = ::openat(dirfd, op.fromName.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -196,7 +209,9 @@ void Bring(Journal& j, const Operation& op, int dirfd) {
       }
     }
   } else if (!op.node.stash.empty()) {
-    ::linkat(AT_FDCWD, op.node.stash.c_str(), dirfd, op.fromName.c_str(), 0);
+    if (::linkat(AT_FDCWD, op.node.stash.c_str(), dirfd, op.fromName.c_str(), 0) != 0) {
+      SayFailure("could not bring back", op.fromName);
+    }
   }
 }
 

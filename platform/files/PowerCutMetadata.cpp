@@ -4,6 +4,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -63,10 +64,14 @@ bool ReadAttributes(const std::string& self, std::vector<std::pair<std::string, 
   return true;
 }
 
-void PutBack(const Saved& saved) {
+// Returns 0, or the errno of an owner that could not be given back (the rest is still tried).
+int PutBack(const Saved& saved) {
   const std::string self = SelfPath(saved.fd);
-  ::fchownat(saved.fd, "", saved.owner, saved.group, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW);
-  if (!saved.attributesKnown) return;  // a link: its mode is no one's
+  const int ownerError =
+      ::fchownat(saved.fd, "", saved.owner, saved.group, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW) == 0
+          ? 0
+          : errno;
+  if (!saved.attributesKnown) return ownerError;  // a link: its mode is no one's
   ::chmod(self.c_str(), saved.mode);
   std::vector<char> list(kMaxAttributeBytes);
   const char* names = list.data();
@@ -77,6 +82,7 @@ void PutBack(const Saved& saved) {
   for (const auto& [name, value] : saved.attributes) {
     ::setxattr(self.c_str(), name.c_str(), value.data(), value.size(), 0);
   }
+  return ownerError;
 }
 
 }  // namespace
@@ -120,7 +126,13 @@ size_t Restore(bool trace) {
       ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
       (void)ignored;
     }
-    PutBack(saved);
+    // A node left with an owner the disk never held would make the cut's outcome puzzle.
+    if (const int error = PutBack(saved); error != 0) {
+      const std::string line = "vx power cut: could not give back the owner of inode " +
+                               std::to_string(key.second) + ": " + std::strerror(error) + "\n";
+      ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
+      (void)ignored;
+    }
   }
   return j.nodes.size();
 }

@@ -1,7 +1,8 @@
 # Installs the build tree into a temporary prefix, moves the installed tree elsewhere, and
 # checks that it still works there: vxmigrate finds its library and plug-in and migrates the
 # sample device; a program outside the project builds against the installed CMake package
-# and calls the shared layer; the pkg-config file points into the moved tree.
+# and calls the shared layer, and so does one built with pkg-config's flags alone; the unit
+# names the installed program.
 #
 # cmake -DBUILD_DIR=... -DSOURCE_DIR=... -DWORK_DIR=... -DLIBDIR=lib -DCXX=... \
 #       -DCXX_FLAGS=... -DGENERATOR=Ninja -P install_test.cmake
@@ -18,6 +19,10 @@ endfunction()
 
 file(REMOVE_RECURSE ${WORK_DIR})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/installed)
+file(STRINGS ${WORK_DIR}/installed/lib/systemd/system/vxmigrate.service exec REGEX "^ExecStart=")
+if(NOT exec MATCHES "^ExecStart=${WORK_DIR}/installed/bin/vxmigrate ")
+  message(FATAL_ERROR "the unit does not name the installed program: ${exec}")
+endif()
 file(RENAME ${WORK_DIR}/installed ${WORK_DIR}/moved)
 set(tree ${WORK_DIR}/moved)
 
@@ -54,13 +59,16 @@ if(NOT run_output STREQUAL "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410
   message(FATAL_ERROR "the consumer printed: ${run_output}")
 endif()
 
+# The compiler's default language level is older than the headers need: the flags must say.
 set(ENV{PKG_CONFIG_PATH} ${tree}/${LIBDIR}/pkgconfig)
-run(pkg-config --variable=includedir vxshared)
-string(STRIP "${run_output}" includedir)
-run(pkg-config --variable=libdir vxshared)
-string(STRIP "${run_output}" libdir)
-if(NOT EXISTS ${includedir}/support/FileDigest.h OR NOT EXISTS ${libdir}/libvxshared.so)
-  message(FATAL_ERROR "pkg-config points elsewhere: ${includedir} ${libdir}")
+run(pkg-config --cflags --libs vxshared)
+separate_arguments(pkg_flags UNIX_COMMAND "${run_output}")
+separate_arguments(cxx_flags UNIX_COMMAND "${CXX_FLAGS}")
+run(${CXX} ${cxx_flags} ${SOURCE_DIR}/tests/install/consumer/main.cpp ${pkg_flags}
+    -o ${WORK_DIR}/pkg-config-consumer)
+run(${clean_env} ${WORK_DIR}/pkg-config-consumer ${WORK_DIR}/abc)
+if(NOT run_output STREQUAL "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad\n")
+  message(FATAL_ERROR "the pkg-config consumer printed: ${run_output}")
 endif()
 
 file(REMOVE_RECURSE ${WORK_DIR})

@@ -39,6 +39,26 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
+std::unique_ptr<TempDir> TempDirOnAnotherFileSystem(const std::string& here, std::string* why) {
+  constexpr const char* kOther = "/dev/shm";
+  struct stat other {}, ours {};
+  if (::stat(kOther, &other) != 0 || !S_ISDIR(other.st_mode) ||
+      ::access(kOther, W_OK | X_OK) != 0) {
+    *why = std::string(kOther) + " is not a writable directory here";
+    return nullptr;
+  }
+  if (::stat(here.c_str(), &ours) != 0 || ours.st_dev == other.st_dev) {
+    *why = std::string(kOther) + " is on the same file system as " + here;
+    return nullptr;
+  }
+  auto dir = std::make_unique<TempDir>(kOther);
+  if (dir->path().empty()) {
+    *why = std::string("cannot make a directory in ") + kOther;
+    return nullptr;
+  }
+  return dir;
+}
+
 void WriteFile(const std::string& path, const std::string& content) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   std::ofstream out(path, std::fstream::binary | std::fstream::trunc);

@@ -1,6 +1,7 @@
 // A temporary directory for one test, removed with everything in it afterwards.
 #pragma once
 
+#include <memory>
 #include <string>
 
 namespace vx::test {
@@ -19,6 +20,10 @@ class TempDir {
  private:
   std::string path_;
 };
+
+// A temporary directory on another file system than `here` (in memory, under /dev/shm), or
+// nothing with `*why` set where the machine offers none writable: the test skips then.
+std::unique_ptr<TempDir> TempDirOnAnotherFileSystem(const std::string& here, std::string* why);
 
 // Small file-system helpers for arranging a tree; each aborts the test on failure.
 void WriteFile(const std::string& path, const std::string& content);
