@@ -1,5 +1,5 @@
 # Thin front door: installs what is missing, then lets CMake and CTest do the work.
-.PHONY: all deps build test test-power demo release bench bench-migrate bench-files fuzz-smoke package package-check clean
+.PHONY: all deps build test test-mutants test-power demo release bench bench-migrate bench-files fuzz-smoke package package-check clean
 
 all: build
 
@@ -16,7 +16,11 @@ test: build
 
 # The power-cut sweeps in full: a seven-application migration cut at every one of its
 # mutating calls, losing all that was not synced and, in a second pass, all but part of one
-# directory's queue (`make test` cuts a sample of them: every 41st call).
+# directory's queue (`make test` cuts the first call of every call site).
+# Each small mistake of tests/mutants/ alone, built and run against the suite (not in CI).
+test-mutants: deps
+	scripts/test-mutants
+
 test-power: build
 	VX_POWER_SWEEP=full ctest --preset asan -R PowerCut --timeout 10800
 

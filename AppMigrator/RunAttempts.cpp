@@ -59,7 +59,8 @@ RunAttempts::RunAttempts(const FileURL& directory)
     entry[kIdentifierKey] = identifier;
   }
   counts_[name] = std::move(entry);
-  VX_MIGRATION_LOG(3, kOperation,
+  // A note, not a failure: what this run makes of that item decides its result.
+  VX_MIGRATION_LOG(5, kOperation,
                    "VXAppMigrator: The last run ended while working on %@ (%lld times in a row)",
                    name, static_cast<long long>(crashes + 1));
   saveCounts();
