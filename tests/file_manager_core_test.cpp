@@ -182,7 +182,8 @@ TEST(FileManagerCopyMoveTest, MovesAcrossFileSystemsCopyWhatWasCheckedAndSyncIt)
     std::thread swapper([&] {
       while (!stop) ::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, (t / "l").c_str(), RENAME_EXCHANGE);
     });
-    const bool ok = fm().moveItemAtURL(U(source), U(moved), nullptr);
+    // The move may refuse an item that changed under it; it must never lose or follow one.
+    fm().moveItemAtURL(U(source), U(moved), nullptr);
     stop = true;
     swapper.join();
     int copies = 0;
@@ -191,7 +192,6 @@ TEST(FileManagerCopyMoveTest, MovesAcrossFileSystemsCopyWhatWasCheckedAndSyncIt)
       copies += ::lstat(place.c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
                 ReadFile(place + "/f") == "mine";
     }
-    EXPECT_TRUE(ok);
     EXPECT_GE(copies, 1) << "round " << round;
     EXPECT_FALSE(fs::is_directory(fs::symlink_status(moved)) && Exists(moved + "/secret"))
         << "copied through the link";
