@@ -522,7 +522,7 @@ void AfterSyncFileSystem(int fd) {
     struct stat st {};
     if (key.device == fileSystem.st_dev && ::fstat(file.fd, &st) == 0) file.synced = st.st_size;
   }
-  metadata::AllSynced();
+  metadata::AllSynced(fileSystem.st_dev);
 }
 
 void AfterSync(int fd) {

@@ -114,7 +114,18 @@ void Synced(const struct stat& node) {
   j.nodes.erase(it);
 }
 
-void AllSynced() { Forget(); }
+void AllSynced(dev_t device) {
+  Journal& j = TheJournal();
+  std::lock_guard lock(j.mutex);
+  for (auto it = j.nodes.begin(); it != j.nodes.end();) {
+    if (it->first.first != device) {
+      ++it;
+      continue;
+    }
+    ::close(it->second.fd);
+    it = j.nodes.erase(it);
+  }
+}
 
 size_t Restore(bool trace) {
   Journal& j = TheJournal();

@@ -17,8 +17,8 @@ namespace vx::powercut::metadata {
 void Remember(int fd);
 // The node's metadata reached the disk.
 void Synced(const struct stat& node);
-// Everything reached the disk (a sync of the whole file system).
-void AllSynced();
+// Every node of the file system `device` reached the disk (a sync of that file system).
+void AllSynced(dev_t device);
 // At the cut: every remembered node gets back what the disk held. Returns how many.
 size_t Restore(bool trace);
 // Journaling starts or stops: forget every node.
