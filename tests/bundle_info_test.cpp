@@ -117,7 +117,10 @@ TEST(BundleInfoTest, PropertyListsPastTheBoundsAreRefusedUnparsed) {
     EXPECT_FALSE(ParsePropertyList(bytes, &reason));
     return reason;
   };
-  EXPECT_TRUE(ParsePropertyList(NestedBinaryArrays(256)));
+  const auto deepest = ParsePropertyList(NestedBinaryArrays(256));
+  ASSERT_TRUE(deepest);
+  // What one encoding admits, the other admits once written back.
+  EXPECT_TRUE(ParsePropertyList(SerializePropertyList(*deepest, PlistFormat::XML)));
   EXPECT_EQ(refusal(NestedBinaryArrays(257)), "nesting deeper than 256");
   EXPECT_EQ(refusal(NestedBinaryArrays(100'000)), "nesting deeper than 256");
   // 60 arrays holding the next one twice: 2^60 objects once expanded.
@@ -131,8 +134,11 @@ TEST(BundleInfoTest, PropertyListsPastTheBoundsAreRefusedUnparsed) {
   EXPECT_EQ(refusal(huge), "a malformed container");
 
   const std::string open = "<?xml version=\"1.0\"?><!DOCTYPE plist><plist version=\"1.0\">";
-  EXPECT_TRUE(ParsePropertyList(Bytes(open + Repeated("<array>", 255) + "<dict/><true/>" +
-                                      Repeated("</array>", 255) + "</plist>")));
+  EXPECT_TRUE(ParsePropertyList(Bytes(open + Repeated("<array>", 256) + "<dict/><true/>" +
+                                      Repeated("</array>", 256) + "</plist>")));
+  EXPECT_EQ(refusal(Bytes(open + Repeated("<array>", 257) + Repeated("</array>", 257) +
+                          "</plist>")),
+            "nesting deeper than 256");
   EXPECT_EQ(refusal(Bytes(open + Repeated("<array>", 100'000) + Repeated("</array>", 100'000) +
                           "</plist>")),
             "nesting deeper than 256");

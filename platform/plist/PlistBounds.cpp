@@ -168,7 +168,9 @@ bool IsLeafElement(std::string_view name) {
 
 // One pass over the tags. Every element counts as an object; every element that is not a
 // value's leaf opens a level (so an unknown name is taken to nest, never the reverse), and
-// its end tag closes one. Comments, sections of character data, declarations and
+// its end tag closes one. The outermost "plist" element wraps the value and is neither: a
+// list must count the same in both encodings, or one written back from the other could be
+// refused. Comments, sections of character data, declarations and
 // processing instructions are stepped over whole, as the parser does.
 bool CheckXML(std::string_view text, Verdict& verdict) {
   size_t depth = 0;
@@ -196,7 +198,12 @@ bool CheckXML(std::string_view text, Verdict& verdict) {
     const size_t end = text.find('>', nameStart);
     if (end == std::string_view::npos) return true;
     const std::string_view tag = text.substr(nameStart, end - nameStart);
-    const bool leaf = IsLeafElement(tag.substr(0, tag.find_first_of(" \t\r\n/")));
+    const std::string_view name = tag.substr(0, tag.find_first_of(" \t\r\n/"));
+    const bool leaf = IsLeafElement(name);
+    if (depth == 0 && name == "plist") {
+      at = end + 1;
+      continue;
+    }
     if (closing) {
       if (!leaf && depth > 0) --depth;
     } else {
