@@ -48,11 +48,13 @@ std::vector<uint8_t> BinaryArrays(const std::vector<std::vector<uint64_t>>& chil
 }
 
 // Each object holds the next, `depth` arrays in all.
-std::vector<uint8_t> NestedBinaryArrays(size_t depth) {
+std::vector<std::vector<uint64_t>> NestedChildren(size_t depth) {
   std::vector<std::vector<uint64_t>> children(depth);
   for (size_t i = 0; i + 1 < depth; ++i) children[i] = {i + 1};
-  return BinaryArrays(children);
+  return children;
 }
+
+std::vector<uint8_t> NestedBinaryArrays(size_t depth) { return BinaryArrays(NestedChildren(depth)); }
 
 std::vector<uint8_t> Bytes(const std::string& text) {
   return std::vector<uint8_t>(text.begin(), text.end());
@@ -123,10 +125,13 @@ TEST(BundleInfoTest, PropertyListsPastTheBoundsAreRefusedUnparsed) {
   EXPECT_TRUE(ParsePropertyList(SerializePropertyList(*deepest, PlistFormat::XML)));
   EXPECT_EQ(refusal(NestedBinaryArrays(257)), "nesting deeper than 256");
   EXPECT_EQ(refusal(NestedBinaryArrays(100'000)), "nesting deeper than 256");
-  // 60 arrays holding the next one twice: 2^60 objects once expanded.
-  std::vector<std::vector<uint64_t>> doubling(60);
-  for (uint64_t i = 0; i + 1 < doubling.size(); ++i) doubling[i] = {i + 1, i + 1};
-  EXPECT_EQ(refusal(BinaryArrays(doubling)), "more than 500000 objects");
+  // Two arrays of a thousand references each: a million objects once expanded.
+  EXPECT_EQ(refusal(BinaryArrays({std::vector<uint64_t>(1000, 1), std::vector<uint64_t>(1000, 2), {}})),
+            "more than 500000 objects");
+  // 200 levels, the innermost holding one empty array 30,000 times: few objects, each deep.
+  std::vector<std::vector<uint64_t>> deepAndWide = NestedChildren(201);
+  deepAndWide[199] = std::vector<uint64_t>(30'000, 200);
+  EXPECT_EQ(refusal(BinaryArrays(deepAndWide)), "more than 4000000 levels of nesting in all");
   EXPECT_EQ(refusal(BinaryArrays({{1}, {2}, {1}})), "a reference cycle");
   EXPECT_EQ(refusal(BinaryArrays({{1}, {7}})), "a reference out of range");
   std::vector<uint8_t> huge = BinaryArrays({{}});

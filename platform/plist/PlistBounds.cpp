@@ -19,9 +19,13 @@ class Verdict {
     if (reason_) *reason_ = std::move(why);
     return false;
   }
-  bool CountObject() {
-    return ++objects_ <= maxObjects_ ||
-           Fail("more than " + std::to_string(maxObjects_) + " objects");
+  // An object inside `depth` open levels.
+  bool CountObject(size_t depth) {
+    if (++objects_ > maxObjects_) return Fail("more than " + std::to_string(maxObjects_) + " objects");
+    levels_ += depth;
+    return levels_ <= kMaxPropertyListLevelsInAll ||
+           Fail("more than " + std::to_string(kMaxPropertyListLevelsInAll) +
+                " levels of nesting in all");
   }
   // Called with the number of levels already open.
   bool OpenLevel(size_t open) const {
@@ -33,6 +37,7 @@ class Verdict {
   size_t maxDepth_;
   size_t maxObjects_;
   size_t objects_ = 0;
+  size_t levels_ = 0;
 };
 
 uint64_t BigEndian(const uint8_t* p, size_t width) {
@@ -128,7 +133,7 @@ bool CheckBinary(std::span<const uint8_t> bytes, Verdict& verdict) {
   const auto enter = [&](uint64_t index) {
     if (index >= list.count()) return verdict.Fail("a reference out of range");
     if (onPath[index]) return verdict.Fail("a reference cycle");
-    if (!verdict.CountObject()) return false;
+    if (!verdict.CountObject(open.size())) return false;
     size_t offset = 0, refs = 0;
     uint64_t n = 0;
     if (!list.Offset(index, &offset)) return verdict.Fail("an object offset out of range");
@@ -207,7 +212,7 @@ bool CheckXML(std::string_view text, Verdict& verdict) {
     if (closing) {
       if (!leaf && depth > 0) --depth;
     } else {
-      if (!verdict.CountObject()) return false;
+      if (!verdict.CountObject(depth)) return false;
       const bool empty = text[end - 1] == '/';
       if (!leaf && !empty) {
         if (!verdict.OpenLevel(depth)) return false;

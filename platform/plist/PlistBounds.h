@@ -18,10 +18,15 @@ namespace vx {
 // was made to hurt the reader.
 inline constexpr size_t kMaxPropertyListDepth = 256;
 inline constexpr size_t kMaxPropertyListObjects = 500'000;
+// Each object's depth summed over all objects: what the list weighs once written back as
+// indented text. Deep and wide at once (a subtree at level 250 referenced ten thousand times)
+// stays under both bounds above yet writes out as hundreds of megabytes of indentation.
+inline constexpr size_t kMaxPropertyListLevelsInAll = 4'000'000;
 
 // False, with the reason in `reason` ("nesting deeper than 256", "more than 500000
 // objects", ...), when the list nests too deep, holds too many objects (a binary list's
-// objects counted once per reference, as the parser expands them) or, in the binary
+// objects counted once per reference, as the parser expands them), nests many of them
+// deep, or, in the binary
 // encoding, references outside itself or in a cycle. True says nothing of whether the list
 // is otherwise well formed: the parser judges that.
 bool CheckPropertyListBounds(std::span<const uint8_t> bytes, std::string* reason,
