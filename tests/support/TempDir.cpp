@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -42,21 +44,23 @@ TempDir::~TempDir() {
 std::unique_ptr<TempDir> TempDirOnAnotherFileSystem(const std::string& here, std::string* why) {
   constexpr const char* kOther = "/dev/shm";
   struct stat other {}, ours {};
-  if (::stat(kOther, &other) != 0 || !S_ISDIR(other.st_mode) ||
-      ::access(kOther, W_OK | X_OK) != 0) {
-    *why = std::string(kOther) + " is not a writable directory here";
+  if (::stat(kOther, &other) != 0 || !S_ISDIR(other.st_mode)) {
+    *why = std::string(kOther) + " is not a directory here";
     return nullptr;
   }
   if (::stat(here.c_str(), &ours) != 0 || ours.st_dev == other.st_dev) {
     *why = std::string(kOther) + " is on the same file system as " + here;
     return nullptr;
   }
-  auto dir = std::make_unique<TempDir>(kOther);
-  if (dir->path().empty()) {
-    *why = std::string("cannot make a directory in ") + kOther;
+  // Only making a directory tells: root passes every access check, even on a file system
+  // mounted read-only.
+  std::string probe = std::string(kOther) + "/vxprobe.XXXXXX";
+  if (!::mkdtemp(probe.data())) {
+    *why = std::string("cannot make a directory in ") + kOther + ": " + std::strerror(errno);
     return nullptr;
   }
-  return dir;
+  ::rmdir(probe.c_str());
+  return std::make_unique<TempDir>(kOther);
 }
 
 void WriteFile(const std::string& path, const std::string& content) {
