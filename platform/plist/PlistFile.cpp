@@ -69,8 +69,15 @@ std::optional<PlistValue> FromNode(plist_t node, int depth) {
       PlistArray array;
       uint32_t n = plist_array_get_size(node);
       array.reserve(n);
+      // By iterator: a parsed array is a list, and reaching an item by index walks it from
+      // the start, which makes a wide array quadratic.
+      plist_array_iter it = nullptr;
+      plist_array_new_iter(node, &it);
+      std::unique_ptr<void, decltype(&free)> ownedIter(it, &free);
       for (uint32_t i = 0; i < n; ++i) {
-        auto item = FromNode(plist_array_get_item(node, i), depth + 1);
+        plist_t child = nullptr;
+        plist_array_next_item(node, it, &child);
+        auto item = FromNode(child, depth + 1);
         if (!item) return std::nullopt;
         array.push_back(std::move(*item));
       }
