@@ -108,7 +108,7 @@ int RunApps(const AppsOptions& options) {
   // ASCII only: controls, DEL and C1 come out as JSON escapes, and bytes that are not UTF-8
   // do not stop the listing.
   if (options.json) {
-    std::cout << list.dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace)
+    std::cout << JsonText(list)
               << std::endl;
   }
   return 0;

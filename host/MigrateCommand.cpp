@@ -16,6 +16,7 @@
 #include "host/Command.h"
 #include "host/ContainerReportOutput.h"
 #include "host/DeviceChecks.h"
+#include "host/DisplayText.h"
 #include "host/LogSetup.h"
 #include "host/MigrationReport.h"
 #include "host/PluginLoader.h"
@@ -152,7 +153,7 @@ int RunMigrate(const MigrateOptions& options) {
           << "Nothing to migrate: " << DeviceRoot() << " holds no device layout (no " << home
           << ")." << std::endl;
     }
-    if (options.json) std::cout << Report({}, true).dump(2) << std::endl;
+    if (options.json) std::cout << JsonText(Report({}, true)) << std::endl;
     return 0;
   }
 
@@ -205,7 +206,7 @@ int RunMigrate(const MigrateOptions& options) {
       out << "Migration incomplete: see the logs." << std::endl;
     }
   }
-  if (options.json) std::cout << Report(outcomes, complete).dump(2) << std::endl;
+  if (options.json) std::cout << JsonText(Report(outcomes, complete)) << std::endl;
   return complete ? 0 : kExitFailed;
 }
 

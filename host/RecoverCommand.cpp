@@ -18,6 +18,7 @@
 #include "filemanager/StoreDataItems.h"
 #include "filemanager/VXFileManager.h"
 #include "host/Command.h"
+#include "host/DisplayText.h"
 #include "host/LogSetup.h"
 #include "host/PluginLoader.h"
 #include "platform/files/Beneath.h"
@@ -65,7 +66,7 @@ int List(bool json) {
   if (json) {
     nlohmann::ordered_json list = nlohmann::ordered_json::array();
     for (const RecoveredEntry& entry : entries) list.push_back(Json(entry));
-    std::cout << list.dump(2) << std::endl;
+    std::cout << JsonText(list) << std::endl;
     return 0;
   }
   if (entries.empty()) {
@@ -73,10 +74,11 @@ int List(bool json) {
     return 0;
   }
   for (const RecoveredEntry& entry : entries) {
-    std::cout << entry.name << "  " << entry.record.course << "  "
-              << (entry.record.identifier.empty() ? "-" : entry.record.identifier) << "  "
-              << entry.time << "\n  from " << entry.record.originalPath << "\n  now  "
-              << entry.content.path() << "\n";
+    std::cout << EscapedText(entry.name) << "  " << EscapedText(entry.record.course) << "  "
+              << (entry.record.identifier.empty() ? "-" : EscapedText(entry.record.identifier))
+              << "  " << EscapedText(entry.time) << "\n  from "
+              << EscapedText(entry.record.originalPath) << "\n  now  "
+              << EscapedText(entry.content.path()) << "\n";
   }
   return 0;
 }
@@ -115,8 +117,8 @@ bool RecordStep(const RecoveredEntry& entry, const char* step) {
                             PlistFormat::XML, &error)) {
     return true;
   }
-  std::cerr << "vxmigrate recover: could not record the progress of " << entry.name << ": "
-            << std::strerror(error) << "\n";
+  std::cerr << "vxmigrate recover: could not record the progress of " << EscapedText(entry.name)
+            << ": " << std::strerror(error) << "\n";
   return false;
 }
 
@@ -242,8 +244,8 @@ bool StagePackage(int entryFd, const RecoveredEntry& entry, bool* holdsBundle) {
     }
   }
   if (!moved || sys::Fsync(payload.get()) != 0 || sys::Fsync(package.get()) != 0) {
-    std::cerr << "vxmigrate recover: could not move the bundle of " << entry.name << " into "
-              << packageURL.path() << "\n";
+    std::cerr << "vxmigrate recover: could not move the bundle of " << EscapedText(entry.name)
+              << " into " << packageURL.path() << "\n";
     return false;
   }
   *holdsBundle = !BundlesIn(payload.get()).empty();
@@ -303,8 +305,9 @@ bool MigrateAgain() {
 }
 
 int Refuse(const RecoveredEntry& entry) {
-  std::cerr << "vxmigrate recover: " << entry.name
-            << " holds no bundle to install; its content is in " << entry.content.path() << "\n";
+  std::cerr << "vxmigrate recover: " << EscapedText(entry.name)
+            << " holds no bundle to install; its content is in "
+            << EscapedText(entry.content.path()) << "\n";
   return kExitFailure;
 }
 
@@ -313,13 +316,15 @@ int Refuse(const RecoveredEntry& entry) {
 int ClearEntry(const RecoveredEntry& entry) {
   for (const std::string& item : entry.items) {
     if (ItemHoldsUserBytes(entry.content.URLByAppendingPathComponent(item, true), kMigrationFiles)) {
-      std::cout << "The entry still holds files; it stays in " << entry.content.path() << ".\n";
+      std::cout << "The entry still holds files; it stays in " << EscapedText(entry.content.path())
+                << ".\n";
       return 0;
     }
   }
   ErrorRef error;
   if (!RemoveRecoveredEntry(entry, &error)) {
-    std::cerr << "vxmigrate recover: could not clear " << entry.name << " from the area\n";
+    std::cerr << "vxmigrate recover: could not clear " << EscapedText(entry.name)
+              << " from the area\n";
     return kExitFailure;
   }
   return 0;
@@ -335,13 +340,14 @@ int Install(const RecoveredEntry& entry) {
   }
   const UniqueFd entryFd = OpenRecoveredEntry(entry);
   if (!entryFd) {
-    std::cerr << "vxmigrate recover: cannot open " << RecoveredEntryURL(entry).path() << ": "
-              << std::strerror(errno) << "\n";
+    std::cerr << "vxmigrate recover: cannot open " << EscapedText(RecoveredEntryURL(entry).path())
+              << ": " << std::strerror(errno) << "\n";
     return kExitFailure;
   }
   std::string step = StepOf(entry);
   if (step == kStepDone) {
-    std::cout << identifier << " was already recovered from " << entry.name << ".\n";
+    std::cout << EscapedText(identifier) << " was already recovered from "
+              << EscapedText(entry.name) << ".\n";
     return ClearEntry(entry);
   }
   DeviceWorkspace workspace(DeviceRoot());
@@ -362,21 +368,23 @@ int Install(const RecoveredEntry& entry) {
       const FileURL package =
           RecoveredEntryURL(entry).URLByAppendingPathComponent(kPackageName, true);
       if (!workspace.installApplication(package, options, &error)) {
-        std::cerr << "vxmigrate recover: installing " << identifier << " failed: "
-                  << (error ? Describe(*error) : std::string("no reason given")) << "\n";
+        std::cerr << "vxmigrate recover: installing " << EscapedText(identifier)
+                  << " failed: " << (error ? Describe(*error) : std::string("no reason given"))
+                  << "\n";
         return kExitFailure;
       }
     } else if (!InstalledForReal(workspace, identifier)) {
-      std::cerr << "vxmigrate recover: the bundle of " << identifier << " is neither in "
-                << entry.name << " nor installed\n";
+      std::cerr << "vxmigrate recover: the bundle of " << EscapedText(identifier)
+                << " is neither in " << EscapedText(entry.name) << " nor installed\n";
       return kExitFailure;
     }
     workspace.removeRetiredContainers();
-    std::cout << "Installed " << identifier << " from " << entry.name << ".\n";
+    std::cout << "Installed " << EscapedText(identifier) << " from " << EscapedText(entry.name)
+              << ".\n";
     if (!RecordStep(entry, kStepInstalled)) return kExitFailure;
   }
   if (MarkWaitingGroups(workspace, identifier)) {
-    std::cout << "Moving the group containers of " << identifier << ".\n";
+    std::cout << "Moving the group containers of " << EscapedText(identifier) << ".\n";
     if (!MigrateAgain()) {
       std::cerr << "vxmigrate recover: the migration of its group containers is incomplete; "
                    "run vxmigrate migrate again\n";
@@ -389,17 +397,17 @@ int Install(const RecoveredEntry& entry) {
 
 int Purge(const RecoveredEntry& entry, bool yes) {
   if (!yes) {
-    std::cerr << "vxmigrate recover: --purge deletes " << entry.content.path()
+    std::cerr << "vxmigrate recover: --purge deletes " << EscapedText(entry.content.path())
               << " for good; add --yes to do it\n";
     return kExitUsage;
   }
   ErrorRef error;
   if (!RemoveRecoveredEntry(entry, &error)) {
-    std::cerr << "vxmigrate recover: could not delete " << entry.name << ": "
+    std::cerr << "vxmigrate recover: could not delete " << EscapedText(entry.name) << ": "
               << (error ? Describe(*error) : std::string("no reason given")) << "\n";
     return kExitFailure;
   }
-  std::cout << "Deleted " << entry.name << ".\n";
+  std::cout << "Deleted " << EscapedText(entry.name) << ".\n";
   return 0;
 }
 
@@ -430,12 +438,13 @@ int RunRecover(const RecoverOptions& options) {
         return InstalledForReal(workspace, *options.entry);
       }()) {
     // A recovery that cleared its entry, asked for again.
-    std::cout << *options.entry << " is installed; nothing of it waits in the recovery area.\n";
+    std::cout << EscapedText(*options.entry)
+              << " is installed; nothing of it waits in the recovery area.\n";
     return 0;
   }
   if (!entry) {
-    std::cerr << "vxmigrate recover: nothing in the recovery area is named " << *options.entry
-              << " or belongs to it\n";
+    std::cerr << "vxmigrate recover: nothing in the recovery area is named "
+              << EscapedText(*options.entry) << " or belongs to it\n";
     return kExitFailure;
   }
   return options.purge ? Purge(*entry, options.yes) : Install(*entry);

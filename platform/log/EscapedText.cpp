@@ -46,6 +46,23 @@ size_t MultiByteLength(std::string_view text) {
   return length;
 }
 
+// Valid characters that still steer what a reader sees: the bidirectional controls reorder
+// the text around them, so "gpj.exe" can show as "exe.jpg" and a name can seem to end where
+// it does not. U+061C, U+200E and U+200F, U+202A to U+202E, U+2066 to U+2069.
+bool IsBidiControl(std::string_view text, size_t length) {
+  const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
+  if (length == 2) return byte(0) == 0xD8 && byte(1) == 0x9C;
+  if (length != 3 || byte(0) != 0xE2) return false;
+  if (byte(1) == 0x80) return byte(2) == 0x8E || byte(2) == 0x8F || (byte(2) >= 0xAA && byte(2) <= 0xAE);
+  return byte(1) == 0x81 && byte(2) >= 0xA6 && byte(2) <= 0xA9;
+}
+
+// The length of the character at the start of `text` that may be shown as it is, or 0.
+size_t ShownLength(std::string_view text) {
+  const size_t length = MultiByteLength(text);
+  return length && !IsBidiControl(text, length) ? length : 0;
+}
+
 }  // namespace
 
 bool ShownUnchanged(std::string_view text) {
@@ -53,7 +70,7 @@ bool ShownUnchanged(std::string_view text) {
     const auto c = static_cast<uint8_t>(text[i]);
     if (c >= 0x20 && c < 0x7F && c != '\\') {
       ++i;
-    } else if (const size_t length = c >= 0x80 ? MultiByteLength(text.substr(i)) : 0) {
+    } else if (const size_t length = c >= 0x80 ? ShownLength(text.substr(i)) : 0) {
       i += length;
     } else {
       return false;
@@ -77,7 +94,7 @@ std::string EscapedText(std::string_view text) {
       out += "\\r", ++i;
     } else if (c == '\t') {
       out += "\\t", ++i;
-    } else if (const size_t length = c >= 0x80 ? MultiByteLength(text.substr(i)) : 0) {
+    } else if (const size_t length = c >= 0x80 ? ShownLength(text.substr(i)) : 0) {
       out.append(text.substr(i, length));
       i += length;
     } else {

@@ -8,8 +8,8 @@
 
 namespace vx {
 
-// The text with each control character (C0, DEL and C1) and each byte that is not part of
-// valid UTF-8 written as "\x1b", a line feed, carriage return and tab as "\n", "\r" and "\t",
+// The text with each control character (C0, DEL, C1 and the bidirectional controls, byte by
+// byte) and each byte that is not part of valid UTF-8 written as "\x1b", a line feed, carriage return and tab as "\n", "\r" and "\t",
 // and a backslash as "\\", so that what is shown reads back to the bytes unambiguously.
 // Printable ASCII and valid UTF-8 pass unchanged.
 std::string EscapedText(std::string_view text);
