@@ -182,6 +182,7 @@ bool StillThere(const FileURL& item) {
 const char* CourseWithoutRecord(const IntrospectionOutcome& outcome, const FileURL& item) {
   switch (outcome.course) {
     case IntrospectionCourse::StrayFile:
+      if (outcome.keptAside) return kCourseStrayRecovered;
       return StillThere(item) ? kCourseFailedKept : kCourseStrayRemoved;
     case IntrospectionCourse::NoBundle:
       if (outcome.keptAside) return kCourseRecoveredNoBundle;

@@ -13,6 +13,7 @@
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
 #include "platform/files/Beneath.h"
+#include "platform/installer/RecoveryArea.h"
 #include "platform/log/MigrationLog.h"
 #include "platform/workspace/AppWorkspace.h"
 
@@ -108,6 +109,19 @@ bool VXAppMigrator::_stageAndInstallBundleAtURL(const FileURL& bundle,
                      "left to install.",
                      identifier, bundle.path());
     return true;
+  }
+
+  // Until the bundle has left its place, no "Staging" directory is ours but an empty one a
+  // cut-off attempt made: one that holds anything is the application's own, and would leave
+  // with the package's leftovers. It goes to the recovery area before the name is used. (A
+  // link or file there fails the step below, and the container goes whole.)
+  struct stat st {};
+  if (::fstatat(containerFd.get(), bundle.lastPathComponent().c_str(), &st, AT_SYMLINK_NOFOLLOW) ==
+          0 &&
+      ::fstatat(containerFd.get(), kStagingName, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+      S_ISDIR(st.st_mode) &&
+      !_setAsideItemAtURL(staging, identifier, kRecoveryCourseReservedName)) {
+    return false;
   }
 
   ErrorRef error;

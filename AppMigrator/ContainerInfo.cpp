@@ -13,4 +13,11 @@ const char* const kMigrationMarkerName = "com.tarsel.velotrix.container_migrator
 const char* const kStrayNoticeFileName = "WhereDidMyApplicationsGo.txt";
 const char* const kGroupLeftoverOwnerKey = "MigratingIdentifier";
 
+const std::set<std::string>& ContainerBookkeepingNames() {
+  static const std::set<std::string> names{kMigrationMarkerName,
+                                           "com.tarsel.velotrix.migration_marker",
+                                           "com.tarsel.velotrix.placeholder"};
+  return names;
+}
+
 }  // namespace vx

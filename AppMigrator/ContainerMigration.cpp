@@ -1,8 +1,10 @@
 // One old container, from its record to its removal. The order is what makes the migration
 // resumable and lossless: the marker first; the application made known (a placeholder if
 // need be) so that it has a data container; the data moved before the bundle is installed;
-// and the container removed only when nothing in it was missed, or when its data is safe
-// even though the bundle could not be installed.
+// and the container removed only when nothing in it was missed. What was missed (an item the
+// migration has no place for) goes to the recovery area with the container, for an old
+// placeholder bundle as for a real one, so that the container can leave the old root and the
+// device can finish.
 #include <sys/stat.h>
 
 #include "AppMigrator/ContainerFiles.h"
@@ -167,10 +169,20 @@ bool VXAppMigrator::_migrateContainerWithInfo(const ContainerInfo& info) {
       if (plugin != vpnPlugin) {
         success = false;
         course = kRecoveryCourseIdentifierTaken;
-      } else if (_containerHasMissedItems(container, identifier)) {
-        return false;
       }
     }
+  }
+  if (success &&
+      _containerHasMissedItems(container, identifier,
+                               bundleIsPlaceholder ? bundle.lastPathComponent() : std::string())) {
+    bool keptInRecovery = false;
+    if (!_setAsideItemAtURL(container, identifier, kRecoveryCourseLeftOver, &keptInRecovery)) {
+      return false;
+    }
+    if (ContainerReport* report = _currentReport(); report && keptInRecovery) {
+      report->course = kCourseMigratedLeftOversRecovered;
+    }
+    return true;
   }
 
   VX_MIGRATION_LOG(5, kOperation, "VXAppMigrator: Removing container for %@ at %@", identifier,

@@ -20,19 +20,6 @@ constexpr const char* kMoveOperation =
     "-[VXAppMigrator _migrateDataContainerForIdentifier:fromURL:toURL:]";
 constexpr const char* kCheckOperation = "-[VXAppMigrator _containerHasMissedItems:withIdentifier:]";
 
-// Bookkeeping files that may stay in an emptied container: removing the container removes
-// them with it.
-constexpr std::array<const char*, 3> kToleratedNames = {
-    "com.tarsel.velotrix.container_migrator.plist",
-    "com.tarsel.velotrix.migration_marker",
-    "com.tarsel.velotrix.placeholder",
-};
-
-bool IsTolerated(const std::string& name) {
-  return std::any_of(kToleratedNames.begin(), kToleratedNames.end(),
-                     [&](const char* tolerated) { return name == tolerated; });
-}
-
 }  // namespace
 
 // The moves are not synced one by one. The data container was made durable before anything
@@ -95,7 +82,8 @@ bool VXAppMigrator::_setAsideReservedItemsInContainer(const FileURL& container,
 }
 
 bool VXAppMigrator::_containerHasMissedItems(const FileURL& container,
-                                             const std::string& identifier) {
+                                             const std::string& identifier,
+                                             const std::string& placeholderBundle) {
   ErrorRef error;
   const auto entries =
       VXFileManager::defaultManager().urlsForItemsInDirectoryAtURL(container, false, &error);
@@ -108,7 +96,9 @@ bool VXAppMigrator::_containerHasMissedItems(const FileURL& container,
   }
   std::vector<FileURL> missed;
   for (const FileURL& entry : *entries) {
-    if (!IsTolerated(entry.lastPathComponent())) missed.push_back(entry);
+    const std::string name = entry.lastPathComponent();
+    if (!ContainerBookkeepingNames().count(name) && name != placeholderBundle)
+      missed.push_back(entry);
   }
   if (missed.empty()) return false;
   VX_MIGRATION_LOG(3, kCheckOperation, "VXAppMigrator: Found missed items in %@ for %@: %@",

@@ -76,7 +76,10 @@ std::optional<ContainerInfo> VXAppMigrator::_introspectContainer(const FileURL& 
       VX_MIGRATION_LOG(3, kOperation, "VXAppMigrator: Found regular file at %@ ; removing",
                        container.path());
       SetCourse(outcome, IntrospectionCourse::StrayFile);
-      if (!_readOnly) fileManager.removeItemAtURL(container, nullptr);
+      // Whatever it holds is someone's: it is removed only when empty, and otherwise kept in
+      // the recovery area.
+      _setAsideItemAtURL(container, std::string(), kRecoveryCourseStrayFile,
+                         outcome ? &outcome->keptAside : nullptr);
     } else if (error && error->isPOSIX(ENOENT)) {
       SetCourse(outcome, IntrospectionCourse::Vanished);
       VX_MIGRATION_LOG(

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -20,6 +21,8 @@
 #include "configuration/VXGlobalConfiguration.h"
 #include "filemanager/VXFileManager.h"
 #include "platform/files/Beneath.h"
+#include "platform/files/DirectoryNames.h"
+#include "platform/installer/RecoveryArea.h"
 #include "platform/system/DeviceRoot.h"
 #include "platform/workspace/AppWorkspace.h"
 #include "platform/workspace/WorkspacePackage.h"
@@ -74,7 +77,7 @@ std::optional<std::string> HostileStaging(int containerFd) {
 std::pair<const char*, const char*> CourseWithoutRecord(const IntrospectionOutcome& outcome) {
   switch (outcome.course) {
     case IntrospectionCourse::StrayFile:
-      return {kPlanStrayFile, kFateRemove};
+      return {kPlanStrayFile, outcome.keptAside ? kFateRecover : kFateRemove};
     case IntrospectionCourse::Vanished:
       return {kPlanVanished, kFateRemove};
     case IntrospectionCourse::NoBundle:
@@ -88,6 +91,37 @@ std::pair<const char*, const char*> CourseWithoutRecord(const IntrospectionOutco
       break;
   }
   return {kPlanUnreadable, kFateLeave};
+}
+
+// What the container would still hold with bytes in it once the run had moved its data,
+// staged its bundles and captured their store data: the items the run sets aside with it.
+// An old placeholder's container keeps its bundle (which the system made) and its store data.
+std::vector<std::string> LeftOvers(int containerFd, const std::string& container,
+                                   const std::set<std::string>& bundles, bool placeholder) {
+  const VXGlobalConfiguration& configuration = VXGlobalConfiguration::sharedInstance();
+  std::set<std::string> placed = ContainerBookkeepingNames();
+  for (const std::string& name : configuration.appUserDataItemNames()) placed.insert(name);
+  if (!placeholder) {
+    for (const std::string& name : configuration.appBundleMetadataItemNames()) placed.insert(name);
+  }
+  placed.insert(bundles.begin(), bundles.end());
+  // The run's own staging directory, unless the application made one while its bundle still
+  // lay in its place: that one goes to the recovery area before the name is used.
+  struct stat st {};
+  const bool bundleInPlace = std::any_of(bundles.begin(), bundles.end(), [&](const std::string& b) {
+    return ::fstatat(containerFd, b.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+  });
+  if (placeholder || !bundleInPlace) placed.insert(kStagingName);
+  std::vector<std::string> names, left;
+  if (!ReadDirectoryNames(containerFd, &names)) return left;
+  for (const std::string& name : names) {
+    if (placed.count(name)) continue;
+    const FileURL item =
+        FileURL::fileURLWithPath(container, true).URLByAppendingPathComponent(name);
+    if (ItemHoldsUserBytes(item, ContainerBookkeepingNames())) left.push_back(name);
+  }
+  std::sort(left.begin(), left.end());
+  return left;
 }
 
 }  // namespace
@@ -146,6 +180,12 @@ void VXAppMigrator::_planRecord(const ContainerInfo& info, PlannedEntry* entry) 
     return;
   }
   entry->fate = kFateMigrate;
+  std::set<std::string> bundles{bundle.lastPathComponent()};
+  if (const std::string* second = Text(info, kSecondBundlePathKey)) {
+    bundles.insert(FileURL::fileURLWithPath(*second, true).lastPathComponent());
+  }
+  entry->leftOvers =
+      LeftOvers(containerFd.get(), *containerPath, bundles, entry->oldBundleIsPlaceholder);
   if (entry->oldBundleIsPlaceholder) return;  // data only: nothing is installed
 
   // A bundle already staged or installed by a cut-off attempt has no list here.
@@ -265,7 +305,8 @@ MigrationPlan VXAppMigrator::planMigration() {
 
   for (PlannedEntry& entry : plan.entries) {
     entry.completes = entry.fate == kFateMigrate || entry.fate == kFateRemove ||
-                      (entry.fate == kFateRecover && entry.course == kPlanNoBundle);
+                      (entry.fate == kFateRecover &&
+                       (entry.course == kPlanNoBundle || entry.course == kPlanStrayFile));
   }
   for (const auto& [identifier, harbor] : _harborMap.value_or(PlistDictionary{})) {
     if (const std::string* path = harbor.stringForKey(kHarborPathKey)) {

@@ -13,14 +13,6 @@ namespace {
 
 constexpr const char* kOperation = "-[VXAppMigrator _setAsideItemAtURL:identifier:course:]";
 
-// Files of the migration's own making: they hold nothing of the user's.
-const std::set<std::string>& MigrationFiles() {
-  static const std::set<std::string> names{kMigrationMarkerName, kStrayNoticeFileName,
-                                           "com.tarsel.velotrix.migration_marker",
-                                           "com.tarsel.velotrix.placeholder"};
-  return names;
-}
-
 // Records name places as the device sees them, whatever directory holds its image now.
 std::string DevicePathOf(const FileURL& url) {
   const std::string& root = DeviceRoot();  // ends with "/"
@@ -36,7 +28,7 @@ bool VXAppMigrator::_setAsideItemAtURL(const FileURL& item, const std::string& i
   if (keptInRecovery) *keptInRecovery = false;
   const VXFileManager& fileManager = VXFileManager::defaultManager();
   if (fileManager.itemDoesNotExistAtURL(item)) return true;
-  const bool holdsUserBytes = ItemHoldsUserBytes(item, MigrationFiles());
+  const bool holdsUserBytes = ItemHoldsUserBytes(item, ContainerBookkeepingNames());
   if (_readOnly) {
     if (keptInRecovery) *keptInRecovery = holdsUserBytes;
     return true;

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,9 @@ extern const char* const kContainerTypeApp;        // "App"
 extern const char* const kContainerTypeVPNBundle;  // "VPNBundle"
 extern const char* const kMigrationMarkerName;  // "com.tarsel.velotrix.container_migrator.plist"
 extern const char* const kStrayNoticeFileName;  // "WhereDidMyApplicationsGo.txt"
+// The files of the migration's own making that a container may hold (its marker, an old
+// placeholder's markings): they hold nothing of the user's.
+const std::set<std::string>& ContainerBookkeepingNames();
 // In a group's entry of the install map: the application whose migration could not move all
 // of the group's items.
 extern const char* const kGroupLeftoverOwnerKey;  // "MigratingIdentifier"
@@ -59,7 +63,7 @@ enum class IntrospectionCourse {
 struct IntrospectionOutcome {
   IntrospectionCourse course = IntrospectionCourse::Record;
   bool fromMarker = false;  // the record is the marker's
-  bool keptAside = false;   // NoBundle: its content went to the recovery area
+  bool keptAside = false;   // NoBundle, StrayFile: its content went to the recovery area
 };
 
 class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public MigrationPlanner {
@@ -121,7 +125,10 @@ class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public Mi
   void _removePlaceholderWorkDirectory();
   bool _migrateDataContainerForIdentifier(const std::string& identifier, const FileURL& from,
                                           const FileURL& to);
-  bool _containerHasMissedItems(const FileURL& container, const std::string& identifier);
+  // `placeholderBundle`, when not empty, names an old placeholder bundle left in the container:
+  // the system made it, and it is no missed item.
+  bool _containerHasMissedItems(const FileURL& container, const std::string& identifier,
+                                const std::string& placeholderBundle = std::string());
   bool _migrateGroupContainersForIdentifier(const std::string& identifier);
   // Moves one old group container's items into `destination`; its map entry goes once it is
   // empty.

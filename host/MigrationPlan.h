@@ -54,6 +54,9 @@ struct PlannedEntry {
   std::vector<PlannedItem> data;
   std::vector<PlannedItem> groups;  // old group containers it would move
   std::vector<std::string> safeHarbors;
+  // Items the container would still hold once its data and bundle had moved, holding bytes:
+  // they go to the recovery area with the container.
+  std::vector<std::string> leftOvers;
   uint64_t bundleBytes = 0;
   std::string reason;  // the first failure the run would log for it, or why it would stop
   // Whether the run would be done with it: migrated, or removed (its content perhaps kept

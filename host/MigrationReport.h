@@ -19,6 +19,10 @@ inline constexpr const char* kCourseFailedBundleGivenUp = "failed-bundle-given-u
 inline constexpr const char* kCourseRemovedNoBundle = "removed-no-bundle";
 inline constexpr const char* kCourseRecoveredNoBundle = "recovered-no-bundle";
 inline constexpr const char* kCourseStrayRemoved = "stray-removed";
+inline constexpr const char* kCourseStrayRecovered = "stray-recovered";
+// Migrated, and what the container held beyond its data and bundle went to the recovery area
+// with the container.
+inline constexpr const char* kCourseMigratedLeftOversRecovered = "migrated-leftovers-recovered";
 inline constexpr const char* kCourseLeftHostile = "left-hostile";
 inline constexpr const char* kCourseLeftUnreadable = "left-unreadable";
 inline constexpr const char* kCourseVanished = "vanished";

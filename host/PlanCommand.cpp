@@ -132,6 +132,7 @@ nlohmann::ordered_json Json(const std::vector<PluginPlan>& plans, const DeviceCh
                          {"data", Items(e.data, false)},
                          {"groups", Items(e.groups, true)},
                          {"safeHarbors", e.safeHarbors},
+                         {"leftOvers", e.leftOvers},
                          {"bundleBytes", e.bundleBytes},
                          {"reason", e.reason}});
     }
@@ -202,6 +203,7 @@ void PrintPlan(const PluginPlan& p, std::ostream& out) {
     if (!e.safeHarbors.empty()) then += ", harbor";
     if (!e.refusal.empty()) then += " (a newer built-in copy stays)";
     if (e.oldBundleIsPlaceholder) then += "; data only";
+    if (!e.leftOvers.empty()) then += "; " + std::to_string(e.leftOvers.size()) + " left over";
     if (!e.completes) {
       then += " (!)";
       stopping.push_back(&e);

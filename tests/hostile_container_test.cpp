@@ -146,15 +146,19 @@ TEST_F(HostileContainerTest, StagingLinksFailTheStepAndNothingIsWrittenThroughTh
   const auto before = Tree(outside.path());
 
   // The data moves first; the failed staging then takes the course of a failed
-  // installation: the container goes, links and all, and nothing goes through them.
+  // installation: the container goes, links and all, and nothing goes through them. A
+  // "Staging" directory of the application's own is set aside before the name is used (this
+  // one, holding only a link, is removed) and the installation goes on.
   for (const ContainerInfo& record : {s1, s2}) {
     const std::string c = *record.at("ContainerPath").string();
-    EXPECT_FALSE(migrator->_migrateContainerWithInfo(record)) << c;
-    EXPECT_TRUE(log.contains("VXAppMigrator: Failed to create " + c + "/Staging/Payload : ", 3));
+    const bool own = c.ends_with("S2");
+    EXPECT_EQ(migrator->_migrateContainerWithInfo(record), own) << c;
+    EXPECT_EQ(log.contains("VXAppMigrator: Failed to create " + c + "/Staging/Payload : ", 3),
+              !own);
     EXPECT_TRUE(Exists(data(c.substr(c.rfind('/') + 1)) + "/Documents/notes"));
     EXPECT_FALSE(Exists(c));
   }
-  EXPECT_TRUE(workspace.installs.empty());
+  EXPECT_EQ(workspace.installs.size(), 1u);
   EXPECT_EQ(Tree(outside.path()), before);
 }
 

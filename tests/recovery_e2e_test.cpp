@@ -3,12 +3,15 @@
 // finds it, and deleting it takes a second word.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
-#include <set>
 #include <filesystem>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 
+#include "filemanager/VXFileManager.h"
 #include "host/sample/ManifestCheck.h"
 #include "host/sample/SampleDevice.h"
 #include "support/FaultSites.h"
@@ -102,6 +105,80 @@ TEST(RecoveryEndToEndTest, CorruptBundleAndTwoContainersOfOneApplicationLoseNoth
 // A sample device of `apps` applications whose application `name` fails its installation:
 // its container's "Staging" is a link to `outside`, a directory off the device. The
 // migration sends the container to the recovery area; the entry's directory is returned.
+// How many regular files below `dir` hold each content; the old root's notice is the system's.
+std::map<std::string, int> Contents(const std::string& dir) {
+  std::map<std::string, int> contents;
+  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+    if (entry.is_regular_file() && !entry.is_symlink() &&
+        entry.path().filename() != "WhereDidMyApplicationsGo.txt") {
+      ++contents[test::ReadFile(entry.path())];
+    }
+  }
+  return contents;
+}
+
+// What has no place in the current layout: items beside a placeholder bundle (its store data
+// among them), an item the migration does not know beside a real one, an application's own
+// "Staging", a file in the old root. The plan names each; the run finishes, and every file
+// the containers held is on the device afterwards, these in the recovery area.
+TEST(RecoveryEndToEndTest, WhatHasNoPlaceGoesToTheRecoveryAreaAndTheRunFinishes) {
+  test::TempDir t;
+  const std::string root = t / "device";
+  sample::SampleDeviceOptions options;
+  options.apps = 3;
+  options.dataBytes = 1024;
+  std::string problem;
+  ASSERT_TRUE(sample::WriteSampleDevice(root, options, &problem)) << problem;
+  const std::string apps = root + "/private/var/mobile/Applications";
+  std::vector<std::string> containers, bundles;
+  for (const auto& entry : fs::directory_iterator(apps)) {
+    if (!entry.is_directory()) continue;
+    for (const auto& item : fs::directory_iterator(entry.path())) {
+      if (item.path().extension() != ".app") continue;
+      containers.push_back(entry.path());
+      bundles.push_back(item.path());
+    }
+  }
+  ASSERT_GE(containers.size(), 3u);
+  ASSERT_TRUE(VXFileManager::defaultManager().markBundleAsPlaceholder(
+      FileURL::fileURLWithPath(bundles[0], true), nullptr));
+  const std::map<std::string, std::string> planted{
+      {containers[0] + "/Inbox/letter.eml", "a letter"},
+      {containers[0] + "/top.txt", "at the top"},
+      {containers[1] + "/Unknown/kept.bin", "unknown to the migration"},
+      {containers[2] + "/Staging/draft.txt", "the application's own staging"},
+      {apps + "/stray.txt", "a stray file"}};
+  for (const auto& [path, content] : planted) test::WriteFile(path, content);
+  const std::map<std::string, int> before = Contents(apps);
+
+  auto planned = Host({"plan", "--root", root, "--json"});
+  ASSERT_EQ(planned.exitStatus, 0) << planned.describe();
+  const auto plan = nlohmann::json::parse(planned.out);
+  std::map<std::string, nlohmann::json> entries;
+  for (const auto& entry : plan["plugins"][0]["entries"]) entries[entry["path"]] = entry;
+  using Names = std::vector<std::string>;
+  const Names left = entries[containers[0]]["leftOvers"];
+  EXPECT_TRUE(std::count(left.begin(), left.end(), "Inbox") &&
+              std::count(left.begin(), left.end(), "top.txt"))
+      << entries[containers[0]];
+  EXPECT_EQ(entries[containers[1]]["leftOvers"].get<Names>(), Names{"Unknown"});
+  EXPECT_EQ(entries[containers[2]]["leftOvers"].get<Names>(), Names{"Staging"});
+  EXPECT_EQ(entries[apps + "/stray.txt"]["fate"], "recover");
+
+  auto run = Host({"migrate", "--root", root, "--no-progress", "--quiet"});
+  EXPECT_EQ(run.exitStatus, 0) << run.describe();
+  EXPECT_TRUE(test::Exists(
+      root + "/private/var/mobile/Library/Velotrix/AppMigratorLastSystemVersion.plist"));
+  EXPECT_FALSE(test::Exists(apps));
+  const std::map<std::string, int> after = Contents(root);
+  for (const auto& [content, count] : before) {
+    EXPECT_GE(after.count(content) ? after.at(content) : 0, count) << "lost: " << content;
+  }
+  for (const auto& [path, content] : planted) {
+    EXPECT_EQ(FilesHolding(root + kArea, content).size(), 1u) << path;
+  }
+}
+
 std::string DeviceWithAFailedInstallation(const std::string& root, int apps, const std::string& name,
                                           const std::string& outside) {
   sample::SampleDeviceOptions options;

@@ -29,6 +29,8 @@ const char* const kRecoveryCourseGaveWay = "GaveWay";
 const char* const kRecoveryCourseReservedName = "ReservedName";
 const char* const kRecoveryCourseCrashedTwice = "CrashedTwice";
 const char* const kRecoveryCourseIdentifierTaken = "IdentifierTaken";
+const char* const kRecoveryCourseLeftOver = "LeftOver";
+const char* const kRecoveryCourseStrayFile = "StrayFile";
 
 namespace {
 

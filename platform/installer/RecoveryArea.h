@@ -31,6 +31,11 @@ extern const char* const kRecoveryCourseReservedName;  // "ReservedName"
 extern const char* const kRecoveryCourseCrashedTwice;  // "CrashedTwice"
 // A bundle whose identifier another container's bundle or a built-in application holds.
 extern const char* const kRecoveryCourseIdentifierTaken;  // "IdentifierTaken"
+// What a container still held once its data and bundle had moved (an item the migration knows
+// no place for), kept with the container so that the container can leave the old root.
+extern const char* const kRecoveryCourseLeftOver;  // "LeftOver"
+// A regular file directly in the old container root, where only containers belong.
+extern const char* const kRecoveryCourseStrayFile;  // "StrayFile"
 
 struct RecoveryRecord {
   std::string identifier;    // the application's identifier, empty when none could be read
