@@ -134,6 +134,57 @@ TEST(PlanEndToEndTest, WorkspaceOnAnotherFileSystemTurnsMovesIntoCopies) {
   EXPECT_TRUE(plan["device"]["userExtendedAttributes"]);
 }
 
+// The same copy into a file system too small for it (a tmpfs of a few blocks, mounted in a
+// mount namespace of the plan's own): the plan says it would not fit.
+TEST(PlanEndToEndTest, CopyThatCannotFitIsNoPlanThatCompletes) {
+  TempDir t;
+  const std::string root = t / "device";
+  ASSERT_EQ(Host({"sample-device", root, "--apps", "6"}, t.path()).exitStatus, 0);
+  const std::string containers = root + "/private/var/mobile/Containers";
+  std::filesystem::rename(containers, t / "saved");
+  MakeDirs(t / "small");
+  MakeSymlink(t / "small", containers);
+  RunOptions options;
+  options.environment["TMPDIR"] = t.path();
+  const std::string script = "mount -t tmpfs -o size=64k,nr_inodes=64 tmpfs '" + (t / "small") +
+                             "' && cp -a '" + (t / "saved") + "/.' '" + (t / "small") +
+                             "/' && exec '" + std::string(VX_BIN_DIR) + "/vxmigrate' plan --root '" + root + "' --json";
+  auto planned = RunProgram("/usr/bin/unshare", {"--mount", "--map-root-user", "sh", "-c", script},
+                            options);
+  if (planned.exitStatus == 0 || planned.out.empty()) {
+    GTEST_SKIP() << "no mount namespace with a small file system here: " << planned.describe();
+  }
+  ASSERT_EQ(planned.exitStatus, 1) << planned.describe();
+  const json plan = json::parse(planned.out);
+  EXPECT_FALSE(plan["complete"]);
+  EXPECT_FALSE(plan["device"]["sameFileSystem"]);
+  EXPECT_NE(plan["device"]["problems"].dump().find("would be copied, but only"), std::string::npos)
+      << plan["device"];
+}
+
+// One entry that stops the run stops the device, wherever the old root lists it: two devices
+// of the same names, each with the other entry stopping, so that in one of them the stopping
+// entry is not the last one listed.
+TEST(PlanEndToEndTest, AnyEntryThatStopsMakesTheDeviceIncomplete) {
+  TempDir t;
+  for (const char* stopping : {"A", "B"}) {
+    const std::string root = t / (std::string(stopping) + "/device");
+    ASSERT_EQ(Host({"sample-device", root, "--apps", "0"}, t.path()).exitStatus, 0);
+    const std::string old = root + "/" + kOldRoot;
+    for (const char* name : {"A", "B"}) {
+      MakeDirs(old + "/" + name + "/Documents");
+      if (std::string(name) == stopping) {
+        MakeSymlink("/etc", old + "/" + name + "/Linked.app");
+      } else {
+        WriteFile(old + "/" + name + "/Documents/kept", "the user's");
+      }
+    }
+    auto planned = Host({"plan", "--root", root, "--json"}, t.path());
+    EXPECT_EQ(planned.exitStatus, 1) << stopping << ": " << planned.describe();
+    EXPECT_FALSE(json::parse(planned.out)["complete"]) << stopping;
+  }
+}
+
 void WriteBundle(const std::string& bundle, const std::string& identifier) {
   WriteFile(bundle + "/Info.plist",
             "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>KBBundleIdentifier</key>"
