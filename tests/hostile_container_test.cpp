@@ -24,6 +24,7 @@
 #include "platform/workspace/Workspace.h"
 #include "support/MigratorTestKit.h"
 #include "support/RunProgram.h"
+#include "support/SmallDevice.h"
 
 namespace vx {
 namespace {
@@ -275,11 +276,7 @@ TEST_F(HostileContainerTest, OrdinaryUserMigratesItsDeviceAfterRootHasRun) {
 TEST(HostileDeviceTest, ImageCutOffUnderOneRootResumesUnderAnother) {
   const std::string host = std::string(VX_BIN_DIR) + "/vxmigrate";
   TempDir t;
-  sample::SampleDeviceOptions options;
-  options.apps = 1;
-  options.dataBytes = 4096;
-  std::string problem;
-  ASSERT_TRUE(sample::WriteSampleDevice(t / "pristine", options, &problem)) << problem;
+  ASSERT_TRUE(test::WriteSmallDevice(t / "pristine", 1, 4096));
   const auto migrate = [&](const std::string& root, RunOptions run) {
     run.environment["TMPDIR"] = t.path();
     return RunProgram(host, {"migrate", "--root", root, "--no-progress", "--quiet"}, run);
@@ -333,11 +330,7 @@ TEST(HostileDeviceTest, PlantedWorkspaceRecordsNeverTravelNorAbortACommand) {
   const std::string host = std::string(VX_BIN_DIR) + "/vxmigrate";
   TempDir t;
   const std::string root = t / "device";
-  sample::SampleDeviceOptions options;
-  options.apps = 6;
-  options.dataBytes = 1024;
-  std::string problem;
-  ASSERT_TRUE(sample::WriteSampleDevice(root, options, &problem)) << problem;
+  ASSERT_TRUE(test::WriteSmallDevice(root, 6, 1024));
   const std::string forged =
       "<plist><dict><key>Identifier</key><string>group.forged</string>"
       "<key>ContainerClass</key><string>Group</string></dict></plist>";
@@ -413,15 +406,6 @@ std::string Text(const PlistDictionary& record, const char* key) {
   return it != record.end() && it->second.string() ? *it->second.string() : std::string();
 }
 
-::testing::AssertionResult WriteSmallSampleDevice(const std::string& root) {
-  sample::SampleDeviceOptions options;
-  options.apps = 3;
-  options.dataBytes = 4096;
-  std::string problem;
-  if (sample::WriteSampleDevice(root, options, &problem)) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << problem;
-}
-
 RunResult Migrate(const std::string& root, const TempDir& t, RunOptions run = {}) {
   run.environment["TMPDIR"] = t.path();
   return RunProgram(std::string(VX_BIN_DIR) + "/vxmigrate",
@@ -435,7 +419,7 @@ TEST(HostileDeviceTest, NoOldContainerTakesAnIdentifierAnotherHolds) {
   TempDir t;
   const std::string root = t / "device";
   // A plain application, one with a VPN plug-in, an older copy of a built-in one.
-  ASSERT_TRUE(WriteSmallSampleDevice(root));
+  ASSERT_TRUE(test::WriteSmallDevice(root, 3, 4096));
   const std::string oldRoot = root + "/private/var/mobile/Applications";
   std::string victim, builtIn;
   for (const auto& e : fs::directory_iterator(oldRoot)) {
@@ -503,7 +487,7 @@ TEST(HostileDeviceTest, NoOldContainerTakesAnIdentifierAnotherHolds) {
 TEST(HostileDeviceTest, ContainerTwoRunsDiedAtIsSetAsideAndTheRestMigrates) {
   TempDir t;
   const std::string root = t / "device";
-  ASSERT_TRUE(WriteSmallSampleDevice(root));
+  ASSERT_TRUE(test::WriteSmallDevice(root, 3, 4096));
   const std::string oldRoot = root + "/private/var/mobile/Applications";
   std::string chosen;
   for (const auto& e : fs::directory_iterator(oldRoot)) {

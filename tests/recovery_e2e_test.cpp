@@ -16,6 +16,7 @@
 #include "host/sample/SampleDevice.h"
 #include "support/FaultSites.h"
 #include "support/RunProgram.h"
+#include "support/SmallDevice.h"
 #include "support/TempDir.h"
 #include "support/TestDevice.h"
 #include "support/TreeDigest.h"
@@ -47,11 +48,7 @@ std::vector<std::string> FilesHolding(const std::string& dir, const std::string&
 TEST(RecoveryEndToEndTest, CorruptBundleAndTwoContainersOfOneApplicationLoseNothing) {
   test::TempDir t;
   const std::string root = t / "device";
-  sample::SampleDeviceOptions options;
-  options.apps = 1;
-  options.dataBytes = 4096;
-  std::string problem;
-  ASSERT_TRUE(sample::WriteSampleDevice(root, options, &problem)) << problem;
+  ASSERT_TRUE(test::WriteSmallDevice(root, 1, 4096));
   const std::string oldRoot = root + "/private/var/mobile/Applications";
   std::string first;
   for (const auto& entry : fs::directory_iterator(oldRoot)) {
@@ -124,11 +121,7 @@ std::map<std::string, int> Contents(const std::string& dir) {
 TEST(RecoveryEndToEndTest, WhatHasNoPlaceGoesToTheRecoveryAreaAndTheRunFinishes) {
   test::TempDir t;
   const std::string root = t / "device";
-  sample::SampleDeviceOptions options;
-  options.apps = 3;
-  options.dataBytes = 1024;
-  std::string problem;
-  ASSERT_TRUE(sample::WriteSampleDevice(root, options, &problem)) << problem;
+  ASSERT_TRUE(test::WriteSmallDevice(root, 3, 1024));
   const std::string apps = root + "/private/var/mobile/Applications";
   std::vector<std::string> containers, bundles;
   for (const auto& entry : fs::directory_iterator(apps)) {
@@ -181,11 +174,7 @@ TEST(RecoveryEndToEndTest, WhatHasNoPlaceGoesToTheRecoveryAreaAndTheRunFinishes)
 
 std::string DeviceWithAFailedInstallation(const std::string& root, int apps, const std::string& name,
                                           const std::string& outside) {
-  sample::SampleDeviceOptions options;
-  options.apps = apps;
-  options.dataBytes = 1024;
-  std::string problem;
-  EXPECT_TRUE(sample::WriteSampleDevice(root, options, &problem)) << problem;
+  EXPECT_TRUE(test::WriteSmallDevice(root, apps, 1024));
   test::WriteFile(outside + "/theirs", "not the device's");
   for (const auto& entry : fs::directory_iterator(root + "/private/var/mobile/Applications")) {
     if (test::Exists(entry.path() / (name + ".app"))) {
