@@ -30,6 +30,7 @@
 #include "platform/system/DeviceRoot.h"
 #include "platform/workspace/AppWorkspace.h"
 #include "platform/workspace/Workspace.h"
+#include "platform/workspace/WorkspaceLayout.h"
 
 namespace vx::host {
 namespace {
@@ -330,6 +331,53 @@ int ClearEntry(const RecoveredEntry& entry) {
   return 0;
 }
 
+// A container two runs in a row died at goes back into the old root under its own name, and
+// the migration runs again: asked for by a person, it gets another two tries (its count of
+// deaths ended when it was set aside). A second power cut while one container migrates is
+// enough to send it here, so this is how such an application is brought home.
+int Retry(const RecoveredEntry& entry) {
+  if (entry.items.size() != 1) return Refuse(entry);
+  const std::string& name = entry.items.front();
+  const FileURL oldRoot = VXGlobalConfiguration::sharedInstance().oldContainerPath();
+  ErrorRef error;
+  if (!MakeDurableDirectory(oldRoot, 0755, &error)) {
+    std::cerr << "vxmigrate recover: cannot make " << EscapedText(oldRoot.path()) << ": "
+              << (error ? Describe(*error) : std::string("no reason given")) << "\n";
+    return kExitFailure;
+  }
+  const UniqueFd entryFd = OpenRecoveredEntry(entry);
+  const UniqueFd content =
+      entryFd ? OpenBeneath(entryFd.get(), "Content", O_RDONLY | O_DIRECTORY) : UniqueFd();
+  const UniqueFd root = OpenDirectoryNoFollow(oldRoot.fileSystemRepresentation());
+  struct stat st {};
+  int failure = 0;
+  if (!content || !root) {
+    failure = errno;
+  } else if (::fstatat(root.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+    failure = EEXIST;
+  } else if (sys::Renameat(content.get(), name.c_str(), root.get(), name.c_str()) != 0 ||
+             sys::Fsync(root.get()) != 0 || sys::Fsync(content.get()) != 0) {
+    failure = errno;
+  }
+  if (failure) {
+    std::cerr << "vxmigrate recover: cannot put " << EscapedText(name) << " back into "
+              << EscapedText(oldRoot.path()) << ": " << std::strerror(failure) << "\n";
+    return kExitFailure;
+  }
+  std::cout << "Put " << EscapedText(name) << " back into " << EscapedText(oldRoot.path())
+            << "; migrating it again.\n";
+  if (!MigrateAgain()) {
+    std::cerr << "vxmigrate recover: the migration did not complete; see the logs\n";
+    return kExitFailure;
+  }
+  if (!RemoveRecoveredEntry(entry, &error)) {
+    std::cerr << "vxmigrate recover: could not clear " << EscapedText(entry.name)
+              << " from the area\n";
+    return kExitFailure;
+  }
+  return 0;
+}
+
 // Installs the entry's bundle, then moves the groups that waited for it, then clears the
 // entry, each stage recorded before it starts. Nothing is read or moved before the course and
 // the identifier are known good.
@@ -447,7 +495,8 @@ int RunRecover(const RecoverOptions& options) {
               << EscapedText(*options.entry) << " or belongs to it\n";
     return kExitFailure;
   }
-  return options.purge ? Purge(*entry, options.yes) : Install(*entry);
+  if (options.purge) return Purge(*entry, options.yes);
+  return entry->record.course == kRecoveryCourseCrashedTwice ? Retry(*entry) : Install(*entry);
 }
 
 const CommandRegistration kRecover(35, [](CLI::App& app, int* exitStatus) {

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <utility>
 #include <vector>
 
@@ -123,6 +124,8 @@ struct Sweep {
   int stride = 1;
   int first = 1;
   bool callSites = false;
+  // The resumed run is cut too, at a mutation of its own, before the clean run.
+  bool secondCut = false;
 };
 
 // The mutation numbers at which a clean run of the device first reaches each call site.
@@ -172,6 +175,7 @@ void CutOffAtEveryStep(Cut how, int apps = 1, Sweep sweep = {}) {
     return n;
   };
   int placeholderOutcomes = 0;
+  int putBack = 0;
   for (int n = nextCut(0); n != 0; n = nextCut(n)) {
     const std::string root = t / ("run-" + std::to_string(n));
     std::filesystem::copy(pristine, root, std::filesystem::copy_options::recursive |
@@ -182,15 +186,28 @@ void CutOffAtEveryStep(Cut how, int apps = 1, Sweep sweep = {}) {
     faulty.environment["VX_FAULT_ERRNO"] = "EIO";
     auto cut = Migrate(root, faulty);
     const bool faultHit = cut.err.find("vx fault seam:") != std::string::npos;
+    // A device whose run is recorded as done is not migrated again: it must be whole now.
+    const auto expectCutOff = [&](const test::RunResult& run, const std::string& at) {
+      ASSERT_EQ(run.signal, SIGKILL) << at << "\n" << run.describe();
+      if (test::Exists(root + kVersionRecord)) {
+        const sample::ManifestReport done = sample::CheckMigratedDevice(root);
+        ASSERT_TRUE(done.ok()) << "recorded done before a cut at " << at << ": " << Describe(done);
+      }
+    };
     if (!faultHit) {
       ASSERT_EQ(cut.exitStatus, 0) << "n=" << n << "\n" << cut.describe();
       completedAt = n;
     } else if (crash) {
-      ASSERT_EQ(cut.signal, SIGKILL) << "n=" << n << "\n" << cut.describe();
-      // A device whose run is recorded as done is not migrated again: it must be whole now.
-      if (test::Exists(root + kVersionRecord)) {
-        const sample::ManifestReport done = sample::CheckMigratedDevice(root);
-        ASSERT_TRUE(done.ok()) << "recorded done before a cut at n=" << n << ": " << Describe(done);
+      ASSERT_NO_FATAL_FAILURE(expectCutOff(cut, "n=" + std::to_string(n)));
+      if (sweep.secondCut) {
+        // Somewhere early in the resumed run, which has less left to do.
+        const int m = 1 + (n > 0 ? n : 1) * 7919 % 97;
+        faulty.environment["VX_FAULT_AT"] = std::to_string(m);
+        auto again = Migrate(root, faulty);
+        if (again.err.find("vx fault seam:") != std::string::npos) {
+          ASSERT_NO_FATAL_FAILURE(
+              expectCutOff(again, "n=" + std::to_string(n) + ", then m=" + std::to_string(m)));
+        }
       }
     } else {
       // A failure either ends the run with status 1 and a logged reason, or is one the run
@@ -211,6 +228,18 @@ void CutOffAtEveryStep(Cut how, int apps = 1, Sweep sweep = {}) {
     // and then the run after it finds nothing left.
     auto clean = Migrate(root);
     if (!crash && clean.exitStatus == 1) clean = Migrate(root);
+    // Two cuts while one container migrates set it aside as one that kills runs; the command
+    // that puts it back brings it home.
+    if (sweep.secondCut && clean.exitStatus == 1 &&
+        clean.err.find("Two runs in a row died") != std::string::npos) {
+      auto listed = Host({"recover", "--root", root, "--json"});
+      for (const auto& entry : nlohmann::json::parse(listed.out)) {
+        if (entry["course"] != "CrashedTwice") continue;
+        clean = Host({"recover", "--root", root, entry["name"]});
+        ASSERT_EQ(clean.exitStatus, 0) << "n=" << n << "\n" << clean.describe();
+        ++putBack;
+      }
+    }
     ASSERT_EQ(clean.exitStatus, 0) << "after a cut at n=" << n << "\n" << clean.describe();
     ASSERT_FALSE(test::Exists(root + "/private/var/mobile/Applications")) << "n=" << n;
     sample::ManifestReport report = sample::CheckMigratedDevice(root);
@@ -236,6 +265,9 @@ void CutOffAtEveryStep(Cut how, int apps = 1, Sweep sweep = {}) {
   }
   ::testing::Test::RecordProperty("mutations", completedAt - 1);
   ::testing::Test::RecordProperty("placeholderOutcomes", placeholderOutcomes);
+  if (sweep.secondCut) {
+    EXPECT_GT(putBack, 0) << "no second cut set a container aside";
+  }
   if (sweep.callSites) {
     EXPECT_GT(sites.size(), 10u) << "the run mutates from more than a handful of places";
   } else {
@@ -276,6 +308,12 @@ TEST(SampleDevicePowerCutTest, EveryByteSurvivesAPowerCutAtAnyMutation) {
 
 TEST(SampleDevicePowerCutTest, EveryByteSurvivesAPartlyWrittenDirectoryAtAnyMutation) {
   CutOffAtEveryStep(Cut::PartialPowerCut, 7, PowerSweep());
+}
+
+TEST(SampleDevicePowerCutTest, EveryByteSurvivesASecondCutInTheResumedRun) {
+  Sweep sweep = PowerSweep();
+  sweep.secondCut = true;
+  CutOffAtEveryStep(Cut::PowerCut, 7, sweep);
 }
 
 }  // namespace

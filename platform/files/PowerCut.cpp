@@ -121,7 +121,11 @@ void Track(Journal& j, int fd, off_t synced) {
   struct stat st {};
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return;
   if (j.files.count(KeyOf(st))) return;
-  int kept = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  // A descriptor of its own, not a duplicate: a duplicate shares the open file and with it
+  // any lock taken on it, which would then outlive its holder's close and block the
+  // process's next lock of the same file for ever.
+  const std::string self = "/proc/self/fd/" + std::to_string(fd);
+  const int kept = ::open(self.c_str(), O_PATH | O_CLOEXEC);
   if (kept >= 0) j.files.emplace(KeyOf(st), TrackedFile{kept, synced});
 }
 
