@@ -151,7 +151,7 @@ TEST(PlanEndToEndTest, CopyThatCannotFitIsNoPlanThatCompletes) {
                              "/' && exec '" + std::string(VX_BIN_DIR) + "/vxmigrate' plan --root '" + root + "' --json";
   auto planned = RunProgram("/usr/bin/unshare", {"--mount", "--map-root-user", "sh", "-c", script},
                             options);
-  if (planned.exitStatus == 0 || planned.out.empty()) {
+  if (planned.out.empty()) {
     GTEST_SKIP() << "no mount namespace with a small file system here: " << planned.describe();
   }
   ASSERT_EQ(planned.exitStatus, 1) << planned.describe();

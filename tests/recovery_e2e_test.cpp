@@ -102,18 +102,6 @@ TEST(RecoveryEndToEndTest, CorruptBundleAndTwoContainersOfOneApplicationLoseNoth
 // A sample device of `apps` applications whose application `name` fails its installation:
 // its container's "Staging" is a link to `outside`, a directory off the device. The
 // migration sends the container to the recovery area; the entry's directory is returned.
-// How many regular files below `dir` hold each content; the old root's notice is the system's.
-std::map<std::string, int> Contents(const std::string& dir) {
-  std::map<std::string, int> contents;
-  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
-    if (entry.is_regular_file() && !entry.is_symlink() &&
-        entry.path().filename() != "WhereDidMyApplicationsGo.txt") {
-      ++contents[test::ReadFile(entry.path())];
-    }
-  }
-  return contents;
-}
-
 // What has no place in the current layout: items beside a placeholder bundle (its store data
 // among them), an item the migration does not know beside a real one, an application's own
 // "Staging", a file in the old root. The plan names each; the run finishes, and every file
@@ -142,7 +130,7 @@ TEST(RecoveryEndToEndTest, WhatHasNoPlaceGoesToTheRecoveryAreaAndTheRunFinishes)
       {containers[2] + "/Staging/draft.txt", "the application's own staging"},
       {apps + "/stray.txt", "a stray file"}};
   for (const auto& [path, content] : planted) test::WriteFile(path, content);
-  const std::map<std::string, int> before = Contents(apps);
+  const test::FileContents before = test::ContentsOfFiles(apps);
 
   auto planned = Host({"plan", "--root", root, "--json"});
   ASSERT_EQ(planned.exitStatus, 0) << planned.describe();
@@ -163,10 +151,7 @@ TEST(RecoveryEndToEndTest, WhatHasNoPlaceGoesToTheRecoveryAreaAndTheRunFinishes)
   EXPECT_TRUE(test::Exists(
       root + "/private/var/mobile/Library/Velotrix/AppMigratorLastSystemVersion.plist"));
   EXPECT_FALSE(test::Exists(apps));
-  const std::map<std::string, int> after = Contents(root);
-  for (const auto& [content, count] : before) {
-    EXPECT_GE(after.count(content) ? after.at(content) : 0, count) << "lost: " << content;
-  }
+  EXPECT_EQ(test::FirstLostContent(before, test::ContentsOfFiles(root)), "");
   for (const auto& [path, content] : planted) {
     EXPECT_EQ(FilesHolding(root + kArea, content).size(), 1u) << path;
   }

@@ -14,6 +14,7 @@
 #include "support/FaultSites.h"
 #include "support/RunProgram.h"
 #include "support/TempDir.h"
+#include "support/TreeDigest.h"
 
 namespace vx {
 namespace {
@@ -155,6 +156,10 @@ void CutOffAtEveryStep(Cut how, int apps = 1, Sweep sweep = {}) {
   options.dataBytes = 4096;
   std::string problem;
   ASSERT_TRUE(sample::WriteSampleDevice(pristine, options, &problem)) << problem;
+  // Every file of the old containers, wherever the runs put it: its new place, or the
+  // recovery area.
+  const test::FileContents kept =
+      test::ContentsOfFiles(pristine + "/private/var/mobile/Applications");
 
   const std::vector<int> sites =
       sweep.callSites ? FirstCallAtEverySite(pristine, t.path()) : std::vector<int>{};
@@ -260,6 +265,7 @@ void CutOffAtEveryStep(Cut how, int apps = 1, Sweep sweep = {}) {
       ASSERT_TRUE(report.ok() && report.placeholdersOnly.empty())
           << "after recovery at n=" << n << ": " << Describe(report);
     }
+    ASSERT_EQ(test::FirstLostContent(kept, test::ContentsOfFiles(root)), "") << "n=" << n;
     std::filesystem::remove_all(root);
     std::filesystem::remove_all(root + "-tmp");
   }

@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -65,6 +67,40 @@ std::string TreeDigest(const std::string& root) {
   std::string out;
   for (const std::string& line : lines) out += line + "\n";
   return out;
+}
+
+FileContents ContentsOfFiles(const std::string& dir) {
+  FileContents contents;
+  std::error_code ec;
+  for (auto it = std::filesystem::recursive_directory_iterator(dir, ec);
+       !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+    const std::filesystem::path& path = it->path();
+    const std::string extension = path.extension().string();
+    if (it->is_directory(ec) && !it->is_symlink(ec) &&
+        (extension == ".app" || extension == ".vpnplugin")) {
+      it.disable_recursion_pending();
+      continue;
+    }
+    if (it->is_symlink(ec) || !it->is_regular_file(ec)) continue;
+    static const std::set<std::string> kNotTheUsers{
+        "WhereDidMyApplicationsGo.txt", "Manifest.plist", "LyrandMetadata.plist", "LyrandArtwork"};
+    if (kNotTheUsers.count(path.filename().string())) continue;
+    std::ifstream in(it->path(), std::ios::binary);
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    ++contents[bytes.str()];
+  }
+  return contents;
+}
+
+std::string FirstLostContent(const FileContents& before, const FileContents& after) {
+  for (const auto& [content, count] : before) {
+    const auto found = after.find(content);
+    if (found == after.end() || found->second < count) {
+      return content.substr(0, 80) + (content.size() > 80 ? "..." : "");
+    }
+  }
+  return "";
 }
 
 }  // namespace vx::test
