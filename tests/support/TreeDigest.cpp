@@ -85,7 +85,7 @@ FileContents ContentsOfFiles(const std::string& dir) {
     static const std::set<std::string> kNotTheUsers{
         "WhereDidMyApplicationsGo.txt", "Manifest.plist", "LyrandMetadata.plist", "LyrandArtwork"};
     if (kNotTheUsers.count(path.filename().string())) continue;
-    std::ifstream in(it->path(), std::ios::binary);
+    std::ifstream in(it->path(), std::ifstream::binary);
     std::ostringstream bytes;
     bytes << in.rdbuf();
     ++contents[bytes.str()];
