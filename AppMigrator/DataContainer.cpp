@@ -31,10 +31,12 @@ bool VXAppMigrator::_migrateDataContainerForIdentifier(const std::string& identi
                                                        const FileURL& from, const FileURL& to) {
   const VXFileManager& fileManager = VXFileManager::defaultManager();
   if (!_setAsideReservedItemsInContainer(from, identifier)) return false;
-  // Items are counted before they move, for the run's report only.
+  // Items are counted before they move, for the run's report only, and only when the host
+  // asked: the count walks every file of the item, where the move is one rename.
   ContainerReport* report = _currentReport();
-  const UniqueFd counted =
-      report ? OpenDirectoryNoFollow(from.fileSystemRepresentation()) : UniqueFd();
+  const UniqueFd counted = report && _countDataItems
+                               ? OpenDirectoryNoFollow(from.fileSystemRepresentation())
+                               : UniqueFd();
   for (const std::string& name : VXGlobalConfiguration::sharedInstance().appUserDataItemNames()) {
     const FileURL source = from.URLByAppendingPathComponent(name);
     const FileURL destination = to.URLByAppendingPathComponent(name);

@@ -84,6 +84,7 @@ class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public Mi
 
   // --- Extensions the host may find -----------------------------------------------------
   std::vector<ContainerReport> containerReports() const override;
+  void countDataItems(bool count) override { _countDataItems = count; }
   MigrationPlan planMigration() override;
 
   // --- Container introspection --------------------------------------------------------
@@ -186,6 +187,7 @@ class VXAppMigrator : public MigratorPlugin, public MigrationReporter, public Mi
 
   // Set for a plan: nothing on the device is changed.
   bool _readOnly = false;
+  bool _countDataItems = false;
   struct PrivateDirectory {
     FileURL url;
     dev_t device = 0;

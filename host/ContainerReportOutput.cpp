@@ -40,6 +40,7 @@ void PrintContainerReportTable(const std::string& dataClassName,
   if (reports.empty()) return;
   struct Sum {
     size_t items = 0;
+    uint64_t dataItems = 0;
     uint64_t files = 0;
     uint64_t bytes = 0;
   };
@@ -47,6 +48,7 @@ void PrintContainerReportTable(const std::string& dataClassName,
   for (const ContainerReport& r : reports) {
     Sum& sum = byCourse[r.course];
     ++sum.items;
+    sum.dataItems += r.dataItems;
     sum.files += r.dataFiles;
     sum.bytes += r.dataBytes;
   }
@@ -55,7 +57,9 @@ void PrintContainerReportTable(const std::string& dataClassName,
       << "data moved\n";
   for (const auto& [course, sum] : byCourse) {
     out << "  " << std::setw(26) << course << std::setw(7) << sum.items
-        << (sum.files ? std::to_string(sum.files) + " files, " + ByteCount(sum.bytes) : "-")
+        << (sum.files       ? std::to_string(sum.files) + " files, " + ByteCount(sum.bytes)
+            : sum.dataItems ? std::to_string(sum.dataItems) + " items"
+                            : "-")
         << "\n";
   }
   out << std::right;

@@ -136,7 +136,7 @@ int RunDemo(const DemoOptions& options) {
 
   const std::string jsonLog = *root + "/demo-log.jsonl";
   const auto start = std::chrono::steady_clock::now();
-  const int status = RunSelf({"migrate", "--root", *root, "--quiet", "--log-json", jsonLog});
+  const int status = RunSelf({"migrate", "--root", *root, "--quiet", "--count", "--log-json", jsonLog});
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 

@@ -39,6 +39,7 @@ struct MigrateOptions {
   bool quiet = false;
   bool noProgress = false;
   bool json = false;
+  bool count = false;
 };
 
 struct PluginOutcome {
@@ -96,8 +97,9 @@ std::string Seconds(double seconds) {
   return text;
 }
 
-PluginOutcome Run(MigratorPlugin& plugin, bool showBar, std::ostream* say) {
+PluginOutcome Run(MigratorPlugin& plugin, bool showBar, bool count, std::ostream* say) {
   PluginOutcome outcome;
+  if (auto* reporter = dynamic_cast<MigrationReporter*>(&plugin)) reporter->countDataItems(count);
   outcome.dataClassName = plugin.dataClassName();
   outcome.estimatedDuration = plugin.estimatedDuration();
   if (say) {
@@ -177,7 +179,7 @@ int RunMigrate(const MigrateOptions& options) {
   std::vector<PluginOutcome> outcomes;
   bool allSucceeded = true;
   for (LoadedPlugin& loaded : *plugins) {
-    outcomes.push_back(Run(*loaded.plugin, showBar, say));
+    outcomes.push_back(Run(*loaded.plugin, showBar, options.count, say));
     const PluginOutcome& o = outcomes.back();
     allSucceeded = allSucceeded && o.result;
     if (say) {
@@ -226,6 +228,8 @@ const CommandRegistration kMigrate(10, [](CLI::App& app, int* exitStatus) {
       ->excludes(verbose);
   command->add_flag("--no-progress", options->noProgress, "Do not draw a progress bar");
   command->add_flag("--json", options->json, "Print a JSON report on standard output");
+  command->add_flag("--count", options->count,
+                    "Count the files and bytes of each data item as it moves (walks them all)");
   command->callback([options, exitStatus] { *exitStatus = RunMigrate(*options); });
 });
 

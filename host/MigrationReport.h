@@ -37,8 +37,10 @@ struct ContainerReport {
   std::string course;      // one of the courses above
   std::string reason;      // the first failure the plug-in logged for the item; may be empty
   uint64_t dataItems = 0;  // user-data items moved into the data container
-  uint64_t dataFiles = 0;  // regular files among them
-  uint64_t dataBytes = 0;  // their sizes
+  // Their regular files and those files' sizes, counted only when the host asked for counts:
+  // counting walks every file the user has, where the moves themselves are renames.
+  uint64_t dataFiles = 0;
+  uint64_t dataBytes = 0;
   double seconds = 0;
 };
 
@@ -48,6 +50,8 @@ class MigrationReporter {
   // One entry per item of the old root, in the order the root listed them; complete once
   // the run has returned.
   virtual std::vector<ContainerReport> containerReports() const = 0;
+  // Asked before the run: count the files and bytes of each data item as it moves.
+  virtual void countDataItems(bool count) = 0;
 };
 
 }  // namespace vx

@@ -268,7 +268,8 @@ TEST(PlanEndToEndTest, HostileDeviceCoursesAreNamedAndTheFailingContainerIsRepor
       "bytes": 1000})"))
       << "a link's target is never counted, a FIFO never opened";
 
-  auto run = Host({"migrate", "--root", root, "--json", "--no-progress", "--quiet"}, t.path());
+  auto run = Host({"migrate", "--root", root, "--json", "--count", "--no-progress", "--quiet"},
+                  t.path());
   ASSERT_EQ(run.exitStatus, 1) << run.describe();
   const json report = json::parse(run.out);
   ExpectRunFollowsPlan(plan, report);
