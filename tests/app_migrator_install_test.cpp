@@ -4,8 +4,10 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <set>
 
 #include "filemanager/VXFileManager.h"
+#include "platform/installer/RecoveryArea.h"
 #include "support/MigratorTestKit.h"
 
 namespace vx {
@@ -57,9 +59,15 @@ TEST_F(ContainerMigrationTest, PlaceholderOnlyForANewApplicationAndNothingForAnO
 
 TEST_F(ContainerMigrationTest, ContainerStaysWithItsMarkerUnlessItsDataIsSafe) {
   workspace.outcomes.push_back({{}, false});
-  EXPECT_FALSE(migrator->_migrateContainerWithInfo(app("Refused", false)));
+  const ContainerInfo refused = app("Refused", false);
+  EXPECT_FALSE(migrator->_migrateContainerWithInfo(refused));
   EXPECT_TRUE(Exists(OldContainer("Refused/Documents/notes")));
-  EXPECT_TRUE(Exists(OldContainer("Refused") + kMarker));
+  ContainerInfo onDevice = refused;
+  for (const char* key : {"ContainerPath", "BundlePath"}) {
+    onDevice[key] = OnDevice(*refused.at(key).string());
+  }
+  EXPECT_EQ(ReadPropertyListDictionary(OldContainer("Refused") + kMarker), onDevice)
+      << "the marker names the container as the device does";
   EXPECT_TRUE(Logged(3, "Failed to install placeholder for com.Refused: " + kRefusal,
                      "-[VXAppMigrator _stageAndInstallPlaceholderForBundleAtURL:withIdentifier:"
                      "inContainerURL:]"));
@@ -70,31 +78,19 @@ TEST_F(ContainerMigrationTest, ContainerStaysWithItsMarkerUnlessItsDataIsSafe) {
   EXPECT_TRUE(Exists(data("Unwanted") + "/Documents/notes"));
   EXPECT_FALSE(Exists(OldContainer("Unwanted")));
 
-  // Store data the capture could not move stays behind as a missed item; it is installed all
-  // the same.
-  const ContainerInfo blocked = app("Blocked");
+  // What the application kept under "Staging" is set aside before the name is used, and the
+  // store data then moves as usual; an item missed after the installation leaves the old root
+  // with its container, for the recovery area. Both containers are done.
   WriteFile(OldContainer("Blocked/Staging/LyrandMetadata.plist/obstacle"), "");
-  EXPECT_FALSE(migrator->_migrateContainerWithInfo(blocked));
-  EXPECT_EQ(workspace.installs.size(), 3u);
-  EXPECT_TRUE(Exists(OldContainer("Blocked/LyrandMetadata.plist")));
-  EXPECT_TRUE(Exists(OldContainer("Blocked") + kMarker));
-  EXPECT_TRUE(log.contains("VXAppMigrator: Found missed items in " + OldContainer("Blocked"), 3));
-
-  // Installed, but an item was missed: kept, and a later run only tidies up.
-  const ContainerInfo untidy = app("Untidy");
+  EXPECT_TRUE(migrator->_migrateContainerWithInfo(app("Blocked")));
   WriteFile(OldContainer("Untidy/Unexpected"), "?");
-  EXPECT_FALSE(migrator->_migrateContainerWithInfo(untidy));
-  ContainerInfo onDevice = untidy;
-  for (const char* key : {"ContainerPath", "BundlePath"}) {
-    onDevice[key] = OnDevice(*untidy.at(key).string());
-  }
-  EXPECT_EQ(ReadPropertyListDictionary(OldContainer("Untidy") + kMarker), onDevice)
-      << "the marker names the container as the device does";
-  std::filesystem::remove(OldContainer("Untidy/Unexpected"));
-  const auto resumed = migrator->_introspectContainer(Dir(OldContainer("Untidy")), nullptr);
-  EXPECT_TRUE(resumed && migrator->_migrateContainerWithInfo(*resumed));
-  EXPECT_EQ(workspace.installs.size(), 4u) << "no second installation";
-  EXPECT_FALSE(Exists(OldContainer("Untidy")));
+  EXPECT_TRUE(migrator->_migrateContainerWithInfo(app("Untidy")));
+  EXPECT_EQ(workspace.installs.size(), 4u);
+  EXPECT_TRUE(log.contains("VXAppMigrator: Found missed items in " + OldContainer("Untidy"), 3));
+  EXPECT_FALSE(Exists(OldContainer("Blocked")) || Exists(OldContainer("Untidy")));
+  std::multiset<std::string> courses;
+  for (const RecoveredEntry& entry : RecoveredEntries()) courses.insert(entry.record.course);
+  EXPECT_EQ(courses, (std::multiset<std::string>{"InstallFailed", "LeftOver", "ReservedName"}));
 }
 
 TEST_F(ContainerMigrationTest, StagedPackageIsInstalledAsItLiesAndReportsDecideFailures) {
