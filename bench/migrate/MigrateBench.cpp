@@ -40,7 +40,12 @@ struct Options {
   int rounds = 3;
   unsigned long dataBytes = 16384;
   bool big = true;
+  // The data-heavy device: this many applications, each with this many more small files in
+  // its documents (0: no such device).
+  int heavyApps = 20;
+  int filesPerApp = 20000;
 };
+
 
 unsigned long long WriteBytesOf(pid_t pid) {
   std::ifstream io("/proc/" + std::to_string(pid) + "/io");
@@ -94,6 +99,31 @@ void Shell(const std::string& command) {
 
 std::string Quote(const std::string& s) { return "'" + s + "'"; }
 
+// Before a cold run: what the caches hold is written and then dropped (root only; otherwise
+// the runs are warm, and the report says so).
+bool DropCaches() {
+  ::sync();
+  std::ofstream drop("/proc/sys/vm/drop_caches");
+  drop << "3\n";
+  drop.flush();
+  return drop.good();
+}
+
+// Adds `files` files of a few bytes to the documents of every old container below `oldRoot`.
+void AddSmallFiles(const std::string& oldRoot, int files) {
+  Shell("for c in " + Quote(oldRoot) + "/*/; do [ -d \"$c/Documents\" ] && mkdir -p \"$c/Documents/heavy\"; done");
+  std::ifstream list;
+  const std::string names = oldRoot + "/../heavy-dirs";
+  Shell("ls -d " + Quote(oldRoot) + "/*/Documents/heavy > " + Quote(names));
+  list.open(names);
+  for (std::string dir; std::getline(list, dir);) {
+    for (int i = 0; i < files; ++i) {
+      std::ofstream(dir + "/f" + std::to_string(i)) << "bytes of file " << i << "\n";
+    }
+  }
+  Shell("rm -f " + Quote(names));
+}
+
 double Median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   const size_t n = values.size();
@@ -110,7 +140,7 @@ struct Outcome {
 
 // One device, `rounds` times: a fresh copy for each side, the order alternating.
 Outcome Compare(const Options& o, const std::string& master, const std::string& dir, int rounds,
-                bool timeApps) {
+                bool timeApps, bool cold = false) {
   Outcome out;
   const std::string vxmigrate = o.binDir + "/vxmigrate";
   const std::string floorProgram = o.binDir + "/vx_migration_floor";
@@ -121,9 +151,13 @@ Outcome Compare(const Options& o, const std::string& master, const std::string& 
           " " + Quote(floorCopy) + " && cp -a " + Quote(master) + " " + Quote(oursCopy) +
           " && sync");
     Run floorRun, oursRun;
-    auto runFloor = [&] { floorRun = Measure({floorProgram, floorCopy}, log); };
+    auto runFloor = [&] {
+      if (cold) DropCaches();
+      floorRun = Measure({floorProgram, floorCopy}, log);
+    };
     auto runOurs = [&] {
       Shell("mkdir -p " + Quote(dir + "/tmp"));
+      if (cold) DropCaches();
       oursRun = Measure({vxmigrate, "migrate", "--root", oursCopy, "--quiet", "--no-progress"}, log,
                         dir + "/tmp");
     };
@@ -202,10 +236,15 @@ int main(int argc, char** argv) {
       o.dataBytes = std::strtoul(next().c_str(), nullptr, 10);
     else if (arg == "--no-big")
       o.big = false;
+    else if (arg == "--files-per-app")
+      o.filesPerApp = std::max(0, std::atoi(next().c_str()));
+    else if (arg == "--heavy-apps")
+      o.heavyApps = std::max(1, std::atoi(next().c_str()));
     else {
       std::fprintf(stderr,
                    "usage: vx_migrate_bench --bin-dir DIR --work-dir DIR [--sizes "
-                   "1000,10000] [--rounds N] [--data-bytes N] [--big-dir DIR] [--no-big]\n");
+                   "1000,10000] [--rounds N] [--data-bytes N] [--big-dir DIR] [--no-big] "
+                   "[--heavy-apps N] [--files-per-app N]\n");
       return 2;
     }
   }
@@ -238,6 +277,23 @@ int main(int argc, char** argv) {
     std::printf("t(%d)/t(%d) = %.2f (apps ratio %.0f)\n", oursBySize[i].first, oursBySize[0].first,
                 oursBySize[i].second / oursBySize[0].second,
                 double(oursBySize[i].first) / oursBySize[0].first);
+  }
+
+  if (o.filesPerApp > 0) {
+    const std::string dir = o.workDir + "/data-heavy";
+    const std::string master = dir + "/device";
+    Shell("rm -rf " + Quote(dir) + " && mkdir -p " + Quote(dir));
+    Shell(Quote(vxmigrate) + " sample-device " + Quote(master) + " --apps " +
+          std::to_string(o.heavyApps) + " --data-bytes " + std::to_string(o.dataBytes) +
+          " >/dev/null");
+    AddSmallFiles(master + "/private/var/mobile/Applications", o.filesPerApp);
+    const bool cold = DropCaches();
+    std::printf("  %d apps with %d more small files each (caches %s before each run):\n",
+                o.heavyApps, o.filesPerApp, cold ? "dropped" : "warm: not root");
+    const Outcome r = Compare(o, master, dir, o.rounds, false, cold);
+    Print("data-heavy", r);
+    std::fflush(stdout);
+    Shell("rm -rf " + Quote(dir));
   }
 
   if (o.big) {
